@@ -1,0 +1,4 @@
+#pragma once
+#include "QbVec3.h"
+
+using QbVec3i = QbVec3<int>;
