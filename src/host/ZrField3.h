@@ -4,6 +4,8 @@
 #include "ZrLattice3.h"
 #include "ZrSpatialData.h"
 
+class ZrLocation3;
+
 class ZrField3 : public ZrSpatialData {
   QB_TYPE_HEADER(ZrField3)
 public:
@@ -18,6 +20,13 @@ public:
   int primType() const { return lattice.primType(); }
   int nDataVar() const { return lattice.nDataVar(); }
   ZrCoordType coordType() const { return lattice.coords()->coordType(); }
+
+  // The field's standard interpolation: a location for this field (owned by the
+  // caller), and the value at it, per component, as float or in the field's
+  // own voxel type.
+  virtual ZrLocation3* createLocation();
+  virtual void eval(ZrLocation3* location, float* result);
+  virtual void evalNative(ZrLocation3* location, void* result);
 
   ZrLattice3 lattice;
 };
