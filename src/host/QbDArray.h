@@ -76,8 +76,10 @@ public:
     resize(mSize + 1);
     mData[mSize - 1] = std::move(copy);
   }
+  // Inserts before pos; a position outside 0..size() is clamped to it.
   void insert(int pos, const T& x) {
-    T copy = x;
+    pos = std::max(0, std::min(pos, mSize));
+    T copy = x; // x may live in this array
     resize(mSize + 1);
     for (int i = mSize - 1; i > pos; i--)
       mData[i] = std::move(mData[i - 1]);

@@ -39,12 +39,25 @@ template <> struct QbPrimTypeOf<uint16_t> { static constexpr int value = QB_UINT
 // becomes a type: inner loops are instantiated per type behind it.
 template <class F> bool qbDispatchVoxelType(int type, F&& f) {
   switch (type) {
-  case QB_UINT8: f(uint8_t()); return true;
-  case QB_INT16: f(int16_t()); return true;
-  case QB_INT32: f(int32_t()); return true;
-  case QB_FLOAT: f(float()); return true;
-  case QB_DOUBLE: f(double()); return true;
-  case QB_UINT16: f(uint16_t()); return true;
-  default: return false;
+  case QB_UINT8:
+    f(uint8_t());
+    return true;
+  case QB_INT16:
+    f(int16_t());
+    return true;
+  case QB_INT32:
+    f(int32_t());
+    return true;
+  case QB_FLOAT:
+    f(float());
+    return true;
+  case QB_DOUBLE:
+    f(double());
+    return true;
+  case QB_UINT16:
+    f(uint16_t());
+    return true;
+  default:
+    return false;
   }
 }

@@ -1,9 +1,8 @@
 #pragma once
-// 4x4 matrix in float precision, Open Inventor conventions: row vectors
+// 4x4 matrix in float precision, scene-graph conventions: row vectors
 // (p' = p * M), the translation in row 3, and in A * B the matrix A acts first.
-#include "SbVec3f.h"
-#include "SbVec3f.h"
 #include "SbVec3d.h"
+#include "SbVec3f.h"
 
 class SbMatrixd;
 class SbRotationd;
@@ -13,8 +12,8 @@ public:
   float m[4][4];
 
   SbMatrix(); // identity
-  SbMatrix(float a11, float a12, float a13, float a14, float a21, float a22, float a23, float a24, float a31, float a32, float a33,
-     float a34, float a41, float a42, float a43, float a44);
+  SbMatrix(float a11, float a12, float a13, float a14, float a21, float a22, float a23, float a24,
+           float a31, float a32, float a33, float a34, float a41, float a42, float a43, float a44);
   explicit SbMatrix(const float v[4][4]);
   explicit SbMatrix(const SbMatrixd& other);
 
@@ -39,11 +38,13 @@ public:
   void setRotate(const SbRotationd& r);
   // M = -C * SO^-1 * S * SO * R * C * T: scale about the centre in the scale
   // orientation, then rotate about the centre, then translate.
-  void setTransform(const SbVec3f& translation, const SbRotationd& rotation, const SbVec3f& scaleFactor,
-                    const SbRotationd& scaleOrientation, const SbVec3f& center);
-  void setTransform(const SbVec3f& translation, const SbRotationd& rotation, const SbVec3f& scaleFactor,
-                    const SbRotationd& scaleOrientation);
-  void setTransform(const SbVec3f& translation, const SbRotationd& rotation, const SbVec3f& scaleFactor);
+  void setTransform(const SbVec3f& translation, const SbRotationd& rotation,
+                    const SbVec3f& scaleFactor, const SbRotationd& scaleOrientation,
+                    const SbVec3f& center);
+  void setTransform(const SbVec3f& translation, const SbRotationd& rotation,
+                    const SbVec3f& scaleFactor, const SbRotationd& scaleOrientation);
+  void setTransform(const SbVec3f& translation, const SbRotationd& rotation,
+                    const SbVec3f& scaleFactor);
   // Decomposition matching setTransform, for a given centre. A reflection shows
   // as a negative scale factor. Returns false for a singular or projective matrix.
   bool getTransform(SbVec3f& translation, SbRotationd& rotation, SbVec3f& scaleFactor,

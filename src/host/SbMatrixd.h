@@ -1,9 +1,8 @@
 #pragma once
-// 4x4 matrix in double precision, Open Inventor conventions: row vectors
+// 4x4 matrix in double precision, scene-graph conventions: row vectors
 // (p' = p * M), the translation in row 3, and in A * B the matrix A acts first.
 #include "SbVec3d.h"
 #include "SbVec3f.h"
-#include "SbVec3d.h"
 
 class SbMatrix;
 class SbRotationd;
@@ -13,8 +12,9 @@ public:
   double m[4][4];
 
   SbMatrixd(); // identity
-  SbMatrixd(double a11, double a12, double a13, double a14, double a21, double a22, double a23, double a24, double a31, double a32, double a33,
-     double a34, double a41, double a42, double a43, double a44);
+  SbMatrixd(double a11, double a12, double a13, double a14, double a21, double a22, double a23,
+            double a24, double a31, double a32, double a33, double a34, double a41, double a42,
+            double a43, double a44);
   explicit SbMatrixd(const double v[4][4]);
   explicit SbMatrixd(const SbMatrix& other);
 
@@ -39,11 +39,13 @@ public:
   void setRotate(const SbRotationd& r);
   // M = -C * SO^-1 * S * SO * R * C * T: scale about the centre in the scale
   // orientation, then rotate about the centre, then translate.
-  void setTransform(const SbVec3d& translation, const SbRotationd& rotation, const SbVec3d& scaleFactor,
-                    const SbRotationd& scaleOrientation, const SbVec3d& center);
-  void setTransform(const SbVec3d& translation, const SbRotationd& rotation, const SbVec3d& scaleFactor,
-                    const SbRotationd& scaleOrientation);
-  void setTransform(const SbVec3d& translation, const SbRotationd& rotation, const SbVec3d& scaleFactor);
+  void setTransform(const SbVec3d& translation, const SbRotationd& rotation,
+                    const SbVec3d& scaleFactor, const SbRotationd& scaleOrientation,
+                    const SbVec3d& center);
+  void setTransform(const SbVec3d& translation, const SbRotationd& rotation,
+                    const SbVec3d& scaleFactor, const SbRotationd& scaleOrientation);
+  void setTransform(const SbVec3d& translation, const SbRotationd& rotation,
+                    const SbVec3d& scaleFactor);
   // Decomposition matching setTransform, for a given centre. A reflection shows
   // as a negative scale factor. Returns false for a singular or projective matrix.
   bool getTransform(SbVec3d& translation, SbRotationd& rotation, SbVec3d& scaleFactor,

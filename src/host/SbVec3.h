@@ -1,5 +1,5 @@
 #pragma once
-// Open Inventor style 3-vector; SbVec3f and SbVec3d are its instances.
+// Scene-graph style 3-vector; SbVec3f and SbVec3d are its instances.
 #include "QbVec3.h"
 
 template <class T> class SbVec3 : public QbVec3<T> {

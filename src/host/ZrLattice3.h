@@ -10,8 +10,7 @@ public:
   // coords is adopted. data, if given, is adopted and must come from qbmalloc
   // with room for the whole lattice; otherwise zeroed data is allocated
   // (qbmalloc: QbMemoryException when it cannot be had).
-  ZrLattice3(const int dims[3], int nDataVar, int primType, ZrCoord3* coords,
-             void* data = nullptr);
+  ZrLattice3(const int dims[3], int nDataVar, int primType, ZrCoord3* coords, void* data = nullptr);
   ZrLattice3(const ZrLattice3& o); // deep copy
   ZrLattice3& operator=(const ZrLattice3&) = delete;
   ~ZrLattice3();

@@ -14,6 +14,12 @@ class ZrObject : public QbHandable, public QbInterfaceOwner {
   QB_TYPE_HEADER(ZrObject)
 public:
   ZrObject();
+  // A copy has the name, icon state and touch state of the original, but is in
+  // no pool, is read by no connection and has a reference count of 0.
+  ZrObject(const ZrObject& o);
+  // Copies name, icon state and touch state; pool membership and downstream
+  // connections stay those of this object.
+  ZrObject& operator=(const ZrObject& o);
   ~ZrObject() override;
 
   const char* getName() const { return name.c_str(); }
@@ -54,4 +60,7 @@ protected:
   bool inPool = false;
   unsigned int touchMask = 0;
   QbDArray<ZrConnection*> downstream;
+  // Set while fire() runs, so that a loop of connections back to this object
+  // does not fire it again.
+  bool firing = false;
 };

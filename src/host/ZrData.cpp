@@ -1,0 +1,3 @@
+#include "ZrData.h"
+
+QB_TYPE_SOURCE(ZrData, ZrObject, nullptr)

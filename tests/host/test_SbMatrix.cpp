@@ -1,0 +1,311 @@
+// 4x4 matrices in the row-vector convention: products and their order,
+// inverses, point and direction mapping, and composing and decomposing
+// transforms with a centre, a scale orientation and reflections.
+#include "SbMatrix.h"
+#include "SbMatrixd.h"
+#include "SbRotationd.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+const double kPi = 3.14159265358979323846;
+
+void expectVecNear(const SbVec3d& a, const SbVec3d& b, double tol) {
+  EXPECT_NEAR(a.x, b.x, tol);
+  EXPECT_NEAR(a.y, b.y, tol);
+  EXPECT_NEAR(a.z, b.z, tol);
+}
+
+SbVec3d point(const SbMatrixd& m, const SbVec3d& p) {
+  SbVec3d r;
+  m.multVecMatrix(p, r);
+  return r;
+}
+
+SbMatrixd translation(double x, double y, double z) {
+  SbMatrixd m;
+  m.setTranslate(SbVec3d(x, y, z));
+  return m;
+}
+
+SbMatrixd rotation(const SbVec3d& axis, double angle) {
+  SbMatrixd m;
+  m.setRotate(SbRotationd(axis, angle));
+  return m;
+}
+
+// An affine matrix with everything in it.
+SbMatrixd generalAffine() {
+  return SbMatrixd(1.2, 0.3, -0.4, 0, -0.2, 0.9, 0.5, 0, 0.7, -0.1, 2.1, 0, 10, -20, 5.5, 1);
+}
+
+// 1e-12, or a few units of the last place for matrices with large entries
+// (a translation about a far centre).
+double roundTripTolerance(const SbMatrixd& m) {
+  double big = 0.0;
+  for (int i = 0; i < 4; i++)
+    for (int j = 0; j < 4; j++)
+      big = std::max(big, std::fabs(m[i][j]));
+  return std::max(1e-12, 4e-15 * big);
+}
+
+} // namespace
+
+TEST(SbMatrix, ProductOrderFollowsTheRowVectorConvention) {
+  SbMatrixd t = translation(1, 0, 0);
+  SbMatrixd r = rotation(SbVec3d(0, 0, 1), kPi / 2);
+  // t * r: translate first, then rotate: the origin goes to (1,0,0), then (0,1,0).
+  expectVecNear(point(t * r, SbVec3d(0, 0, 0)), SbVec3d(0, 1, 0), 1e-15);
+  // r * t: the origin stays under the rotation and is then translated.
+  expectVecNear(point(r * t, SbVec3d(0, 0, 0)), SbVec3d(1, 0, 0), 1e-15);
+  expectVecNear(point(t * r, SbVec3d(1, 0, 0)), SbVec3d(0, 2, 0), 1e-15);
+
+  SbMatrixd m = t;
+  m.multRight(r);
+  EXPECT_TRUE(m == t * r);
+  m = t;
+  m.multLeft(r);
+  EXPECT_TRUE(m == r * t);
+  m = t;
+  m *= r;
+  EXPECT_TRUE(m == t * r);
+
+  // Composition of point maps: p * (a * b) = (p * a) * b.
+  SbMatrixd a = generalAffine(), b = rotation(SbVec3d(1, 2, 3), 0.3) * translation(-1, 2, 0.5);
+  const SbVec3d p(0.3, -1.7, 2.2);
+  expectVecNear(point(a * b, p), point(b, point(a, p)), 1e-13);
+
+  SbMatrixd s;
+  s.setScale(SbVec3d(2, 3, 4));
+  expectVecNear(point(s, SbVec3d(1, 1, 1)), SbVec3d(2, 3, 4), 0.0);
+  s.setScale(0.5);
+  expectVecNear(point(s, SbVec3d(2, 4, 6)), SbVec3d(1, 2, 3), 0.0);
+  EXPECT_TRUE(SbMatrixd::identity().isIdentity());
+  EXPECT_FALSE(s.isIdentity());
+  EXPECT_TRUE(s.transpose().transpose() == s);
+  EXPECT_EQ(a.transpose()[3][0], a[0][3]);
+  EXPECT_EQ(a.transpose()[0][3], a[3][0]);
+}
+
+TEST(SbMatrix, InverseAndDeterminants) {
+  SbMatrixd a = generalAffine();
+  EXPECT_TRUE((a * a.inverse()).equals(SbMatrixd::identity(), 1e-14));
+  EXPECT_TRUE((a.inverse() * a).equals(SbMatrixd::identity(), 1e-14));
+  expectVecNear(point(a.inverse(), point(a, SbVec3d(1, 2, 3))), SbVec3d(1, 2, 3), 1e-13);
+
+  // A projective matrix, inverted as a whole.
+  SbMatrixd p(2, 0.1, 0, 0.01, 0, 1.5, 0.2, -0.02, 0.3, 0, 1, 0.005, 1, 2, 3, 1);
+  EXPECT_TRUE((p * p.inverse()).equals(SbMatrixd::identity(), 1e-14));
+  EXPECT_NEAR((p * a).det4(), p.det4() * a.det4(), 1e-12);
+  EXPECT_NEAR(p.inverse().det4(), 1.0 / p.det4(), 1e-12);
+  // det3 reads only the upper-left part: for a it is the whole determinant.
+  EXPECT_NEAR(a.det3(), a.det4(), 1e-14);
+  SbMatrixd s;
+  s.setScale(SbVec3d(2, -3, 0.5));
+  EXPECT_DOUBLE_EQ(s.det3(), -3.0);
+
+  // A singular matrix has no inverse: the result is the matrix itself.
+  SbMatrixd flat;
+  flat.setScale(SbVec3d(1, 0, 1));
+  flat[3][1] = 4;
+  EXPECT_TRUE(flat.inverse() == flat);
+  SbMatrixd singularProjective(1, 2, 3, 4, 2, 4, 6, 8, 0, 1, 0, 1, 1, 0, 0, 1);
+  EXPECT_EQ(singularProjective.det4(), 0.0);
+  EXPECT_TRUE(singularProjective.inverse() == singularProjective);
+}
+
+TEST(SbMatrix, PointsAreDividedDirectionsIgnoreTranslation) {
+  // Column 3 = (1, 0, 0, 2): w = x + 2.
+  SbMatrixd m(1, 0, 0, 1, 0, 1, 0, 0, 0, 0, 1, 0, 3, 4, 5, 2);
+  SbVec3d r = point(m, SbVec3d(2, 4, 6));
+  // (2+3, 4+4, 6+5) / (2+2)
+  expectVecNear(r, SbVec3d(5.0 / 4, 8.0 / 4, 11.0 / 4), 1e-15);
+  SbVec3d d;
+  m.multDirMatrix(SbVec3d(2, 4, 6), d);
+  expectVecNear(d, SbVec3d(2, 4, 6), 0.0);
+
+  SbMatrixd t = generalAffine();
+  t.multDirMatrix(SbVec3d(1, 0, 0), d);
+  expectVecNear(d, SbVec3d(1.2, 0.3, -0.4), 0.0);
+  // In place.
+  SbVec3d v(0, 0, 0);
+  t.multVecMatrix(v, v);
+  expectVecNear(v, SbVec3d(10, -20, 5.5), 0.0);
+
+  // The float overloads agree to single precision.
+  SbVec3f vf;
+  t.multVecMatrix(SbVec3f(1, 2, 3), vf);
+  SbVec3d vd = point(t, SbVec3d(1, 2, 3));
+  expectVecNear(SbVec3d(vf), vd, 1e-5);
+  SbMatrix tf(t);
+  tf.multVecMatrix(SbVec3f(1, 2, 3), vf);
+  expectVecNear(SbVec3d(vf), vd, 1e-4);
+}
+
+TEST(SbMatrix, SetTransformComposesAboutTheCentre) {
+  // Scale 2, then a quarter turn about z, both about the centre (1,0,0), then
+  // a translation by (1,2,3).
+  SbMatrixd m;
+  m.setTransform(SbVec3d(1, 2, 3), SbRotationd(SbVec3d(0, 0, 1), kPi / 2), SbVec3d(2, 2, 2),
+                 SbRotationd(), SbVec3d(1, 0, 0));
+  // The centre only moves by the translation.
+  expectVecNear(point(m, SbVec3d(1, 0, 0)), SbVec3d(2, 2, 3), 1e-15);
+  // (2,0,0) is one unit along x from the centre: two units after the scale,
+  // along y after the turn.
+  expectVecNear(point(m, SbVec3d(2, 0, 0)), SbVec3d(2, 4, 3), 1e-15);
+
+  // The scale orientation turns the scaling axes: a scale of 3 along the
+  // diagonal x = y of the xy plane.
+  SbMatrixd d;
+  d.setTransform(SbVec3d(0, 0, 0), SbRotationd(), SbVec3d(3, 1, 1),
+                 SbRotationd(SbVec3d(0, 0, 1), kPi / 4));
+  // In the row-vector convention SO^-1 * S * SO maps a point into the frame
+  // of SO^-1 first: the x axis of the scaling frame is SO applied to x.
+  SbVec3d axis;
+  SbRotationd(SbVec3d(0, 0, 1), kPi / 4).multVec(SbVec3d(1, 0, 0), axis);
+  expectVecNear(point(d, axis), axis * 3.0, 1e-15);
+  SbVec3d across(-axis.y, axis.x, 0);
+  expectVecNear(point(d, across), across, 1e-15);
+
+  // The shorter forms have no centre and no scale orientation.
+  SbMatrixd full, shorter;
+  SbRotationd r(SbVec3d(1, 1, 1), 0.5);
+  full.setTransform(SbVec3d(1, 2, 3), r, SbVec3d(1, 2, 3), SbRotationd(), SbVec3d(0, 0, 0));
+  shorter.setTransform(SbVec3d(1, 2, 3), r, SbVec3d(1, 2, 3));
+  EXPECT_TRUE(full == shorter);
+  SbMatrixd product;
+  product.setScale(SbVec3d(1, 2, 3));
+  product.multRight(rotation(SbVec3d(1, 1, 1), 0.5));
+  product.multRight(translation(1, 2, 3));
+  EXPECT_TRUE(full.equals(product, 1e-15));
+}
+
+TEST(SbMatrix, GetTransformRoundTrips) {
+  const SbVec3d ts[] = {SbVec3d(0, 0, 0), SbVec3d(12.5, -3, 100)};
+  const SbRotationd rs[] = {SbRotationd(), SbRotationd(SbVec3d(1, 2, 3), 0.7),
+                            SbRotationd(SbVec3d(-1, 0.2, 0.1), 2.9)};
+  const SbVec3d ss[] = {SbVec3d(1, 1, 1), SbVec3d(2, 0.5, 3), SbVec3d(1e-3, 40, 1.5)};
+  const SbRotationd sos[] = {SbRotationd(), SbRotationd(SbVec3d(0.3, -1, 0.5), 1.1)};
+  const SbVec3d cs[] = {SbVec3d(0, 0, 0), SbVec3d(64, -12, 7.5)};
+  for (const SbVec3d& t : ts)
+    for (const SbRotationd& r : rs)
+      for (const SbVec3d& s : ss)
+        for (const SbRotationd& so : sos)
+          for (const SbVec3d& c : cs) {
+            SbMatrixd m;
+            m.setTransform(t, r, s, so, c);
+            SbVec3d t2, s2;
+            SbRotationd r2, so2;
+            ASSERT_TRUE(m.getTransform(t2, r2, s2, so2, c));
+            SbMatrixd back;
+            back.setTransform(t2, r2, s2, so2, c);
+            EXPECT_TRUE(back.equals(m, roundTripTolerance(m)));
+            // Translation and rotation are unique; the scale only up to the
+            // order of its axes.
+            expectVecNear(t2, t, 1e-12);
+            EXPECT_TRUE(r2.equals(r, 1e-12));
+            double a[3] = {s.x, s.y, s.z}, b[3] = {s2.x, s2.y, s2.z};
+            std::sort(a, a + 3);
+            std::sort(b, b + 3);
+            for (int i = 0; i < 3; i++)
+              EXPECT_NEAR(b[i], a[i], 1e-12 * std::max(1.0, a[i]));
+            // Without a scale orientation the factors come back in their own
+            // order and the orientation as none.
+            if (so.equals(SbRotationd(), 0.0) && s.x != s.y) {
+              expectVecNear(s2, s, 1e-12);
+              EXPECT_TRUE(so2.equals(SbRotationd(), 1e-12));
+            }
+          }
+}
+
+TEST(SbMatrix, GetTransformShowsAReflectionAsANegativeScale) {
+  SbRotationd r(SbVec3d(0.2, 1, -0.4), 0.35);
+  SbVec3d t(1, -2, 3), c(5, 5, 5);
+  const SbVec3d scales[] = {SbVec3d(-1.5, 2, 0.5), SbVec3d(1, 1, -1), SbVec3d(-2, -3, -4)};
+  for (const SbVec3d& s : scales) {
+    SbMatrixd m;
+    m.setTransform(t, r, s, SbRotationd(), c);
+    EXPECT_LT(m.det3(), 0.0);
+    SbVec3d t2, s2;
+    SbRotationd r2, so2;
+    ASSERT_TRUE(m.getTransform(t2, r2, s2, so2, c));
+    SbMatrixd back;
+    back.setTransform(t2, r2, s2, so2, c);
+    EXPECT_TRUE(back.equals(m, roundTripTolerance(m)));
+    EXPECT_LT(s2.x * s2.y * s2.z, 0.0);
+    expectVecNear(t2, t, 1e-12);
+  }
+  // A single mirrored axis of a slightly rotated matrix is read back as it
+  // was set: the smallest rotation is preferred.
+  SbMatrixd m;
+  m.setTransform(t, r, SbVec3d(-1.5, 2, 0.5), SbRotationd(), c);
+  SbVec3d t2, s2;
+  SbRotationd r2, so2;
+  ASSERT_TRUE(m.getTransform(t2, r2, s2, so2, c));
+  expectVecNear(s2, SbVec3d(-1.5, 2, 0.5), 1e-12);
+  EXPECT_TRUE(r2.equals(r, 1e-12));
+}
+
+TEST(SbMatrix, GetTransformRefusesSingularAndProjectiveMatrices) {
+  SbVec3d t, s;
+  SbRotationd r, so;
+  SbMatrixd flat;
+  flat.setScale(SbVec3d(2, 0, 1));
+  flat[3][0] = 7;
+  EXPECT_FALSE(flat.getTransform(t, r, s, so));
+  expectVecNear(t, SbVec3d(7, 0, 0), 0.0);
+  SbMatrixd proj;
+  proj[0][3] = 0.1;
+  EXPECT_FALSE(proj.getTransform(t, r, s, so));
+
+  // A homogeneous factor alone is divided out.
+  SbMatrixd m;
+  m.setTransform(SbVec3d(1, 2, 3), SbRotationd(SbVec3d(0, 1, 0), 0.4), SbVec3d(2, 3, 4));
+  SbMatrixd twice = m;
+  for (int i = 0; i < 4; i++)
+    for (int j = 0; j < 4; j++)
+      twice[i][j] *= 2.0;
+  ASSERT_TRUE(twice.getTransform(t, r, s, so));
+  expectVecNear(t, SbVec3d(1, 2, 3), 1e-13);
+  expectVecNear(s, SbVec3d(2, 3, 4), 1e-13);
+  EXPECT_TRUE(r.equals(SbRotationd(SbVec3d(0, 1, 0), 0.4), 1e-13));
+}
+
+TEST(SbMatrix, FloatAndDoubleConvertBothWays) {
+  SbMatrixd d = generalAffine() * rotation(SbVec3d(1, 2, 3), 0.123456789);
+  SbMatrix f(d);
+  for (int i = 0; i < 4; i++)
+    for (int j = 0; j < 4; j++)
+      EXPECT_EQ(f[i][j], float(d[i][j]));
+  // Widening is exact, so narrowing again gives the same floats.
+  SbMatrixd wide(f);
+  SbMatrix again;
+  again.setValue(wide);
+  EXPECT_TRUE(again == f);
+  for (int i = 0; i < 4; i++)
+    for (int j = 0; j < 4; j++)
+      EXPECT_EQ(wide[i][j], double(f[i][j]));
+
+  // Single-precision operations agree with the double ones to float accuracy.
+  SbMatrix g(rotation(SbVec3d(0, 0, 1), 0.3) * translation(1, 2, 3));
+  SbMatrix fg = f * g;
+  EXPECT_TRUE(SbMatrixd(fg).equals(SbMatrixd(f) * SbMatrixd(g), 1e-5));
+  SbMatrix h = f;
+  h.multLeft(g);
+  EXPECT_TRUE(SbMatrixd(h).equals(SbMatrixd(g) * SbMatrixd(f), 1e-5));
+  EXPECT_TRUE((f * f.inverse()).equals(SbMatrix::identity(), 1e-5));
+
+  SbMatrix sf;
+  sf.setTransform(SbVec3f(1, 2, 3), SbRotationd(SbVec3d(1, 0, 1), 0.5), SbVec3f(2, 1, 0.5),
+                  SbRotationd(), SbVec3f(4, 4, 4));
+  SbVec3f tf, scf;
+  SbRotationd rf, sof;
+  ASSERT_TRUE(sf.getTransform(tf, rf, scf, sof, SbVec3f(4, 4, 4)));
+  expectVecNear(SbVec3d(tf), SbVec3d(1, 2, 3), 1e-5);
+  expectVecNear(SbVec3d(scf), SbVec3d(2, 1, 0.5), 1e-5);
+  EXPECT_TRUE(rf.equals(SbRotationd(SbVec3d(1, 0, 1), 0.5), 1e-5));
+}

@@ -1,0 +1,109 @@
+// Worker threads: start, run, wait, and errors raised inside run().
+#include "QbMemoryException.h"
+#include "ZrThread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// Sums a slice of numbers, as the workers of a split evaluation do.
+class SumThread : public ZrThread {
+public:
+  SumThread(const std::vector<double>* d, size_t b, size_t e) : data(d), begin(b), end(e) {}
+  ~SumThread() override { wait(); }
+  double sum = 0.0;
+  std::thread::id ranOn;
+
+protected:
+  void run() override {
+    ranOn = std::this_thread::get_id();
+    for (size_t i = begin; i < end; i++)
+      sum += (*data)[i];
+  }
+
+private:
+  const std::vector<double>* data;
+  size_t begin, end;
+};
+
+class Throwing : public ZrThread {
+public:
+  ~Throwing() override { wait(); }
+
+protected:
+  void run() override { throw QbMemoryException(1234); }
+};
+
+class Gate : public ZrThread {
+public:
+  ~Gate() override { wait(); }
+  std::atomic<bool> open{false};
+  std::atomic<bool> done{false};
+
+protected:
+  void run() override {
+    while (!open.load())
+      std::this_thread::yield();
+    done = true;
+  }
+};
+
+} // namespace
+
+TEST(ZrThread, WorkersSplitASum) {
+  std::vector<double> data(100000);
+  for (size_t i = 0; i < data.size(); i++)
+    data[i] = (double)i;
+  const int n = 8;
+  std::vector<std::unique_ptr<SumThread>> threads;
+  for (int t = 0; t < n; t++)
+    threads.emplace_back(new SumThread(&data, data.size() * t / n, data.size() * (t + 1) / n));
+  for (auto& t : threads)
+    ASSERT_TRUE(t->start());
+  double total = 0.0;
+  for (auto& t : threads) {
+    t->wait();
+    EXPECT_FALSE(t->isStarted());
+    EXPECT_NE(t->ranOn, std::this_thread::get_id());
+    total += t->sum;
+  }
+  EXPECT_DOUBLE_EQ(total, 99999.0 * 100000.0 / 2.0);
+
+  // A thread object can be started again after wait().
+  threads[0]->sum = 0.0;
+  ASSERT_TRUE(threads[0]->start());
+  threads[0]->wait();
+  EXPECT_DOUBLE_EQ(threads[0]->sum, 12499.0 * 12500.0 / 2.0);
+}
+
+TEST(ZrThread, StartWhileRunningIsRefusedAndWaitBlocks) {
+  Gate g;
+  g.wait(); // not started: returns at once
+  ASSERT_TRUE(g.start());
+  EXPECT_TRUE(g.isStarted());
+  EXPECT_FALSE(g.start());
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(g.done.load());
+  g.open = true;
+  g.wait();
+  EXPECT_TRUE(g.done.load());
+}
+
+TEST(ZrThread, ExceptionsFromRunReachWait) {
+  Throwing t;
+  ASSERT_TRUE(t.start());
+  try {
+    t.wait();
+    FAIL() << "no exception";
+  } catch (const QbMemoryException& e) {
+    EXPECT_EQ(e.getNumBytes(), 1234u);
+  }
+  // Reported once.
+  t.wait();
+}
