@@ -1,5 +1,7 @@
 #pragma once
-// Evaluates a field at locations it created.
+// Evaluates a field at locations it created. One evaluator may serve several
+// threads at once, each with a location of its own; an evaluation allocates
+// nothing. At a location outside the field every component is 0.
 class ZrLocation3;
 
 class ZrFieldEvaluator {

@@ -10,7 +10,7 @@ public:
   // unknown voxel type, components other than 1 to 3, a dimension below 1) or
   // the memory cannot be had. Uniform coordinates start with the box
   // [0, dims-1] per axis, curvilinear ones at node (i, j, k) = (i, j, k).
-  // data, if given, is adopted (qbmalloc'd).
+  // data, if given, is adopted (qbmalloc'd); on failure it stays the caller's.
   static ZrRegVectorField3* create(const int dims[3], int primType, ZrCoordType coordType,
                                    void* data = nullptr);
   static ZrRegVectorField3* create(const int dims[3], int numComponents, int primType,
@@ -20,5 +20,7 @@ public:
   float* floatData() { return static_cast<float*>(lattice.dataPtr()); }
 
 protected:
+  static ZrRegVectorField3* createWith(const int dims[3], int numComponents, int primType,
+                                       ZrCoordType coordType, void* data);
   ZrRegVectorField3(const int dims[3], int nComp, int primType, ZrCoord3* coords, void* data);
 };

@@ -1,0 +1,437 @@
+// Resampling: grey reduction (box, type, mean, exactness on ramps,
+// anti-aliasing, enlargement), label reduction (known majorities, no invented
+// labels), stacked and curvilinear coordinates, and the module's ports.
+#include "QbPrimType.h"
+#include "ZrCurvilinearCoord3.h"
+#include "ZrObjectPool.h"
+#include "ZrResample.h"
+#include "ZrStackedLabelField3.h"
+#include "ZrUniformLabelField3.h"
+#include "ZrWorkArea.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <memory>
+#include <random>
+#include <set>
+
+namespace {
+
+using FieldPtr = std::unique_ptr<ZrRegScalarField3>;
+
+// Fills a field with f(x, y, z) at its node positions.
+template <class F> void fill(ZrRegScalarField3& field, F f) {
+  const int* d = field.getDims();
+  const ZrCoord3* c = field.lattice.coords();
+  size_t idx = 0;
+  for (int k = 0; k < d[2]; k++)
+    for (int j = 0; j < d[1]; j++)
+      for (int i = 0; i < d[0]; i++, idx++) {
+        float p[3];
+        c->pos(i, j, k, p);
+        field.lattice.setValue(idx, f(p[0], p[1], p[2]));
+      }
+}
+
+double mean(const ZrRegScalarField3& field) {
+  double s = 0.0;
+  const size_t n = field.lattice.numNodes();
+  for (size_t i = 0; i < n; i++)
+    s += field.lattice.getValueAsDouble(i);
+  return s / double(n);
+}
+
+void expectBox(const ZrSpatialData& a, const ZrSpatialData& b) {
+  float ba[6], bb[6];
+  a.getBoundingBox(ba);
+  b.getBoundingBox(bb);
+  for (int i = 0; i < 6; i++)
+    EXPECT_EQ(ba[i], bb[i]) << "box entry " << i;
+}
+
+const float kBox[6] = {-10.0f, 10.0f, 0.0f, 7.0f, 5.0f, 9.0f};
+
+double smooth(float x, float y, float z) {
+  return 1000.0 + 200.0 * std::sin(0.4 * x) + 120.0 * std::cos(0.5 * y + 0.3 * z) + 15.0 * x;
+}
+
+} // namespace
+
+TEST(ZrResampleGrey, ReductionKeepsBoxTypeAndMean) {
+  const int dims[3] = {40, 36, 30};
+  const int target[3] = {20, 18, 15};
+  for (int type : {QB_FLOAT, QB_INT16, QB_UINT16}) {
+    ZrUniformScalarField3 in(dims, type, kBox);
+    fill(in, smooth);
+    SbMatrixd m;
+    m.setTranslate(SbVec3d(1, 2, 3));
+    in.setTransform(m);
+    const double inMean = mean(in);
+    for (int filter = 0; filter < 3; filter++) {
+      FieldPtr out(ZrResample::resampleGrey(&in, target, filter));
+      ASSERT_NE(out, nullptr);
+      EXPECT_NE(dynamic_cast<ZrUniformScalarField3*>(out.get()), nullptr);
+      EXPECT_EQ(out->primType(), type);
+      for (int a = 0; a < 3; a++)
+        EXPECT_EQ(out->getDims()[a], target[a]);
+      expectBox(*out, in);
+      SbMatrixd mo;
+      out->getTransform(mo);
+      EXPECT_EQ(mo, m);
+      // The mean stays that of the image (the function varies by about 600).
+      // The box average spreads every input node over the output nodes and
+      // keeps the mean of the nodes; the interpolating kernels give the
+      // function sampled on the coarser grid, whose mean differs from the
+      // fine one's by the greater weight of the end nodes.
+      EXPECT_NEAR(mean(*out), inMean, 3.0) << "filter " << filter << " type " << type;
+      if (filter == ZrResample::FILTER_BOX) {
+        EXPECT_NEAR(mean(*out), inMean, 0.1) << "type " << type;
+      } else {
+        ZrUniformScalarField3 sampled(target, QB_DOUBLE, kBox);
+        fill(sampled, smooth);
+        EXPECT_NEAR(mean(*out), mean(sampled), 0.3) << "filter " << filter << " type " << type;
+      }
+    }
+  }
+}
+
+TEST(ZrResampleGrey, ConstantsAndRampsAreReproduced) {
+  // 33 -> 17 nodes: every output node sits on an input node, so symmetric
+  // kernels reproduce a linear function exactly away from the borders.
+  const int dims[3] = {33, 33, 33};
+  const int target[3] = {17, 17, 17};
+  const float box[6] = {0, 32, 0, 32, 0, 32};
+  ZrUniformScalarField3 constant(dims, QB_FLOAT, box);
+  fill(constant, [](float, float, float) { return 42.5; });
+  ZrUniformScalarField3 ramp(dims, QB_DOUBLE, box);
+  auto lin = [](float x, float y, float z) { return 3.0 + 0.5 * x - 2.0 * y + 0.25 * z; };
+  fill(ramp, lin);
+  for (int filter = 0; filter < 3; filter++) {
+    FieldPtr c(ZrResample::resampleGrey(&constant, target, filter));
+    ASSERT_NE(c, nullptr);
+    for (size_t i = 0; i < c->lattice.numNodes(); i++)
+      ASSERT_NEAR(c->lattice.getValueAsDouble(i), 42.5, 1e-4) << "filter " << filter;
+    FieldPtr r(ZrResample::resampleGrey(&ramp, target, filter));
+    ASSERT_NE(r, nullptr);
+    for (int k = 3; k < 14; k++)
+      for (int j = 3; j < 14; j++)
+        for (int i = 3; i < 14; i++) {
+          float p[3];
+          r->lattice.coords()->pos(i, j, k, p);
+          ASSERT_NEAR(r->getValue(i, j, k), lin(p[0], p[1], p[2]), 1e-5)
+              << "filter " << filter << " at " << i << "," << j << "," << k;
+        }
+  }
+}
+
+TEST(ZrResampleGrey, LanczosRemovesWhatTheCoarseGridCannotCarry) {
+  // An alternating pattern at the input's Nyquist frequency cannot be shown
+  // at half the resolution: a low-pass reduction leaves its mean, decimation
+  // would alias it to full contrast.
+  const int dims[3] = {64, 8, 4};
+  const int target[3] = {32, 8, 4};
+  const float box[6] = {0, 63, 0, 7, 0, 3};
+  ZrUniformScalarField3 in(dims, QB_FLOAT, box);
+  fill(in, [](float x, float, float) { return 500.0 + ((int(x) & 1) ? 100.0 : -100.0); });
+  FieldPtr out(ZrResample::resampleGrey(&in, target, ZrResample::FILTER_LANCZOS));
+  ASSERT_NE(out, nullptr);
+  // Inside, away from the borders where the kernel is cut.
+  for (int i = 4; i < 28; i++)
+    EXPECT_NEAR(out->getValue(i, 3, 1), 500.0, 10.0) << "node " << i;
+  // A slow wave passes nearly unchanged.
+  ZrUniformScalarField3 wave(dims, QB_FLOAT, box);
+  auto w = [](float x, float, float) { return 100.0 * std::sin(2.0 * M_PI * x / 32.0); };
+  fill(wave, w);
+  FieldPtr ow(ZrResample::resampleGrey(&wave, target, ZrResample::FILTER_LANCZOS));
+  for (int i = 4; i < 28; i++) {
+    float p[3];
+    ow->lattice.coords()->pos(i, 0, 0, p);
+    EXPECT_NEAR(ow->getValue(i, 0, 0), w(p[0], 0, 0), 3.0);
+  }
+}
+
+TEST(ZrResampleGrey, EnlargingKeepsNodeValuesAndFlatAxes) {
+  // 5 -> 9 nodes: every second output node is an input node, which Lanczos
+  // and the triangle reproduce; the flat z axis stays flat.
+  const int dims[3] = {5, 6, 1};
+  const int target[3] = {9, 11, 1};
+  const float box[6] = {0, 4, 0, 5, 2, 2};
+  ZrUniformScalarField3 in(dims, QB_FLOAT, box);
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> u(-50.0f, 50.0f);
+  for (size_t i = 0; i < in.lattice.numNodes(); i++)
+    in.lattice.setValue(i, u(rng));
+  for (int filter : {ZrResample::FILTER_TRIANGLE, ZrResample::FILTER_LANCZOS}) {
+    FieldPtr out(ZrResample::resampleGrey(&in, target, filter));
+    ASSERT_NE(out, nullptr);
+    expectBox(*out, in);
+    for (int j = 0; j < 6; j++)
+      for (int i = 0; i < 5; i++)
+        EXPECT_NEAR(out->getValue(2 * i, 2 * j, 0), in.getValue(i, j, 0), 1e-4);
+    // Between two nodes the triangle gives their mean.
+    if (filter == ZrResample::FILTER_TRIANGLE) {
+      EXPECT_NEAR(out->getValue(1, 0, 0), 0.5 * (in.getValue(0, 0, 0) + in.getValue(1, 0, 0)),
+                  1e-4);
+    }
+  }
+  // An axis reduced to a single node takes the mean along it (for a ramp:
+  // the mean of its ends).
+  ZrUniformScalarField3 ramp(dims, QB_FLOAT, box);
+  fill(ramp, [](float x, float, float) { return 10.0 * x; });
+  const int one[3] = {1, 6, 1};
+  FieldPtr o(ZrResample::resampleGrey(&ramp, one, ZrResample::FILTER_BOX));
+  ASSERT_NE(o, nullptr);
+  EXPECT_NEAR(o->getValue(0, 3, 0), 20.0, 1e-4);
+  const int bad[3] = {0, 6, 1};
+  EXPECT_EQ(ZrResample::resampleGrey(&ramp, bad, ZrResample::FILTER_BOX), nullptr);
+}
+
+TEST(ZrResampleGrey, IntegerResultsAreClampedNotWrapped) {
+  // A step from 0 to 255 in 8-bit: Lanczos overshoots on both sides of the
+  // edge, which must saturate, not wrap around.
+  const int dims[3] = {40, 2, 2};
+  const int target[3] = {20, 2, 2};
+  const float box[6] = {0, 39, 0, 1, 0, 1};
+  ZrUniformScalarField3 in(dims, QB_UINT8, box);
+  fill(in, [](float x, float, float) { return x < 19.7f ? 0.0 : 255.0; });
+  FieldPtr out(ZrResample::resampleGrey(&in, target, ZrResample::FILTER_LANCZOS));
+  ASSERT_NE(out, nullptr);
+  // Nodes 8 and 11 lie where the kernel's negative lobe meets the edge: their
+  // filtered values fall below 0 and above 255.
+  EXPECT_EQ(out->getValue(8, 0, 0), 0.0f);
+  EXPECT_EQ(out->getValue(11, 0, 0), 255.0f);
+  for (int i = 0; i < 20; i++) {
+    const float v = out->getValue(i, 0, 0);
+    if (i <= 8) {
+      EXPECT_LE(v, 3.0f) << i; // left: no wrapped 255s
+    } else if (i >= 11) {
+      EXPECT_GE(v, 252.0f) << i; // right: no wrapped 0s
+    }
+  }
+}
+
+TEST(ZrResampleLabels, KnownMajoritiesAndTies) {
+  struct Case {
+    std::vector<int> in;
+    int factor;
+    std::vector<int> out;
+  };
+  const Case cases[] = {
+      {{5, 9, 9}, 3, {9}},                   // majority
+      {{5, 9, 1}, 3, {9}},                   // all once: the node nearest the middle
+      {{1, 1, 2, 2}, 2, {1, 2}},             // blocks {0,1} and {2,3}
+      {{4, 6, 6, 8}, 2, {4, 8}},             // ties go to the node nearest each output node
+      {{3, 3, 3, 3, 3}, 1, {3, 3, 3, 3, 3}}, // factor 1 changes nothing
+  };
+  for (const Case& c : cases) {
+    const int dims[3] = {int(c.in.size()), 1, 1};
+    const float box[6] = {0, float(c.in.size() - 1), 0, 0, 0, 0};
+    ZrUniformLabelField3 in(dims, QB_UINT8, box);
+    for (size_t i = 0; i < c.in.size(); i++)
+      in.lattice.setValue(i, c.in[i]);
+    const int factors[3] = {c.factor, 1, 1};
+    FieldPtr out(ZrResample::reduceLabels(&in, factors));
+    ASSERT_NE(out, nullptr);
+    ASSERT_EQ(out->getDims()[0], int(c.out.size()));
+    for (size_t i = 0; i < c.out.size(); i++)
+      EXPECT_EQ(out->getValue(int(i), 0, 0), float(c.out[i])) << "case " << c.in.size() << "/" << i;
+  }
+}
+
+TEST(ZrResampleLabels, ReductionInventsNoLabelAndKeepsRegions) {
+  const int dims[3] = {21, 18, 13};
+  const int factors[3] = {2, 3, 1};
+  for (int type : {QB_UINT8, QB_INT16, QB_INT32}) {
+    ZrUniformLabelField3 in(dims, type, kBox);
+    // Four regions split by planes, and speckle noise of a fifth label.
+    std::mt19937 rng(3);
+    std::uniform_int_distribution<int> u(0, 9);
+    const int ids[4] = {0, 3, 7, 100};
+    for (int k = 0; k < dims[2]; k++)
+      for (int j = 0; j < dims[1]; j++)
+        for (int i = 0; i < dims[0]; i++) {
+          int l = ids[(i < 10 ? 0 : 1) + (j < 9 ? 0 : 2)];
+          if (u(rng) == 0)
+            l = 55;
+          in.lattice.setValue(i + dims[0] * (j + dims[1] * k), l);
+        }
+    FieldPtr out(ZrResample::reduceLabels(&in, factors));
+    ASSERT_NE(out, nullptr);
+    EXPECT_NE(dynamic_cast<ZrUniformLabelField3*>(out.get()), nullptr);
+    EXPECT_EQ(out->primType(), type);
+    EXPECT_EQ(out->getDims()[0], 11);
+    EXPECT_EQ(out->getDims()[1], 6);
+    EXPECT_EQ(out->getDims()[2], 13);
+    expectBox(*out, in);
+    const std::set<float> allowed = {0, 3, 7, 100, 55};
+    int kept = 0, total = 0;
+    for (int k = 0; k < 13; k++)
+      for (int j = 0; j < 6; j++)
+        for (int i = 0; i < 11; i++) {
+          const float v = out->getValue(i, j, k);
+          ASSERT_TRUE(allowed.count(v)) << "invented label " << v;
+          // Well inside a region the region's label wins over the speckles.
+          float p[3];
+          out->lattice.coords()->pos(i, j, k, p);
+          const float xi = (p[0] - kBox[0]) / (kBox[1] - kBox[0]) * 20.0f;
+          const float yj = (p[1] - kBox[2]) / (kBox[3] - kBox[2]) * 17.0f;
+          if (std::fabs(xi - 9.5f) > 2.0f && std::fabs(yj - 8.5f) > 3.0f) {
+            total++;
+            kept += v == float(ids[(xi < 9.5f ? 0 : 1) + (yj < 8.5f ? 0 : 2)]);
+          }
+        }
+    EXPECT_GT(kept, total * 9 / 10);
+  }
+}
+
+TEST(ZrResampleCoords, StackedAndCurvilinearInputs) {
+  const int dims[3] = {9, 7, 5};
+  const float xy[4] = {0.0f, 8.0f, -3.0f, 3.0f};
+  const float z[5] = {0.0f, 1.0f, 2.0f, 4.0f, 8.0f};
+  ZrStackedScalarField3 st(dims, QB_FLOAT, xy, z);
+  fill(st, [](float x, float y, float zz) { return x + y + zz; });
+  const int target[3] = {5, 4, 3};
+  FieldPtr out(ZrResample::resampleGrey(&st, target, ZrResample::FILTER_LANCZOS));
+  ASSERT_NE(out, nullptr);
+  auto* so = dynamic_cast<ZrStackedScalarField3*>(out.get());
+  ASSERT_NE(so, nullptr);
+  expectBox(*out, st);
+  // Slice positions are interpolated in index space: the middle output slice
+  // sits at input index 2.
+  EXPECT_EQ(so->stackedCoords()->getZ()[0], 0.0f);
+  EXPECT_EQ(so->stackedCoords()->getZ()[1], 2.0f);
+  EXPECT_EQ(so->stackedCoords()->getZ()[2], 8.0f);
+
+  ZrStackedLabelField3 sl(dims, QB_UINT8, xy, z);
+  const int factors[3] = {2, 2, 2};
+  FieldPtr lo(ZrResample::reduceLabels(&sl, factors));
+  ASSERT_NE(lo, nullptr);
+  EXPECT_NE(dynamic_cast<ZrStackedLabelField3*>(lo.get()), nullptr);
+
+  // Curvilinear nodes on an affine image of the index grid: the result's
+  // nodes are that map at the output nodes' index positions.
+  auto map = [](double i, double j, double k, float p[3]) {
+    p[0] = float(1.0 + 2.0 * i + 0.5 * j);
+    p[1] = float(-1.0 + 0.25 * i + 1.5 * j - 0.5 * k);
+    p[2] = float(3.0 + 0.75 * k + 0.1 * i);
+  };
+  ZrCurvilinearCoord3* cc = new ZrCurvilinearCoord3(dims);
+  float* pp = cc->getPositions();
+  for (int k = 0; k < 5; k++)
+    for (int j = 0; j < 7; j++)
+      for (int i = 0; i < 9; i++, pp += 3)
+        map(i, j, k, pp);
+  ZrRegScalarField3 cu(dims, QB_INT16, cc);
+  FieldPtr co(ZrResample::resampleGrey(&cu, target, ZrResample::FILTER_BOX));
+  ASSERT_NE(co, nullptr);
+  ASSERT_EQ(co->coordType(), ZR_COORD_CURVILINEAR);
+  for (int k = 0; k < 3; k++)
+    for (int j = 0; j < 4; j++)
+      for (int i = 0; i < 5; i++) {
+        float p[3], q[3];
+        co->lattice.coords()->pos(i, j, k, p);
+        map(i * 8.0 / 4.0, j * 6.0 / 3.0, k * 4.0 / 2.0, q);
+        for (int a = 0; a < 3; a++)
+          EXPECT_NEAR(p[a], q[a], 1e-5);
+      }
+}
+
+namespace {
+class ResampleModuleTest : public ::testing::Test {
+protected:
+  void TearDown() override {
+    ZrWorkArea::getTheWorkArea()->clearInterrupt();
+    pool->clear();
+  }
+  // The calling sequence of a pyramid level: create, pool, hide, connect,
+  // fire, untouch, then the ports are set by the caller.
+  ZrResample* makeModule(ZrRegScalarField3* field) {
+    ZrResample* m = new ZrResample;
+    pool->addObject(m);
+    m->hideIcon();
+    EXPECT_TRUE(m->portData.connect(field));
+    m->fire(1);
+    m->portData.untouch(true);
+    return m;
+  }
+  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
+};
+} // namespace
+
+TEST_F(ResampleModuleTest, GreyPathThroughPorts) {
+  const int dims[3] = {20, 16, 12};
+  ZrUniformScalarField3* in = new ZrUniformScalarField3(dims, QB_INT16, kBox);
+  in->setName("ref");
+  fill(*in, smooth);
+  pool->addObject(in);
+  ZrResample* m = makeModule(in);
+  // Connecting set the resolution to the input's dimensions, and nothing was
+  // computed without the button.
+  EXPECT_EQ(m->portResolution.getValue(0), 20);
+  EXPECT_EQ(m->portResolution.getValue(2), 12);
+  EXPECT_FLOAT_EQ(m->portVoxelSize.getValue(0), 20.0f / 19.0f);
+  EXPECT_EQ(m->getResult(0), nullptr);
+  EXPECT_STREQ(m->portFilter.getLabel(0, 2), "Lanczos");
+
+  m->portFilter.setIndex(0, 2);
+  const int target[3] = {10, 8, 6};
+  m->portResolution.setValues(target);
+  m->portMode.setValue(0);
+  m->portAction.hit(0);
+  m->compute();
+  auto* out = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
+  ASSERT_NE(out, nullptr);
+  EXPECT_TRUE(out->isInPool());
+  EXPECT_STREQ(out->getName(), "ref.resampled");
+  EXPECT_EQ(out->getDims()[1], 8);
+  EXPECT_EQ(out->primType(), QB_INT16);
+  expectBox(*out, *in);
+  out->hideIcon();
+  pool->removeObject(m); // the module dies, its result stays
+  EXPECT_TRUE(pool->contains(out));
+  EXPECT_EQ(out->getRefCount(), 1);
+
+  // Voxel-size mode: a spacing of 2 over an extent of 20 gives 11 nodes.
+  ZrResample* m2 = makeModule(in);
+  m2->portMode.setValue(1);
+  m2->portVoxelSize.setValue(2.0f);
+  m2->portAction.hit(0);
+  m2->compute();
+  auto* out2 = dynamic_cast<ZrRegScalarField3*>(m2->getResult(0));
+  ASSERT_NE(out2, nullptr);
+  EXPECT_EQ(out2->getDims()[0], 11);
+  EXPECT_EQ(out2->getDims()[1], 5);
+  EXPECT_EQ(out2->getDims()[2], 3);
+  pool->removeObject(m2);
+}
+
+TEST_F(ResampleModuleTest, LabelPathAndStop) {
+  const int dims[3] = {10, 9, 8};
+  ZrUniformLabelField3* in = new ZrUniformLabelField3(dims, QB_UINT8, kBox);
+  fill(*in, [](float x, float, float) { return x < 0 ? 1.0 : 2.0; });
+  pool->addObject(in);
+  ZrResample* m = makeModule(in);
+  EXPECT_FALSE(m->portResolution.isSensitive(0));
+  EXPECT_TRUE(m->portLabelFactors.isSensitive(0));
+  const int factors[3] = {2, 3, 4};
+  m->portLabelFactors.setValues(factors);
+  m->portAction.hit(0);
+  m->compute();
+  auto* out = dynamic_cast<ZrUniformLabelField3*>(m->getResult(0));
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(out->getDims()[0], 5);
+  EXPECT_EQ(out->getDims()[1], 3);
+  EXPECT_EQ(out->getDims()[2], 2);
+  EXPECT_EQ(out->getValue(0, 0, 0), 1.0f);
+  EXPECT_EQ(out->getValue(4, 2, 1), 2.0f);
+
+  // A stop request leaves no new result.
+  m->setResult(0, nullptr);
+  ZrWorkArea::getTheWorkArea()->startWorking("outer");
+  ZrWorkArea::getTheWorkArea()->requestInterrupt();
+  m->portAction.hit(0);
+  m->compute();
+  EXPECT_EQ(m->getResult(0), nullptr);
+  ZrWorkArea::getTheWorkArea()->stopWorking();
+  pool->removeObject(m);
+}
