@@ -1,0 +1,5 @@
+#include "RegOptimizerCallback.h"
+
+RegOptimizerCallback::~RegOptimizerCallback() {}
+
+bool RegOptimizerCallback::checkForInterrupt() { return false; }

@@ -1,0 +1,421 @@
+// The affine transform: parameters to matrices and back, the frame of the two
+// bounding boxes, the centre, the isotropic mode, parameter steps and the
+// inverse mirror.
+#include "QbPrimType.h"
+#include "RegAffineTransform.h"
+#include "SbMatrix.h"
+#include "SoDB.h"
+#include "SoSensorManager.h"
+#include "ZrUniformScalarField3.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+
+namespace {
+
+std::unique_ptr<ZrUniformScalarField3> makeField(const float box[6]) {
+  const int dims[3] = {4, 5, 6};
+  return std::make_unique<ZrUniformScalarField3>(dims, QB_FLOAT, box);
+}
+
+double maxDifference(const SbMatrixd& a, const SbMatrixd& b) {
+  double d = 0.0;
+  for (int i = 0; i < 4; i++)
+    for (int j = 0; j < 4; j++)
+      d = std::max(d, std::fabs(a[i][j] - b[i][j]));
+  return d;
+}
+
+// Matrix of a parameter set, composed without any data.
+SbMatrixd compose(const double p[15]) {
+  RegAffineTransform t;
+  for (int i = 0; i < 15; i++)
+    t.paramVector[i] = p[i];
+  t.composeMatrix();
+  return t.matrix;
+}
+
+// Random shear-free parameters with |ry| < 90 degrees.
+void randomParameters(std::mt19937& rng, double p[15], bool withShear = false) {
+  std::uniform_real_distribution<double> t(-20, 20), r(-179, 179), ry(-89, 89), s(0.5, 2.0),
+      sh(-0.3, 0.3);
+  p[0] = t(rng), p[1] = t(rng), p[2] = t(rng);
+  p[3] = r(rng), p[4] = ry(rng), p[5] = r(rng);
+  p[6] = s(rng), p[7] = s(rng), p[8] = s(rng);
+  p[9] = withShear ? sh(rng) : 0.0;
+  p[10] = withShear ? sh(rng) : 0.0;
+  p[11] = withShear ? sh(rng) : 0.0;
+  p[12] = t(rng), p[13] = t(rng), p[14] = t(rng);
+}
+
+const float kReferenceBox[6] = {0, 10, 0, 20, 0, 30};
+const float kModelBox[6] = {5, 25, -3, 17, 2, 12}; // origin (5, -3, 2), half size (10, 10, 5)
+
+} // namespace
+
+TEST(RegAffineTransform, DefaultIsTheIdentity) {
+  RegAffineTransform t;
+  EXPECT_EQ(t.getParamVectorDim(), 15);
+  EXPECT_EQ(t.getVariableParamVectorDim(), 12);
+  EXPECT_EQ(t.paramVector.size(), 15);
+  for (int i = 0; i < 15; i++)
+    EXPECT_EQ(t.paramVector[i], (i >= 6 && i <= 8) ? 1.0 : 0.0) << i;
+  EXPECT_EQ(t.inverse, nullptr);
+  EXPECT_EQ(t.auxVector.size(), 0);
+}
+
+TEST(RegAffineTransform, ComposeDecomposeRoundTrip) {
+  auto reference = makeField(kReferenceBox);
+  auto model = makeField(kModelBox);
+  // The reference frame must not matter for `matrix`.
+  SbMatrixd R = compose(std::array<double, 15>{3, -4, 5, 10, 20, 30, 1, 1, 1}.data());
+  reference->setTransform(SbMatrix(R));
+  QbDArray<ZrSpatialData*> refs;
+  refs.append(reference.get());
+  RegAffineTransform t(refs, model.get(), 12);
+
+  std::mt19937 rng(11);
+  for (int n = 0; n < 50; n++) {
+    double p[15];
+    randomParameters(rng, p);
+    // The decomposition puts the centre at the middle of the model box.
+    p[12] = 10, p[13] = 10, p[14] = 5;
+    for (int i = 0; i < 15; i++)
+      t.paramVector[i] = p[i];
+    t.composeMatrix();
+    const SbMatrixd composed = t.matrix;
+    t.paramVector.fill(99.0);
+    ASSERT_EQ(t.decomposeMatrix(), 1);
+    for (int i = 0; i < 15; i++)
+      EXPECT_NEAR(t.paramVector[i], p[i], 1e-8) << "set " << n << " param " << i;
+    EXPECT_DOUBLE_EQ(t.lastScaleX, p[6]);
+    t.composeMatrix();
+    EXPECT_LT(maxDifference(t.matrix, composed), 1e-10);
+  }
+}
+
+TEST(RegAffineTransform, IdentityWithEqualFrames) {
+  auto reference = makeField(kModelBox);
+  auto model = makeField(kModelBox);
+  SbMatrixd R = compose(std::array<double, 15>{3, -4, 5, 10, 20, 30, 2, 2, 2}.data());
+  reference->setTransform(SbMatrix(R));
+  QbDArray<ZrSpatialData*> refs;
+  refs.append(reference.get());
+  RegAffineTransform t(refs, model.get(), 12);
+
+  for (double c : {0.0, 7.5, -123.0}) {
+    t.makeIdentityTransform();
+    t.paramVector[12] = c, t.paramVector[13] = -c, t.paramVector[14] = 2 * c;
+    t.composeMatrix();
+    EXPECT_LT(maxDifference(t.matrix, SbMatrixd()), 1e-12) << c;
+    // The model then takes the reference's own matrix (in single precision).
+    SbMatrixd Rf;
+    Rf.setValue(SbMatrix(R));
+    EXPECT_LT(maxDifference(t.modelMatrix, Rf), 1e-12) << c;
+  }
+}
+
+TEST(RegAffineTransform, InitReadsTheDataAndApplyWritesItBack) {
+  auto reference = makeField(kReferenceBox);
+  auto model = makeField(kModelBox);
+  SbMatrixd R = compose(std::array<double, 15>{1, 2, 3, -15, 25, 40, 1, 1, 1}.data());
+  SbMatrixd M0 = compose(std::array<double, 15>{-7, 3, 12, 30, -20, 75, 1.2, 0.8, 1.5}.data());
+  reference->setTransform(SbMatrix(R));
+  model->setTransform(SbMatrix(M0));
+  QbDArray<ZrSpatialData*> refs;
+  refs.append(reference.get());
+  RegAffineTransform t(refs, model.get(), 12);
+  EXPECT_EQ(t.dof, 12);
+
+  SbMatrix M0f(M0);
+  SbMatrixd M0fd;
+  M0fd.setValue(M0f);
+  EXPECT_LT(maxDifference(t.modelMatrix, M0fd), 1e-12);
+  // Centre at the middle of the model box.
+  EXPECT_DOUBLE_EQ(t.paramVector[12], 10.0);
+  EXPECT_DOUBLE_EQ(t.paramVector[13], 10.0);
+  EXPECT_DOUBLE_EQ(t.paramVector[14], 5.0);
+  // The scales of the model matrix survive the change of frame.
+  EXPECT_NEAR(t.paramVector[6], 1.2, 1e-6);
+  EXPECT_NEAR(t.paramVector[7], 0.8, 1e-6);
+  EXPECT_NEAR(t.paramVector[8], 1.5, 1e-6);
+
+  // Composing the parameters read gives the model its matrix back.
+  t.apply();
+  SbMatrix after;
+  model->getTransform(after);
+  SbMatrixd afterd;
+  afterd.setValue(after);
+  EXPECT_LT(maxDifference(afterd, M0fd), 1e-4);
+
+  // A model-local point goes through the box frames: relative to the model
+  // origin (5, -3, 2), through `matrix`, to the reference origin (0, 0, 0),
+  // then through R.
+  SbVec3d p(3, 4, 5), viaModel, local, world;
+  t.modelMatrix.multVecMatrix(p, viaModel);
+  t.matrix.multVecMatrix(SbVec3d(p.x - 5, p.y + 3, p.z - 2), local);
+  SbMatrixd Rf;
+  Rf.setValue(SbMatrix(R));
+  Rf.multVecMatrix(local, world);
+  EXPECT_NEAR(viaModel.x, world.x, 1e-9);
+  EXPECT_NEAR(viaModel.y, world.y, 1e-9);
+  EXPECT_NEAR(viaModel.z, world.z, 1e-9);
+}
+
+TEST(RegAffineTransform, NinetyDegreesAboutY) {
+  // Gimbal lock: the turn about z is folded into the turn about x.
+  const double p[15] = {1, 2, 3, 30, 90, 20, 1.5, 2.0, 0.5, 0, 0, 0, 0, 0, 0};
+  RegAffineTransform t;
+  for (int i = 0; i < 15; i++)
+    t.paramVector[i] = p[i];
+  t.composeMatrix();
+  const SbMatrixd composed = t.matrix;
+  ASSERT_EQ(t.decomposeMatrix(), 1);
+  EXPECT_EQ(t.paramVector[5], 0.0);
+  EXPECT_NEAR(t.paramVector[4], 90.0, 1e-9);
+  EXPECT_NEAR(t.paramVector[3], 50.0, 1e-9);
+  EXPECT_NEAR(t.paramVector[6], 1.5, 1e-12);
+  EXPECT_NEAR(t.paramVector[7], 2.0, 1e-12);
+  EXPECT_NEAR(t.paramVector[8], 0.5, 1e-12);
+  t.composeMatrix();
+  EXPECT_LT(maxDifference(t.matrix, composed), 1e-12);
+}
+
+TEST(RegAffineTransform, SingularMatrixIsReported) {
+  RegAffineTransform t;
+  const double p[15] = {1, 2, 3, 10, 20, 30, 2.0, 3.0, 0.0005, 0, 0, 0, 0, 0, 0};
+  for (int i = 0; i < 15; i++)
+    t.paramVector[i] = p[i];
+  t.composeMatrix();
+  t.lastScaleX = 123.0;
+
+  testing::internal::CaptureStderr();
+  const int ok = t.decomposeMatrix();
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(ok, 0);
+  EXPECT_EQ(err, "\nRegAffineTransform::decomposeMatrix encountered singular matrix.");
+  EXPECT_EQ(err.size(), 65u);
+  // What was found before the short row stays; rotation and centre stay 0.
+  EXPECT_NEAR(t.paramVector[0], 1.0, 1e-12);
+  EXPECT_NEAR(t.paramVector[6], 2.0, 1e-12);
+  EXPECT_NEAR(t.paramVector[7], 3.0, 1e-12);
+  EXPECT_NEAR(t.paramVector[8], 0.0005, 1e-12);
+  for (int i : {3, 4, 5, 12, 13, 14})
+    EXPECT_EQ(t.paramVector[i], 0.0) << i;
+  EXPECT_EQ(t.lastScaleX, 123.0);
+}
+
+TEST(RegAffineTransform, NotANumberIsNotSingular) {
+  // A NaN passes every "shorter than 0.001" test: no message, a result of 1,
+  // and the NaN runs on into the angles instead of being read as an axis.
+  RegAffineTransform t;
+  t.composeMatrix();
+  t.matrix[0][1] = std::numeric_limits<double>::quiet_NaN();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(t.decomposeMatrix(), 1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_TRUE(std::isnan(t.paramVector[6]));
+  EXPECT_TRUE(std::isnan(t.paramVector[5]));
+  EXPECT_TRUE(std::isnan(t.paramVector[4]));
+  EXPECT_TRUE(std::isnan(t.paramVector[3]));
+}
+
+TEST(RegAffineTransform, IsotropicModeScalesTogether) {
+  RegAffineTransform t;
+  t.paramVector[6] = 2.0, t.paramVector[7] = 3.0, t.paramVector[8] = 1.5;
+  t.setDegreesOfFreedom(7);
+  EXPECT_EQ(t.dof, 7);
+  EXPECT_EQ(t.getVariableParamVectorDim(), 7);
+  EXPECT_EQ(t.lastScaleX, 2.0);
+
+  // Entry 6 from 2 to 4 doubles entries 7 and 8: the anisotropy stays.
+  t.paramVector[6] = 4.0;
+  t.composeMatrix();
+  EXPECT_DOUBLE_EQ(t.paramVector[7], 6.0);
+  EXPECT_DOUBLE_EQ(t.paramVector[8], 3.0);
+  EXPECT_EQ(t.lastScaleX, 4.0);
+  for (int r = 0; r < 3; r++) {
+    const double len = std::sqrt(t.matrix[r][0] * t.matrix[r][0] + t.matrix[r][1] * t.matrix[r][1] +
+                                 t.matrix[r][2] * t.matrix[r][2]);
+    EXPECT_NEAR(len, t.paramVector[6 + r], 1e-12);
+  }
+  // A second compose without a change does nothing more.
+  t.composeMatrix();
+  EXPECT_DOUBLE_EQ(t.paramVector[7], 6.0);
+
+  // Asking for 7 again does not take a new reference value.
+  t.paramVector[6] = 2.0;
+  t.setDegreesOfFreedom(7);
+  EXPECT_EQ(t.lastScaleX, 4.0);
+  t.composeMatrix();
+  EXPECT_DOUBLE_EQ(t.paramVector[7], 3.0);
+  EXPECT_DOUBLE_EQ(t.paramVector[8], 1.5);
+
+  // Direct setting leaves lastScaleX alone; at 0 the follow-up is off.
+  RegAffineTransform u;
+  u.lastScaleX = 0.0;
+  u.setDegreesOfFreedomDirect(7);
+  EXPECT_EQ(u.lastScaleX, 0.0);
+  u.paramVector[6] = 3.0;
+  u.composeMatrix();
+  EXPECT_EQ(u.paramVector[7], 1.0);
+  EXPECT_EQ(u.paramVector[8], 1.0);
+
+  // With any other dof the scales are independent.
+  RegAffineTransform w;
+  w.setDegreesOfFreedom(9);
+  w.paramVector[6] = 5.0;
+  w.composeMatrix();
+  EXPECT_EQ(w.paramVector[7], 1.0);
+}
+
+TEST(RegAffineTransform, ParameterSteps) {
+  RegAffineTransform t;
+  SbVec3d size(3, 4, 12);
+  const double pi = 3.14159265358979323846;
+  for (int i = 0; i < 3; i++)
+    EXPECT_EQ(t.getParamStep(i, &size), 1.0);
+  EXPECT_DOUBLE_EQ(t.getParamStep(3, &size), 1080.0 / (pi * std::sqrt(160.0)));
+  EXPECT_DOUBLE_EQ(t.getParamStep(4, &size), 1080.0 / (pi * std::sqrt(153.0)));
+  EXPECT_DOUBLE_EQ(t.getParamStep(5, &size), 1080.0 / (pi * 5.0));
+  for (int i = 6; i < 12; i++)
+    EXPECT_DOUBLE_EQ(t.getParamStep(i, &size), 4.0 / 12.0);
+  // The centre is not variable.
+  for (int i = 12; i < 15; i++)
+    EXPECT_EQ(t.getParamStep(i, &size), 0.0);
+
+  // Steps end at dof.
+  t.setDegreesOfFreedom(6);
+  EXPECT_GT(t.getParamStep(5, &size), 0.0);
+  EXPECT_EQ(t.getParamStep(6, &size), 0.0);
+
+  // A zero extent gives infinite steps.
+  t.setDegreesOfFreedom(12);
+  SbVec3d flat(0, 0, 0);
+  EXPECT_EQ(t.getParamStep(3, &flat), std::numeric_limits<double>::infinity());
+  EXPECT_EQ(t.getParamStep(8, &flat), std::numeric_limits<double>::infinity());
+  EXPECT_EQ(t.getParamStep(1, &flat), 1.0);
+  // A flat data set: the rotations within the plane stay finite.
+  SbVec3d plane(10, 20, 0);
+  EXPECT_DOUBLE_EQ(t.getParamStep(5, &plane), 1080.0 / (pi * std::sqrt(500.0)));
+  EXPECT_DOUBLE_EQ(t.getParamStep(3, &plane), 1080.0 / (pi * 20.0));
+  EXPECT_DOUBLE_EQ(t.getParamStep(10, &plane), 0.2);
+}
+
+TEST(RegAffineTransform, ChangeCenterKeepsTheMapping) {
+  std::mt19937 rng(5);
+  for (int n = 0; n < 20; n++) {
+    double p[15];
+    randomParameters(rng, p, true);
+    RegAffineTransform t;
+    for (int i = 0; i < 15; i++)
+      t.paramVector[i] = p[i];
+    t.composeMatrix();
+    const SbMatrixd before = t.matrix;
+    const double c[3] = {p[0] * 0.5 + 3, -p[1], 17.0};
+    t.changeCenter(c);
+    EXPECT_EQ(t.paramVector[12], c[0]);
+    EXPECT_EQ(t.paramVector[13], c[1]);
+    EXPECT_EQ(t.paramVector[14], c[2]);
+    for (int i = 3; i < 12; i++)
+      EXPECT_EQ(t.paramVector[i], p[i]);
+    t.composeMatrix();
+    EXPECT_LT(maxDifference(t.matrix, before), 1e-10) << n;
+  }
+}
+
+TEST(RegAffineTransform, RotateScaleShearMayWorkInPlace) {
+  const double p[15] = {0, 0, 0, 10, 20, 30, 1.5, 0.7, 2.0, 0.1, 0.2, -0.1, 0, 0, 0};
+  RegAffineTransform t;
+  for (int i = 0; i < 15; i++)
+    t.paramVector[i] = p[i];
+  t.composeMatrix();
+  double v[3] = {1.0, -2.0, 3.0}, out[3];
+  t.rotateScaleShear(out, v);
+  SbVec3d expected;
+  t.matrix.multDirMatrix(SbVec3d(1.0, -2.0, 3.0), expected);
+  for (int k = 0; k < 3; k++)
+    EXPECT_NEAR(out[k], expected[k], 1e-12);
+  t.rotateScaleShear(v, v);
+  for (int k = 0; k < 3; k++)
+    EXPECT_EQ(v[k], out[k]);
+}
+
+TEST(RegAffineTransform, InverseMirrorMapsBack) {
+  auto reference = makeField(kReferenceBox);
+  auto model = makeField(kModelBox);
+  SbMatrixd R = compose(std::array<double, 15>{1, 2, 3, -15, 25, 40, 1, 1, 1}.data());
+  reference->setTransform(SbMatrix(R));
+  QbDArray<ZrSpatialData*> refs;
+  refs.append(reference.get());
+  RegAffineTransform t(refs, model.get(), 12);
+
+  // Isotropic scale without shear, so that the mirror's parameters describe
+  // its matrix exactly.
+  const double p[15] = {4, -6, 2, 20, -35, 60, 1.25, 1.25, 1.25, 0, 0, 0, 10, 10, 5};
+  for (int i = 0; i < 15; i++)
+    t.paramVector[i] = p[i];
+  t.apply();
+  RegAffineTransform* inv = t.getInverse();
+  ASSERT_NE(inv, nullptr);
+  EXPECT_EQ(inv->inverse, nullptr);
+  EXPECT_EQ(inv->dof, 12);
+  EXPECT_LT(maxDifference(t.matrix * inv->matrix, SbMatrixd()), 1e-12);
+  EXPECT_LT(maxDifference(t.modelMatrix * inv->modelMatrix, SbMatrixd()), 1e-12);
+  EXPECT_NEAR(inv->paramVector[6], 0.8, 1e-12);
+  // A point goes there and back.
+  SbVec3d q(7, -1, 4), there, back;
+  t.modelMatrix.multVecMatrix(q, there);
+  inv->modelMatrix.multVecMatrix(there, back);
+  EXPECT_NEAR(back.x, q.x, 1e-10);
+  EXPECT_NEAR(back.y, q.y, 1e-10);
+  EXPECT_NEAR(back.z, q.z, 1e-10);
+  // The mirror's parameters compose to its matrix.
+  RegAffineTransform check;
+  for (int i = 0; i < 15; i++)
+    check.paramVector[i] = inv->paramVector[i];
+  check.composeMatrix();
+  EXPECT_LT(maxDifference(check.matrix, inv->matrix), 1e-10);
+
+  // The mirror does not compose: without apply() it keeps the old matrices.
+  t.paramVector[0] += 10.0;
+  EXPECT_EQ(t.getInverse(), inv);
+  EXPECT_LT(maxDifference(t.matrix * inv->matrix, SbMatrixd()), 1e-12);
+  t.apply();
+  t.setDegreesOfFreedomDirect(6);
+  EXPECT_EQ(t.getInverse(), inv);
+  EXPECT_EQ(inv->dof, 6);
+  EXPECT_LT(maxDifference(t.matrix * inv->matrix, SbMatrixd()), 1e-12);
+  EXPECT_LT(maxDifference(t.modelMatrix * inv->modelMatrix, SbMatrixd()), 1e-12);
+
+  // makeInverse() hands out an independent copy.
+  std::unique_ptr<RegParametricTransform> own(t.makeInverse());
+  auto* ownAffine = dynamic_cast<RegAffineTransform*>(own.get());
+  ASSERT_NE(ownAffine, nullptr);
+  EXPECT_NE(ownAffine, inv);
+  EXPECT_LT(maxDifference(ownAffine->matrix, inv->matrix), 1e-15);
+}
+
+namespace {
+void countCall(void* counter) { ++*static_cast<int*>(counter); }
+} // namespace
+
+TEST(RegAffineTransform, UpdateLetsTheSceneCatchUp) {
+  auto reference = makeField(kReferenceBox);
+  auto model = makeField(kModelBox);
+  QbDArray<ZrSpatialData*> refs;
+  refs.append(reference.get());
+  RegAffineTransform t(refs, model.get(), 12);
+  int calls = 0;
+  SoDB::getSensorManager()->addCallback(countCall, &calls);
+  t.update();
+  t.update();
+  SoDB::getSensorManager()->removeCallback(countCall, &calls);
+  EXPECT_EQ(calls, 2);
+}

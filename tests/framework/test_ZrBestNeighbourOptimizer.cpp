@@ -1,0 +1,372 @@
+// The best-neighbour search and the optimizer contract: maximising an
+// analytic objective over an affine transform, the schedule of step sizes,
+// the parameters a flat registration leaves alone, progress values and
+// interruption.
+#include "RegAffineTransform.h"
+#include "RegFunctional.h"
+#include "ZrBestNeighbourOptimizer.h"
+#include "ZrMessage.h"
+#include "ZrWorkArea.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+// f(p) = -sum_i w_i (p_i - target_i)^2 over the first 12 parameters: a
+// separable paraboloid whose maximum 0 lies at `target`.
+class QuadraticFunctional : public RegFunctional {
+public:
+  explicit QuadraticFunctional(RegAffineTransform* t)
+      : RegFunctional(QbDArray<ZrSpatialData*>(), QbDArray<ZrSpatialData*>(), t, nullptr, nullptr) {
+    size = QbVec3f(10.0f, 10.0f, 10.0f);
+    for (int i = 0; i < 12; i++)
+      target[i] = t->paramVector[i];
+  }
+
+  double value() const {
+    double f = 0.0;
+    for (int i = 0; i < 12; i++) {
+      const double d = transform->paramVector[i] - target[i];
+      f -= weight[i] * d * d;
+    }
+    return f;
+  }
+  double evaluate() override {
+    numEvaluate++;
+    return value();
+  }
+  double evaluate(QbDVector<double>& gradient, double step, int keepAll) override {
+    return value();
+  }
+  double evaluateAndCache() override {
+    numCache++;
+    return value();
+  }
+  double evaluateIncremental(int index, double delta) override {
+    probed.insert(index);
+    numIncremental++;
+    if (onIncremental)
+      onIncremental(index);
+    return value();
+  }
+
+  double target[12];
+  double weight[12] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+  std::set<int> probed;
+  int numEvaluate = 0, numCache = 0, numIncremental = 0;
+  std::function<void(int)> onIncremental;
+};
+
+class BestNeighbourTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    msg = ZrMessage::getTheMsg();
+    oldSink = msg->setSink([this](const std::string& t) { messages.push_back(t); });
+    wa->clearInterrupt();
+  }
+  void TearDown() override {
+    msg->setSink(oldSink);
+    wa->clearInterrupt();
+    wa->setProgressValue(0.0f);
+  }
+  std::vector<std::string> lines(const char* prefix) const {
+    std::vector<std::string> r;
+    for (const std::string& m : messages)
+      if (m.compare(0, std::string(prefix).size(), prefix) == 0)
+        r.push_back(m);
+    return r;
+  }
+  static std::string format(const char* f, double v) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, f, v);
+    return buf;
+  }
+
+  ZrWorkArea* wa = ZrWorkArea::getTheWorkArea();
+  ZrMessage* msg = nullptr;
+  ZrMessage::Sink oldSink;
+  std::vector<std::string> messages;
+};
+
+} // namespace
+
+TEST_F(BestNeighbourTest, FindsTheMaximumOfASeparableParaboloid) {
+  RegAffineTransform t;
+  QuadraticFunctional f(&t);
+  const double target[12] = {3.3, -2.2, 1.7, 12.0, -30.0, 7.5, 1.3, 0.8, 1.1, 0.1, -0.05, 0.2};
+  for (int i = 0; i < 12; i++)
+    f.target[i] = target[i];
+
+  ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
+  opt.setFunctional(&f);
+  ASSERT_EQ(opt.transform, &t);
+  const double a = 2.0, b = 1.0 / 64.0;
+  opt.optimize(a, b);
+
+  // Coordinate steps of size b * scale_i leave each parameter within half a
+  // final step of its optimum.
+  SbVec3d extent(10, 10, 10);
+  for (int i = 0; i < 12; i++) {
+    const double finalStep = b * t.getParamStep(i, &extent);
+    EXPECT_LE(std::fabs(t.paramVector[i] - target[i]), 0.5 * finalStep + 1e-12) << "param " << i;
+  }
+  // The centre is never varied.
+  for (int i = 12; i < 15; i++)
+    EXPECT_EQ(t.paramVector[i], 0.0);
+  EXPECT_EQ(f.numCache, 1);
+  EXPECT_EQ(f.probed.size(), 12u);
+
+  // The last message reports the value that was reached.
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.back(), format(" Metric result = %f\n", f.value()));
+}
+
+TEST_F(BestNeighbourTest, StepScheduleFromStartToEnd) {
+  RegAffineTransform t;
+  QuadraticFunctional f(&t);
+  t.setDegreesOfFreedomDirect(0); // no parameters: only the schedule runs
+  ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
+  opt.setFunctional(&f);
+
+  // log(1/8) / log(0.5) = 3: four steps, the factor stays 0.5.
+  opt.optimize(8.0, 1.0);
+  std::vector<std::string> steps = lines("Setting step size");
+  ASSERT_EQ(steps.size(), 4u);
+  EXPECT_EQ(steps[0], "Setting step size to    8\n");
+  EXPECT_EQ(steps[1], "Setting step size to    4\n");
+  EXPECT_EQ(steps[2], "Setting step size to    2\n");
+  EXPECT_EQ(steps[3], "Setting step size to    1\n");
+  EXPECT_DOUBLE_EQ(opt.stepFactor, 0.5);
+  // n == 0: each step prints only its two lines.
+  EXPECT_EQ(messages.size(), 8u);
+  EXPECT_EQ(lines(" Metric result").size(), 4u);
+  EXPECT_EQ(f.numIncremental, 0);
+
+  // From 10 to 1 with factor 0.5: k = trunc(3.32) = 3, and the factor is
+  // adjusted to the cube root of 0.1 so that the last step is exactly 1. The
+  // member keeps the adjusted factor.
+  messages.clear();
+  opt.optimize(10.0, 1.0);
+  steps = lines("Setting step size");
+  const double q = std::cbrt(0.1);
+  EXPECT_NEAR(opt.stepFactor, q, 1e-15);
+  ASSERT_EQ(steps.size(), 4u);
+  EXPECT_EQ(steps[0], format("Setting step size to %4g\n", 10.0));
+  EXPECT_EQ(steps[1], format("Setting step size to %4g\n", 10.0 * q));
+  EXPECT_EQ(steps[2], format("Setting step size to %4g\n", 10.0 * q * q));
+  EXPECT_EQ(steps[3], format("Setting step size to %4g\n", 1.0));
+
+  // The next call starts from the adjusted factor: log(1 / 1.5) / log(q) =
+  // 0.53, so k = 0 and the factor is forced to 0.5.
+  messages.clear();
+  opt.optimize(1.5, 1.0);
+  steps = lines("Setting step size");
+  EXPECT_EQ(opt.stepFactor, 0.5);
+  // With a single step the step is b, not a.
+  ASSERT_EQ(steps.size(), 1u);
+  EXPECT_EQ(steps[0], "Setting step size to    1\n");
+}
+
+TEST_F(BestNeighbourTest, SingleStepUsesTheEndStep) {
+  RegAffineTransform t;
+  QuadraticFunctional f(&t);
+  f.target[0] = 0.8; // one step of 0.8 reaches it exactly
+  ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
+  opt.setFunctional(&f);
+  opt.optimize(1.0, 0.8); // log(0.8) / log(0.5) = 0.32: k = 0
+  EXPECT_EQ(opt.stepFactor, 0.5);
+  EXPECT_EQ(lines("Setting step size").size(), 1u);
+  EXPECT_EQ(lines("Setting step size")[0], "Setting step size to  0.8\n");
+  EXPECT_DOUBLE_EQ(t.paramVector[0], 0.8);
+}
+
+TEST_F(BestNeighbourTest, DegenerateStepsTakeNoStep) {
+  RegAffineTransform t;
+  QuadraticFunctional f(&t);
+  f.target[0] = 5.0;
+  ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
+  opt.setFunctional(&f);
+  // A zero step, and steps of opposite sign: the logarithm quotient is not a
+  // number of steps, and the search returns after the first progress value.
+  for (double a : {0.0, -1.0}) {
+    messages.clear();
+    f.numIncremental = 0;
+    wa->setProgressValue(0.5f);
+    opt.stepFactor = 0.5;
+    opt.optimize(a, 1.0);
+    EXPECT_TRUE(messages.empty());
+    EXPECT_EQ(f.numIncremental, 0);
+    EXPECT_FLOAT_EQ(wa->getProgressValue(), 0.01f);
+    EXPECT_EQ(t.paramVector[0], 0.0);
+  }
+  // A start step below the end step: k is negative.
+  messages.clear();
+  opt.stepFactor = 0.5;
+  opt.optimize(1.0, 16.0);
+  EXPECT_TRUE(messages.empty());
+  EXPECT_EQ(f.numIncremental, 0);
+}
+
+TEST_F(BestNeighbourTest, FlatRegistrationsKeepTheirParameters) {
+  const std::set<int> skipped[5] = {
+      {0, 4, 5, 6, 9, 10}, {1, 3, 5, 7, 9, 11}, {2, 3, 4, 8, 10, 11}, {}, {3, 4, 8, 10, 11}};
+  for (int mode = 0; mode < 5; mode++) {
+    RegAffineTransform t;
+    QuadraticFunctional f(&t);
+    // Every parameter would like to move: by 0.3 units, or 10 degrees.
+    for (int i = 0; i < 12; i++)
+      f.target[i] += (i >= 3 && i <= 5) ? 10.0 : 0.3;
+    ZrBestNeighbourOptimizer opt(nullptr, 0.5, mode);
+    opt.setFunctional(&f);
+    opt.optimize(1.0, 0.25);
+
+    std::set<int> expected;
+    for (int i = 0; i < 12; i++)
+      if (!skipped[mode].count(i))
+        expected.insert(i);
+    EXPECT_EQ(f.probed, expected) << "mode " << mode;
+    for (int i = 0; i < 12; i++) {
+      EXPECT_EQ(ZrOptimizer::isSkippedParameter(mode, i), skipped[mode].count(i) == 1);
+      if (skipped[mode].count(i))
+        EXPECT_EQ(t.paramVector[i], i >= 6 && i <= 8 ? 1.0 : 0.0) << "mode " << mode;
+      else
+        EXPECT_NE(t.paramVector[i], i >= 6 && i <= 8 ? 1.0 : 0.0) << "mode " << mode;
+    }
+  }
+  // The table goes by index, whatever the transform; -1 skips nothing.
+  for (int i = 0; i < 20; i++)
+    EXPECT_FALSE(ZrOptimizer::isSkippedParameter(-1, i));
+}
+
+TEST_F(BestNeighbourTest, OnlyTheBestNeighbourOfASweepIsTaken) {
+  RegAffineTransform t;
+  QuadraticFunctional f(&t);
+  t.setDegreesOfFreedomDirect(3);
+  // Parameters 0 and 2 both improve by a step of 1; parameter 2 improves
+  // more. One sweep moves only parameter 2; the next sweep then moves 0.
+  f.target[0] = 1.0;
+  f.target[2] = 1.0;
+  f.weight[2] = 4.0;
+  std::vector<std::vector<double>> seen;
+  f.onIncremental = [&](int) {
+    seen.push_back({t.paramVector[0], t.paramVector[1], t.paramVector[2]});
+  };
+  ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
+  opt.setFunctional(&f);
+  opt.optimize(1.0, 1.0);
+  // Three sweeps of six probes: the first finds parameter 2, the second
+  // parameter 0, the third nothing.
+  ASSERT_EQ(seen.size(), 18u);
+  EXPECT_EQ(seen[0], (std::vector<double>{1, 0, 0}));
+  EXPECT_EQ(seen[4], (std::vector<double>{0, 0, 1}));
+  EXPECT_EQ(seen[6], (std::vector<double>{1, 0, 1}));  // sweep 2 starts from (0, 0, 1)
+  EXPECT_EQ(seen[12], (std::vector<double>{2, 0, 1})); // sweep 3 from (1, 0, 1)
+  EXPECT_EQ(t.paramVector[0], 1.0);
+  EXPECT_EQ(t.paramVector[2], 1.0);
+}
+
+TEST_F(BestNeighbourTest, InterruptionStopsAtOnce) {
+  RegAffineTransform t;
+  QuadraticFunctional f(&t);
+  f.target[0] = 5.0;
+  f.target[1] = 5.0;
+  // The user stops during the first probe.
+  f.onIncremental = [&](int) { wa->requestInterrupt(); };
+  ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
+  opt.setFunctional(&f);
+  opt.optimize(1.0, 0.125);
+  EXPECT_EQ(f.numIncremental, 1);
+  // Nothing is restored: parameter 0 keeps its probe value.
+  EXPECT_EQ(t.paramVector[0], 1.0);
+  EXPECT_EQ(t.paramVector[1], 0.0);
+  EXPECT_EQ(lines(" Metric result").size(), 0u);
+
+  // An interrupt that is already pending stops before any probe.
+  f.numIncremental = 0;
+  t.paramVector[0] = 0.0;
+  opt.stepFactor = 0.5;
+  opt.optimize(1.0, 0.125);
+  EXPECT_EQ(f.numIncremental, 0);
+  EXPECT_EQ(t.paramVector[0], 0.0);
+}
+
+TEST_F(BestNeighbourTest, ProgressValues) {
+  RegAffineTransform t;
+  QuadraticFunctional f(&t);
+  f.target[0] = 1.0;
+  t.setDegreesOfFreedomDirect(1);
+  ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
+  opt.setFunctional(&f);
+
+  // Level 2 of 4: the bar runs within the second quarter.
+  opt.setProgressLevel(1, 4);
+  EXPECT_EQ(opt.currentLevel, 2);
+  EXPECT_EQ(opt.progressStep, 2);
+  EXPECT_EQ(opt.progressSteps, 4);
+  std::vector<float> values;
+  struct Listener : ZrWorkAreaListener {
+    std::vector<float>* v;
+    void progressValueChanged(float value) override { v->push_back(value); }
+  } listener;
+  listener.v = &values;
+  wa->addListener(&listener);
+  // Steps 1, 0.5, 0.25: the first improves (one sweep), the others not.
+  opt.optimize(1.0, 0.25);
+  wa->removeListener(&listener);
+  ASSERT_EQ(values.size(), 2u);
+  EXPECT_FLOAT_EQ(values[0], 0.25f / 100 + 0.25f);
+  // After the successful sweep at step index 0, percent is 1.
+  EXPECT_FLOAT_EQ(values[1], (1 * 0.25f) / 100 + 0.25f);
+
+  // perStep = 99 / numSteps: a success at the third step shows percent 67.
+  values.clear();
+  t.paramVector[0] = 0.0;
+  f.target[0] = 0.25;
+  opt.stepFactor = 0.5;
+  wa->addListener(&listener);
+  opt.optimize(1.0, 0.25);
+  wa->removeListener(&listener);
+  ASSERT_EQ(values.size(), 2u);
+  EXPECT_FLOAT_EQ(values[1], (67 * 0.25f) / 100 + 0.25f);
+}
+
+TEST(ZrOptimizer, ProgressLevelAndFunctional) {
+  RegAffineTransform t;
+  QuadraticFunctional f(&t);
+  ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
+  EXPECT_EQ(opt.currentLevel, 0);
+  EXPECT_EQ(opt.numLevels, 1);
+  EXPECT_FALSE(opt.refreshSteps);
+
+  opt.setProgressLevel(2, 5);
+  EXPECT_EQ(opt.currentLevel, 3);
+  EXPECT_EQ(opt.numLevels, 5);
+  EXPECT_EQ(opt.progressStep, 3);
+  EXPECT_EQ(opt.progressSteps, 5);
+  // -1 only advances the step.
+  opt.setProgressLevel(-1);
+  EXPECT_EQ(opt.progressStep, 4);
+  EXPECT_EQ(opt.currentLevel, 3);
+  // Explicit step and count; numLevels -1 keeps the stored one.
+  opt.setProgressLevel(0, -1, 6, 10);
+  EXPECT_EQ(opt.currentLevel, 1);
+  EXPECT_EQ(opt.numLevels, 5);
+  EXPECT_EQ(opt.progressStep, 7);
+  EXPECT_EQ(opt.progressSteps, 10);
+
+  opt.setLevel(3);
+  EXPECT_EQ(opt.level, 3);
+  opt.setFunctional(&f);
+  EXPECT_EQ(opt.functional, &f);
+  EXPECT_EQ(opt.transform, &t);
+  opt.setFunctional(nullptr);
+  EXPECT_EQ(opt.functional, nullptr);
+  EXPECT_EQ(opt.transform, nullptr);
+}
