@@ -1,0 +1,131 @@
+#pragma once
+// The row walk shared by the uniform-grid evaluators: the interval of a row's
+// voxels that land inside the model, found with a few divisions per row
+// instead of a test per voxel, the trilinear sample of the model from its raw
+// voxels, and the walk over one reference slice that feeds each inside voxel
+// to a metric-specific step.
+//
+// Positions are model voxel coordinates (voxel i at coordinate i) in double
+// precision. The model counts as reaching half a voxel beyond its outer voxel
+// centres; there the sample replicates the border.
+#include "QbVec3i.h"
+#include "SbMatrixd.h"
+#include "SbVec3d.h"
+#include "ZrCoord3.h"
+
+#include <cstddef>
+#include <cstdint>
+
+// A step count t for the interval, clamped so that its truncation stays in
+// the range of int. Rows are far shorter than the clamp, so a clamped value
+// decides the same as the true one; NaN ends up below every row.
+inline double reg_evaluateUniformClampSteps(double t) {
+  return t > 1e9 ? 1e9 : (t > -1e9 ? t : -1e9);
+}
+
+// Voxels first..last of the row starting at v (step `step` per voxel, nx
+// voxels) lie inside the bounds `clip` (lo, hi per axis). `flags` per axis: 1
+// the row runs upwards, -1 downwards, 2 it stays at one coordinate, 0 the axis
+// does not clip. Returns false when no voxel is inside.
+//
+// A step count that lands exactly on a bound skips the voxel on entry and
+// keeps it on exit. The asymmetry is deliberate and kept: the set of counted
+// voxels, and with it every result, depends on it.
+inline bool reg_evaluateUniformRowInterval(const SbVec3d& v, const QbVec3i& flags,
+                                           const SbVec3d& step, const double* clip, int nx,
+                                           int& first, int& last) {
+  first = 0;
+  last = nx - 1;
+  const double pos[3] = {v.x, v.y, v.z};
+  const double dir[3] = {step.x, step.y, step.z};
+  const int flag[3] = {flags.x, flags.y, flags.z};
+  for (int a = 0; a < 3; a++) {
+    const double lo = clip[2 * a], hi = clip[2 * a + 1];
+    if (flag[a] == 1 || flag[a] == -1) {
+      const double enter = flag[a] == 1 ? lo : hi;
+      const double leave = flag[a] == 1 ? hi : lo;
+      double t = reg_evaluateUniformClampSteps((enter - pos[a]) / dir[a]);
+      int f = (int)t + (t > 0 ? 1 : 0);
+      if (f > first)
+        first = f;
+      t = reg_evaluateUniformClampSteps((leave - pos[a]) / dir[a]);
+      int l = (int)t - (t < 0 ? 1 : 0);
+      if (l < last)
+        last = l;
+    } else if (flag[a] == 2) {
+      if (pos[a] < lo || pos[a] > hi)
+        return false;
+    }
+  }
+  return last >= first;
+}
+
+inline double reg_evaluateUniformLerp(double a, double b, double t) { return (b - a) * t + a; }
+
+// Trilinear sample of `model` (x fastest, dimensions nx, ny, nz) at the voxel
+// coordinates v, which the row interval keeps within half a voxel of the
+// lattice. Negative coordinates clamp to 0; at the top the neighbour offset
+// falls to 0, so the border voxel is replicated without a test.
+template <class ModelT>
+inline double reg_evaluateUniformSample(const ModelT* model, const SbVec3d& v, int nx, int ny,
+                                        int nz) {
+  const double x = v.x > 0.0 ? v.x : 0.0;
+  const double y = v.y > 0.0 ? v.y : 0.0;
+  const double z = v.z > 0.0 ? v.z : 0.0;
+  const int ix = (int)x, iy = (int)y, iz = (int)z;
+  const double fx = x - ix, fy = y - iy, fz = z - iz;
+  const size_t sx = ix + 1 < nx ? 1 : 0;
+  const size_t sy = iy + 1 < ny ? (size_t)nx : 0;
+  const size_t sz = iz + 1 < nz ? (size_t)nx * ny : 0;
+  const ModelT* p = model + ((size_t)iz * ny + iy) * nx + ix;
+  const double c000 = (double)p[0], c100 = (double)p[sx];
+  const double c010 = (double)p[sy], c110 = (double)p[sy + sx];
+  const double c001 = (double)p[sz], c101 = (double)p[sz + sx];
+  const double c011 = (double)p[sz + sy], c111 = (double)p[sz + sy + sx];
+  const double e0 = reg_evaluateUniformLerp(c000, c100, fx);
+  const double e1 = reg_evaluateUniformLerp(c001, c101, fx);
+  const double e4 = reg_evaluateUniformLerp(e0, reg_evaluateUniformLerp(c010, c110, fx), fy);
+  return reg_evaluateUniformLerp(
+      e4, reg_evaluateUniformLerp(e1, reg_evaluateUniformLerp(c011, c111, fx), fy), fz);
+}
+
+// Walks slice k of the reference `ref` (dimensions refDims, x fastest). Each
+// row start is mapped through `matrix` into model voxel coordinates; the
+// positions along the row come from adding `step`. For every voxel of the
+// row's inside interval `sample(r, v)` runs with the reference value as a
+// double and the position; `total` rises by the row length whatever lies
+// inside. `sample` is inlined: the metric step costs no call.
+template <class RefT, class Sample>
+inline void reg_evaluateUniformSlice(const RefT* ref, const QbVec3i& refDims,
+                                     const ZrCoord3* coords, const SbMatrixd& matrix,
+                                     const QbVec3i& flags, const SbVec3d& step, const double* clip,
+                                     int k, int64_t& total, Sample&& sample) {
+  const int nx = refDims.x, ny = refDims.y;
+  const RefT* r = ref + (size_t)k * nx * ny;
+  for (int j = 0; j < ny; j++) {
+    float p[3];
+    coords->pos(0, j, k, p);
+    SbVec3d v;
+    matrix.multVecMatrix(SbVec3d(p[0], p[1], p[2]), v);
+    int first, last;
+    if (!reg_evaluateUniformRowInterval(v, flags, step, clip, nx, first, last)) {
+      last = -1;
+    } else {
+      // Repeated addition, as along the rest of the row, so that the interval
+      // and the positions agree to the last bit.
+      for (int n = 0; n < first; n++)
+        v += step;
+      r += first;
+      total += first;
+      for (int i = first; i <= last; i++) {
+        sample((double)*r, v);
+        total++;
+        v += step;
+        r++;
+      }
+    }
+    // The rest of the row lies outside.
+    total += nx - 1 - last;
+    r += nx - 1 - last;
+  }
+}

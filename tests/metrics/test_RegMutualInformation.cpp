@@ -1,0 +1,324 @@
+// The histogram metrics: the binning rules of both axes, soft binning with
+// clamping at and beyond the range, exact retraction of samples, the
+// entropies on data with a known answer, the overlap factor, and copies.
+#include "RegNormMutualInformation.h"
+#include "RegSimpleMutualInformation.h"
+#include "ZrMessage.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Binning {
+  int bins;
+  double min, scale;
+};
+
+Binning bin1D(QbPrimType type, int bins, double min, double max) {
+  Binning b{bins, min, 1.0};
+  RegMutualInformation::init1D(type, b.bins, b.min, b.scale, max);
+  return b;
+}
+
+// Collects what the metrics print while it lives.
+class MessageCapture {
+public:
+  MessageCapture() {
+    old = ZrMessage::getTheMsg()->setSink([this](const std::string& s) { text += s; });
+  }
+  ~MessageCapture() { ZrMessage::getTheMsg()->setSink(old); }
+  std::string text;
+
+private:
+  ZrMessage::Sink old;
+};
+
+// The metrics report their bin counts; outside the tests that read them the
+// messages are dropped.
+class DropMessages : public ::testing::Environment {
+  void SetUp() override {
+    ZrMessage::getTheMsg()->setSink([](const std::string&) {});
+  }
+};
+const auto* const kDrop = ::testing::AddGlobalTestEnvironment(new DropMessages);
+
+double histogramSum(const RegMutualInformation& mi) {
+  double s = 0;
+  for (double h : mi.histogram)
+    s += h;
+  return s;
+}
+
+double at(const RegMutualInformation& mi, int i, int j) {
+  return mi.histogram[i * mi.numBinsMod + j];
+}
+
+} // namespace
+
+TEST(RegMutualInformation, Init1DBinRules) {
+  // 8-bit data over its full range: 4 grey values per bin.
+  Binning b = bin1D(QB_UINT8, 64, 0, 255);
+  EXPECT_EQ(b.bins, 64);
+  EXPECT_DOUBLE_EQ(b.scale, 63.0 / 255.0);
+  // A narrow integer range: one bin per grey value.
+  b = bin1D(QB_UINT8, 64, 0, 10);
+  EXPECT_EQ(b.bins, 11);
+  EXPECT_EQ(b.scale, 1.0);
+  // Float data keep the requested count.
+  b = bin1D(QB_FLOAT, 64, 0, 1);
+  EXPECT_EQ(b.bins, 64);
+  EXPECT_EQ(b.scale, 63.0);
+  // A range of no width has one bin and no scale, for any type.
+  for (QbPrimType t : {QB_UINT8, QB_FLOAT, QB_DOUBLE}) {
+    b = bin1D(t, 64, 7, 7);
+    EXPECT_EQ(b.bins, 1);
+    EXPECT_EQ(b.scale, 0.0);
+  }
+  // Integer limits are rounded: 0.4 .. 10.6 is 0 .. 11.
+  b = bin1D(QB_INT16, 100, 0.4, 10.6);
+  EXPECT_EQ(b.min, 0.0);
+  EXPECT_EQ(b.bins, 12);
+  EXPECT_EQ(b.scale, 1.0);
+  // The bin width is the rounded quotient: 1000 / 250 is exactly 4 values a
+  // bin, 1000 / 222, about 4.5, rounds up to 5, which leaves 200 bins.
+  EXPECT_EQ(bin1D(QB_INT32, 250, 0, 1000).bins, 250);
+  EXPECT_EQ(bin1D(QB_INT32, 222, 0, 1000).bins, 200);
+  // An empty or inverted request still leaves a usable histogram.
+  EXPECT_EQ(bin1D(QB_UINT8, 0, 0, 255).bins, 1);
+  EXPECT_EQ(bin1D(QB_FLOAT, 0, 0, 1).bins, 1);
+  EXPECT_EQ(bin1D(QB_UINT8, 10, 20, 5).bins, 1);
+}
+
+TEST(RegMutualInformation, BinCountsFromTheModuleRule) {
+  // The registration module proposes bin counts from the data range; these
+  // are its proposals for some integer ranges, and what the metric then
+  // makes of them. With one grey value per bin the scale is exactly 1.
+  struct Case {
+    double max;
+    int proposed, bins;
+    double scale;
+  } cases[] = {{1, 1, 2, 1.0},       {100, 100, 101, 1.0},    {255, 255, 256, 1.0},
+               {256, 256, 257, 1.0}, {1000, 250, 250, 0.249}, {4095, 255, 256, 255.0 / 4095.0}};
+  for (const Case& c : cases) {
+    Binning b = bin1D(QB_UINT16, c.proposed, 0, c.max);
+    EXPECT_EQ(b.bins, c.bins) << c.max;
+    EXPECT_DOUBLE_EQ(b.scale, c.scale) << c.max;
+  }
+}
+
+TEST(RegMutualInformation, ConstructionAddsABinAndReports) {
+  MessageCapture capture;
+  RegNormMutualInformation mi(QB_UINT8, QB_FLOAT, 0, 255, 0, 1, 64, 64, 0.0);
+  EXPECT_EQ(capture.text, "numBinsRef, numBinsMod: 65 65");
+  EXPECT_EQ(mi.numBinsRef, 65);
+  EXPECT_EQ(mi.numBinsMod, 65);
+  EXPECT_EQ(mi.histogram.size(), 65 * 65);
+  EXPECT_DOUBLE_EQ(mi.refScale, 63.0 / 255.0);
+  EXPECT_EQ(mi.modelScale, 63.0);
+  EXPECT_EQ(histogramSum(mi), 0.0);
+
+  capture.text.clear();
+  RegSimpleMutualInformation narrow(QB_UINT8, QB_UINT8, 0, 10, 3, 3, 64, 64, 0.0);
+  EXPECT_EQ(capture.text, "numBinsRef, numBinsMod: 12 2");
+  EXPECT_EQ(narrow.modelScale, 0.0);
+}
+
+TEST(RegMutualInformation, SoftBinningAndClamping) {
+  // Float data over 0 .. 4 with 4 bins: scale 0.75, 5 bins, the top of the
+  // range at index 3.
+  RegNormMutualInformation mi(QB_FLOAT, QB_FLOAT, 0, 4, 0, 4, 4, 4, 0.0);
+  ASSERT_EQ(mi.numBinsRef, 5);
+  ASSERT_EQ(mi.refScale, 0.75);
+  mi.reset();
+
+  // ref 2 -> t = 1.5 (bins 1 and 2 half each); model 0 -> bin 0.
+  mi.increment(2.0, 0.0);
+  EXPECT_DOUBLE_EQ(at(mi, 1, 0), 0.5);
+  EXPECT_DOUBLE_EQ(at(mi, 2, 0), 0.5);
+  EXPECT_EQ(at(mi, 1, 1), 0.0);
+  mi.reset();
+
+  // Both shared: t = 0.75 on the reference axis, 2.25 on the model axis.
+  mi.increment(1.0, 3.0);
+  EXPECT_DOUBLE_EQ(at(mi, 0, 2), 0.25 * 0.75);
+  EXPECT_DOUBLE_EQ(at(mi, 1, 2), 0.75 * 0.75);
+  EXPECT_DOUBLE_EQ(at(mi, 0, 3), 0.25 * 0.25);
+  EXPECT_DOUBLE_EQ(at(mi, 1, 3), 0.75 * 0.25);
+  mi.reset();
+
+  // Exactly at the top of the range: all weight in the last but one bin.
+  mi.increment(4.0, 4.0);
+  EXPECT_EQ(at(mi, 3, 3), 1.0);
+  mi.reset();
+  // Above it: shared up to t = 4, then all in the last bin, however far.
+  mi.increment(4.5, 1e30);
+  EXPECT_DOUBLE_EQ(at(mi, 3, 4), 0.625);
+  EXPECT_DOUBLE_EQ(at(mi, 4, 4), 0.375);
+  mi.reset();
+  mi.increment(6.0, 1e30);
+  EXPECT_EQ(at(mi, 4, 4), 1.0);
+  mi.reset();
+  // Below the range, just and far: the first bin; NaN too.
+  mi.increment(-0.5, -1e30);
+  EXPECT_EQ(at(mi, 0, 0), 1.0);
+  mi.increment(-3.0, std::nan(""));
+  EXPECT_EQ(at(mi, 0, 0), 2.0);
+  // Clamped samples still count.
+  EXPECT_EQ(mi.numInside, 2);
+  EXPECT_EQ(mi.numTotal, 2);
+
+  // A range of no width: everything in bin 0 with full weight.
+  RegSimpleMutualInformation flat(QB_DOUBLE, QB_DOUBLE, 5, 5, 5, 5, 16, 16, 0.0);
+  flat.reset();
+  flat.increment(5.0, 17.0);
+  flat.increment(-3.0, 5.0);
+  EXPECT_EQ(at(flat, 0, 0), 2.0);
+}
+
+TEST(RegMutualInformation, DecrementCancelsIncrement) {
+  RegNormMutualInformation mi(QB_INT16, QB_FLOAT, -100, 300, 0, 1, 32, 32, 0.0);
+  mi.reset();
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<double> ref(-150, 350), model(-0.2, 1.2);
+  std::vector<std::pair<double, double>> samples;
+  for (int n = 0; n < 2000; n++) {
+    samples.emplace_back(std::round(ref(rng)), model(rng));
+    mi.increment(samples.back().first, samples.back().second);
+  }
+  // Every sample adds a weight of 1, clamped ones included.
+  EXPECT_NEAR(histogramSum(mi), 2000.0, 1e-9);
+  // Retracted in another order, they leave nothing behind.
+  for (int n = 1999; n >= 0; n--)
+    mi.decrement(samples[n].first, samples[n].second);
+  EXPECT_EQ(mi.numInside, 0);
+  EXPECT_EQ(mi.numTotal, 0);
+  for (int e = 0; e < mi.histogram.size(); e++)
+    ASSERT_NEAR(mi.histogram[e], 0.0, 1e-12) << e;
+}
+
+TEST(RegMutualInformation, EntropyLimits) {
+  std::mt19937 rng(11);
+  std::uniform_int_distribution<int> grey(0, 15);
+  // Independent data: mutual information near 0, normalised near 1.
+  RegSimpleMutualInformation smi(QB_UINT8, QB_UINT8, 0, 15, 0, 15, 16, 16, 0.0);
+  RegNormMutualInformation nmi(QB_UINT8, QB_UINT8, 0, 15, 0, 15, 16, 16, 0.0);
+  smi.reset();
+  nmi.reset();
+  for (int n = 0; n < 200000; n++) {
+    const int a = grey(rng), b = grey(rng);
+    smi.increment(a, b);
+    nmi.increment(a, b);
+  }
+  EXPECT_NEAR(smi.getResult(), 0.0, 2e-3);
+  EXPECT_NEAR(nmi.getResult(), 1.0, 1e-3);
+  // The marginals of uniform grey values over 16 bins: log 16 each.
+  double hRef, hMod;
+  nmi.getMarginalEntropies(hRef, hMod);
+  EXPECT_NEAR(hRef, std::log(16.0), 1e-3);
+  EXPECT_NEAR(hMod, std::log(16.0), 1e-3);
+
+  // Matched data, one grey value per bin: the joint entropy equals each
+  // marginal one, so NMI is 2 and MI is the marginal entropy.
+  nmi.reset();
+  smi.reset();
+  for (int n = 0; n < 5000; n++) {
+    const int a = grey(rng);
+    nmi.increment(a, a);
+    smi.increment(a, a);
+  }
+  EXPECT_NEAR(nmi.getResult(), 2.0, 1e-12);
+  double hJoint;
+  nmi.getJointEntropy(hJoint);
+  nmi.getMarginalEntropies(hRef, hMod);
+  EXPECT_NEAR(hJoint, hRef, 1e-12);
+  EXPECT_NEAR(smi.getResult(), hRef, 1e-12);
+
+  // Matched continuous data: soft binning spreads the diagonal onto its
+  // neighbours (2/3 on it, 1/6 on either side), which costs about 0.87 nats
+  // of joint entropy, so NMI lies near 1.6 rather than at 2.
+  RegNormMutualInformation cont(QB_FLOAT, QB_FLOAT, 0, 1, 0, 1, 32, 32, 0.0);
+  cont.reset();
+  std::uniform_real_distribution<double> u(0, 1);
+  for (int n = 0; n < 50000; n++) {
+    const double a = u(rng);
+    cont.increment(a, a);
+  }
+  EXPECT_NEAR(cont.getResult(), 1.6, 0.02);
+
+  // No sample: -1000.
+  nmi.reset();
+  smi.reset();
+  EXPECT_EQ(nmi.getResult(), -1000.0);
+  EXPECT_EQ(smi.getResult(), -1000.0);
+}
+
+TEST(RegMutualInformation, OverlapFactorMultiplies) {
+  std::mt19937 rng(3);
+  std::uniform_int_distribution<int> grey(0, 31);
+  for (int normalised = 0; normalised < 2; normalised++) {
+    std::unique_ptr<RegMutualInformation> mi;
+    if (normalised)
+      mi.reset(new RegNormMutualInformation(QB_UINT8, QB_UINT8, 0, 31, 0, 31, 32, 32, 1.0));
+    else
+      mi.reset(new RegSimpleMutualInformation(QB_UINT8, QB_UINT8, 0, 31, 0, 31, 32, 32, 1.0));
+    mi->reset();
+    for (int n = 0; n < 1000; n++) {
+      const int a = grey(rng);
+      mi->increment(a, (a * 7 + grey(rng) / 8) % 32);
+    }
+    const double full = mi->getResult();
+    // 10% inside: the covered fraction is half of the threshold 0.2.
+    mi->numTotal = 10000;
+    EXPECT_NEAR(mi->getResult(), full * 0.5, 1e-12);
+    // At 20% the factor is 1 again.
+    mi->numTotal = 5000;
+    EXPECT_NEAR(mi->getResult(), full, 1e-12);
+    // The threshold is relative to maxCoverage: with 0.25, 4% weighs 0.8.
+    mi->maxCoverage = 0.25;
+    mi->numTotal = 25000;
+    EXPECT_NEAR(mi->getResult(), full * 0.8, 1e-12);
+    // Without maxCoverage there is no factor at any overlap.
+    mi->maxCoverage = 0.0;
+    mi->numTotal = 1000000;
+    EXPECT_NEAR(mi->getResult(), full, 1e-12);
+  }
+}
+
+TEST(RegMutualInformation, StateAndCloneCopy) {
+  MessageCapture capture;
+  RegNormMutualInformation a(QB_UINT8, QB_UINT16, 0, 100, 0, 1000, 16, 20, 0.6);
+  RegNormMutualInformation b(QB_UINT8, QB_UINT16, 0, 100, 0, 1000, 16, 20, 0.6);
+  a.reset();
+  b.reset();
+  for (int n = 0; n < 300; n++)
+    a.increment(n % 101, (n * 37) % 1001);
+  b.increment(50, 500);
+  // getState overwrites, it does not merge.
+  a.getState(&b);
+  EXPECT_EQ(b.numInside, 300);
+  EXPECT_EQ(b.getResult(), a.getResult());
+
+  // A clone has the same class and result; it prints nothing, does not
+  // apply the bin rules again and has no sampling state.
+  const float box[6] = {0, 1, 0, 1, 0, 1};
+  a.box = box;
+  capture.text.clear();
+  std::unique_ptr<RegMetric> c(a.clone());
+  EXPECT_EQ(capture.text, "");
+  RegNormMutualInformation* copy = dynamic_cast<RegNormMutualInformation*>(c.get());
+  ASSERT_NE(copy, nullptr);
+  EXPECT_EQ(copy->numBinsMod, a.numBinsMod);
+  EXPECT_EQ(copy->maxCoverage, 0.6);
+  EXPECT_EQ(copy->box, nullptr);
+  EXPECT_EQ(copy->getResult(), a.getResult());
+
+  RegSimpleMutualInformation s(QB_FLOAT, QB_FLOAT, 0, 1, 0, 1, 8, 8, 0.0);
+  std::unique_ptr<RegMetric> sc(s.clone());
+  EXPECT_NE(dynamic_cast<RegSimpleMutualInformation*>(sc.get()), nullptr);
+}
