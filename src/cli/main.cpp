@@ -1,6 +1,11 @@
 // zrreg: the command-line host of the registration package.
-#include "ZrPackageLoader.h"
 #include "QbTypeInfo.h"
+#include "ZrAffineCommand.h"
+#include "ZrCompModule.h"
+#include "ZrDemo.h"
+#include "ZrPackageLoader.h"
+#include "ZrPhantomCommand.h"
+#include "ZrRunContext.h"
 
 #include <itkImageIOFactory.h>
 #include <itkObjectFactoryBase.h>
@@ -17,6 +22,10 @@ void printUsage(FILE* out) {
                     "commands:\n"
                     "  version   print the versions of zrreg and of the registration package\n"
                     "  formats   list the image file formats zrreg can read and write\n"
+                    "  affine    rigid/affine registration of a model onto reference images\n"
+                    "  ports     list the ports of a module class\n"
+                    "  run       run a script of host commands\n"
+                    "  phantom   write a synthetic head and a copy under a known transform\n"
                     "  demo      run the built-in demonstration (no input needed)\n"
                     "\n"
                     "zrreg <command> --help shows the options of a command.\n");
@@ -57,26 +66,79 @@ int cmdFormats(int argc, char** argv) {
   return 0;
 }
 
-int cmdDemo(int argc, char** argv) {
-  if (argc > 1 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
-    std::printf("usage: zrreg demo\n\nLoads the registration package and shows what it "
-                "offers.\n");
-    return 0;
+bool isHelp(int argc, char** argv) {
+  return argc > 1 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"));
+}
+
+int cmdPorts(int argc, char** argv) {
+  if (isHelp(argc, argv) || argc < 2) {
+    std::printf("usage: zrreg ports CLASS [--reference FILE] [--model FILE] [--labels]\n\n"
+                "Lists every port of a module class with its title, entries, values, and\n"
+                "whether it is shown and sensitive, after the module has updated on the given\n"
+                "inputs. Scripts and --set address ports by these names.\n");
+    return argc < 2 ? 2 : 0;
   }
-  ZrPackageLoader loader;
-  if (int rc = loadPackage(loader))
-    return rc;
-  std::printf("zrregistration %s loaded.\n", loader.version().c_str());
-  int modules = 0;
-  const QbTypeInfo* compModule = QbTypeInfo::fromName("ZrCompModule");
-  for (const QbTypeInfo* t : QbTypeInfo::allTypes())
-    if (compModule && t != compModule && t->isOfType(compModule) && t->canCreate()) {
-      std::printf("  module: %s\n", t->getName());
-      modules++;
+  std::string reference, model;
+  bool labels = false;
+  for (int i = 2; i < argc; i++) {
+    std::string a = argv[i];
+    if ((a == "--reference" || a == "--model") && i + 1 < argc)
+      (a == "--reference" ? reference : model) = argv[++i];
+    else if (a == "--labels")
+      labels = true;
+    else {
+      std::fprintf(stderr, "zrreg ports: unknown option '%s'\n", a.c_str());
+      return 2;
     }
-  if (modules == 0)
-    std::printf("This build of the package registers no modules yet, so there is nothing to "
-                "demonstrate.\n");
+  }
+  ZrRunContext ctx;
+  if (!ctx.start(true, 0))
+    return 1;
+  ZrCliSession& s = ctx.session();
+  std::string error;
+  ZrCompModule* m = s.createModule(argv[1], "", error);
+  bool ok = m != nullptr;
+  if (ok && !model.empty())
+    ok = s.loadImage("model", model, labels, error) &&
+         s.setPort(m, m->portData.getName(), "model", error);
+  if (ok && !reference.empty())
+    ok = s.loadImage("reference", reference, labels, error) &&
+         s.setPort(m, "reference", "reference", error);
+  if (!ok) {
+    std::fprintf(stderr, "zrreg: %s\n", error.c_str());
+    return 1;
+  }
+  s.fire(m, false, error);
+  std::fputs(ZrCliSession::describePorts(m).c_str(), stdout);
+  return 0;
+}
+
+int cmdRun(int argc, char** argv) {
+  if (isHelp(argc, argv) || argc != 2) {
+    std::printf("usage: zrreg run SCRIPT\n\n"
+                "Runs host commands from SCRIPT, one a line ('#' starts a comment):\n"
+                "  load NAME FILE [labels]      read an image as object NAME\n"
+                "  landmarks NAME FILE          read a landmark set (CSV: x y z per set)\n"
+                "  vertices NAME FILE           read a vertex set (CSV or OFF)\n"
+                "  create CLASS [NAME]          create a module\n"
+                "  connect MODULE PORT OBJECT   connect an input\n"
+                "  set MODULE PORT VALUE...     set a port ('zrreg ports CLASS' lists them)\n"
+                "  hit MODULE PORT [BUTTON]     press a button (index or label)\n"
+                "  update MODULE                let the module react to changed ports\n"
+                "  compute MODULE               run the module\n"
+                "  save OBJECT FILE             write an image, landmark or vertex set\n"
+                "  ports MODULE | list | echo TEXT\n"
+                "The script stops at the first failing line.\n");
+    return argc != 2 && !isHelp(argc, argv) ? 2 : 0;
+  }
+  ZrRunContext ctx;
+  if (!ctx.start(false, 0))
+    return 1;
+  std::string error;
+  if (!ctx.session().runScript(argv[1], error)) {
+    std::fprintf(stderr, "zrreg: %s\n", error.c_str());
+    return ctx.interrupted() ? 130 : 1;
+  }
   return 0;
 }
 
@@ -97,7 +159,15 @@ int main(int argc, char** argv) {
   if (cmd == "formats")
     return cmdFormats(argc - 1, argv + 1);
   if (cmd == "demo")
-    return cmdDemo(argc - 1, argv + 1);
+    return ZrDemo::run(argc - 1, argv + 1);
+  if (cmd == "affine")
+    return ZrAffineCommand::run(argc - 1, argv + 1);
+  if (cmd == "phantom")
+    return ZrPhantomCommand::run(argc - 1, argv + 1);
+  if (cmd == "ports")
+    return cmdPorts(argc - 1, argv + 1);
+  if (cmd == "run")
+    return cmdRun(argc - 1, argv + 1);
   std::fprintf(stderr, "zrreg: unknown command '%s'\n\n", cmd.c_str());
   printUsage(stderr);
   return 2;

@@ -1,0 +1,260 @@
+#include "ZrAffineCommand.h"
+
+#include "SbMatrixd.h"
+#include "ZrCompModule.h"
+#include "ZrConnection.h"
+#include "ZrFieldResampler.h"
+#include "ZrImageIO.h"
+#include "ZrPortButtonList.h"
+#include "ZrRegScalarField3.h"
+#include "ZrRunContext.h"
+#include "ZrTransformFiles.h"
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Options {
+  std::string reference[3];
+  std::string model;
+  bool referenceLabels = false, modelLabels = false;
+  std::vector<std::pair<std::string, std::string>> sets;
+  std::string align;
+  bool doRegister = true;
+  std::string out, resampled, matrix, itkTransform;
+  bool quiet = false;
+  int threads = 0;
+};
+
+int usageError(const std::string& msg) {
+  std::fprintf(stderr, "zrreg affine: %s\n(see 'zrreg affine --help')\n", msg.c_str());
+  return 2;
+}
+
+} // namespace
+
+void ZrAffineCommand::printHelp() {
+  std::printf("usage: zrreg affine --reference R --model M -o OUT [options]\n"
+              "\n"
+              "Registers the model image onto the reference image(s) by a rigid or affine\n"
+              "transform and writes the model with the found transform in its header (the\n"
+              "voxels are not resampled).\n"
+              "\n"
+              "inputs:\n"
+              "  --reference FILE       reference image (the fixed image)\n"
+              "  --reference2 FILE      second reference, registered jointly (optional)\n"
+              "  --reference3 FILE      third reference (optional)\n"
+              "  --model FILE           model image (the moving image)\n"
+              "  --reference-labels     read the reference(s) as label images\n"
+              "  --model-labels         read the model as a label image\n"
+              "                         (files with a NIfTI label intent are labels anyway)\n"
+              "\n"
+              "what to do:\n"
+              "  --align centers|principal-axes\n"
+              "                         pre-align before registering\n"
+              "  --no-register          only pre-align\n"
+              "  --set PORT=VALUE       set a port of the registration module, e.g.\n"
+              "                         --set metric=Correlation --set transform=Rigid=on,Iso-=on\n"
+              "                         --set extendedOptions=on --set step=10,0.1\n"
+              "                         ('zrreg ports ZrAffineRegistration' lists them all)\n"
+              "\n"
+              "outputs:\n"
+              "  -o, --output FILE      the model with its new transform (required)\n"
+              "  --resampled FILE       the model resampled on the reference's voxel grid\n"
+              "  --matrix FILE          the 4x4 world mapping from the model's old to its new\n"
+              "                         position (column vectors, ITK/LPS world coordinates)\n"
+              "  --itk-transform FILE   an ITK affine transform file mapping reference points\n"
+              "                         to points of the original model file\n"
+              "\n"
+              "general:\n"
+              "  --threads N            number of threads (default: all cores)\n"
+              "  --quiet                no progress and no module messages\n"
+              "\n"
+              "Ctrl-C stops the registration after the current step; the result reached so\n"
+              "far is written and the exit status is 130.\n");
+}
+
+int ZrAffineCommand::run(int argc, char** argv) {
+  Options o;
+  for (int i = 1; i < argc; i++) {
+    std::string a = argv[i];
+    auto value = [&](std::string& dst) {
+      if (i + 1 >= argc)
+        return false;
+      dst = argv[++i];
+      return true;
+    };
+    bool ok = true;
+    if (a == "--help" || a == "-h") {
+      printHelp();
+      return 0;
+    } else if (a == "--reference")
+      ok = value(o.reference[0]);
+    else if (a == "--reference2")
+      ok = value(o.reference[1]);
+    else if (a == "--reference3")
+      ok = value(o.reference[2]);
+    else if (a == "--model")
+      ok = value(o.model);
+    else if (a == "--reference-labels")
+      o.referenceLabels = true;
+    else if (a == "--model-labels")
+      o.modelLabels = true;
+    else if (a == "--set") {
+      std::string kv;
+      ok = value(kv);
+      size_t eq = kv.find('=');
+      if (ok && (eq == std::string::npos || eq == 0))
+        return usageError("--set takes PORT=VALUE, got '" + kv + "'");
+      if (ok)
+        o.sets.emplace_back(kv.substr(0, eq), kv.substr(eq + 1));
+    } else if (a == "--align") {
+      ok = value(o.align);
+      if (ok && o.align != "centers" && o.align != "principal-axes")
+        return usageError("--align takes 'centers' or 'principal-axes'");
+    } else if (a == "--no-register")
+      o.doRegister = false;
+    else if (a == "-o" || a == "--output")
+      ok = value(o.out);
+    else if (a == "--resampled")
+      ok = value(o.resampled);
+    else if (a == "--matrix")
+      ok = value(o.matrix);
+    else if (a == "--itk-transform")
+      ok = value(o.itkTransform);
+    else if (a == "--quiet" || a == "-q")
+      o.quiet = true;
+    else if (a == "--threads") {
+      std::string t;
+      ok = value(t) && ZrRunContext::parseInt(t.c_str(), o.threads) && o.threads > 0;
+      if (!ok)
+        return usageError("--threads takes a positive number");
+    } else
+      return usageError("unknown option '" + a + "'");
+    if (!ok)
+      return usageError("option '" + a + "' needs a value");
+  }
+  if (o.reference[0].empty() || o.model.empty())
+    return usageError("--reference and --model are required");
+  if (o.out.empty())
+    return usageError("-o OUT is required");
+  if ((!o.reference[1].empty() || !o.reference[2].empty()) && o.reference[0].empty())
+    return usageError("--reference2/3 need --reference");
+  for (const std::string* f : {&o.out, &o.resampled})
+    if (!f->empty() && !ZrImageIO::canWrite(*f))
+      return usageError("no image format is known for the output name '" + *f + "'");
+
+  ZrRunContext ctx;
+  if (!ctx.start(o.quiet, o.threads))
+    return 1;
+  ZrCliSession& s = ctx.session();
+  std::string error;
+
+  // Inputs, checked before they reach the module.
+  const char* refNames[3] = {"reference", "reference2", "reference3"};
+  ZrRegScalarField3* refs[3] = {nullptr, nullptr, nullptr};
+  for (int r = 0; r < 3; r++) {
+    if (o.reference[r].empty())
+      continue;
+    refs[r] = dynamic_cast<ZrRegScalarField3*>(
+        s.loadImage(refNames[r], o.reference[r], o.referenceLabels, error));
+    if (!refs[r] || !ZrImageIO::checkUsable(refs[r], refNames[r], error)) {
+      std::fprintf(stderr, "zrreg: %s\n", error.c_str());
+      return 1;
+    }
+  }
+  auto* model =
+      dynamic_cast<ZrRegScalarField3*>(s.loadImage("model", o.model, o.modelLabels, error));
+  if (!model || !ZrImageIO::checkUsable(model, "model", error)) {
+    std::fprintf(stderr, "zrreg: %s\n", error.c_str());
+    return 1;
+  }
+  SbMatrixd before;
+  model->getTransform(before);
+
+  ZrCompModule* m = s.createModule("ZrAffineRegistration", "AffineRegistration", error);
+  if (!m) {
+    std::fprintf(stderr, "zrreg: %s\n", error.c_str());
+    return 1;
+  }
+  m->portData.connect(model);
+  for (int r = 0; r < 3; r++)
+    if (refs[r]) {
+      auto* c = dynamic_cast<ZrConnection*>(m->getPort(refNames[r]));
+      if (!c || !c->connect(refs[r])) {
+        std::fprintf(stderr, "zrreg: the module does not take '%s' as %s\n", o.reference[r].c_str(),
+                     refNames[r]);
+        return 1;
+      }
+    }
+  s.fire(m, false, error);
+  // Port settings after the defaults that the inputs bring, one update each
+  // so that a setting can depend on the one before (a menu that grows).
+  for (const auto& kv : o.sets) {
+    if (!s.setPort(m, kv.first, kv.second, error)) {
+      std::fprintf(stderr, "zrreg: %s\n", error.c_str());
+      return 1;
+    }
+    s.fire(m, false, error);
+  }
+  auto* action = dynamic_cast<ZrPortButtonList*>(m->getPort("action"));
+  if (!action) {
+    std::fprintf(stderr, "zrreg: the registration module has no 'action' port\n");
+    return 1;
+  }
+  if (o.align == "centers")
+    action->hit(0);
+  else if (o.align == "principal-axes")
+    action->hit(1);
+  if (o.doRegister)
+    action->hit(2);
+  bool interrupted = false;
+  if (action->wasAnyHit()) {
+    m->fire(1);
+    m->untouchPorts(true);
+    interrupted = ctx.interrupted();
+  }
+
+  SbMatrixd after;
+  model->getTransform(after);
+  // Old world position -> new world position, as column vectors.
+  SbMatrixd change = before.inverse() * after;
+  std::printf("Model transform (local to world, column vectors):\n%s",
+              ZrTransformFiles::formatMatrix(after.transpose()).c_str());
+
+  bool ok = true;
+  auto report = [&](bool written, const std::string& what) {
+    if (!written) {
+      std::fprintf(stderr, "zrreg: %s\n", error.c_str());
+      ok = false;
+    } else if (!o.quiet)
+      std::fprintf(stderr, "wrote %s\n", what.c_str());
+  };
+  std::string notice;
+  report(ZrImageIO::write(model, o.out, error, &notice), o.out);
+  if (!notice.empty())
+    std::fprintf(stderr, "zrreg: %s\n", notice.c_str());
+  if (!o.resampled.empty()) {
+    std::unique_ptr<ZrRegScalarField3> r(ZrFieldResampler::resample(model, refs[0]));
+    if (!r)
+      error = "the reference is not on a uniform grid; no resampled image";
+    report(r && ZrImageIO::write(r.get(), o.resampled, error), o.resampled);
+  }
+  if (!o.matrix.empty())
+    report(ZrTransformFiles::writeMatrix(change.transpose(), o.matrix, error), o.matrix);
+  if (!o.itkTransform.empty()) {
+    // Reference point -> point of the original model file.
+    SbMatrixd refToOldModel = after.inverse() * before;
+    report(ZrTransformFiles::writeItkAffine(refToOldModel.transpose(), o.itkTransform, error),
+           o.itkTransform);
+  }
+  if (interrupted) {
+    std::fprintf(stderr, "zrreg: interrupted; the result reached so far was written\n");
+    return 130;
+  }
+  return ok ? 0 : 1;
+}

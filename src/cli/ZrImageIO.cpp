@@ -1,0 +1,566 @@
+#include "ZrImageIO.h"
+
+#include "QbPrimType.h"
+#include "SbMatrixd.h"
+#include "ZrUniformLabelField3.h"
+#include "ZrUniformScalarField3.h"
+#include "qbmalloc.h"
+
+#include <itkImageIOBase.h>
+#include <itkImageIOFactory.h>
+// Included for its side effect: it registers every image I/O factory of the
+// installed ITK in this translation unit.
+#include <itkImageFileReader.h>
+#include <itkMetaDataObject.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <sstream>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using IOComponent = itk::IOComponentEnum;
+
+// Our voxel type for an ITK component type; -1 when it must be converted.
+int nativeType(IOComponent c) {
+  switch (c) {
+  case IOComponent::UCHAR:
+    return QB_UINT8;
+  case IOComponent::SHORT:
+    return QB_INT16;
+  case IOComponent::INT:
+    return QB_INT32;
+  case IOComponent::FLOAT:
+    return QB_FLOAT;
+  case IOComponent::DOUBLE:
+    return QB_DOUBLE;
+  case IOComponent::USHORT:
+    return QB_UINT16;
+  default:
+    return -1;
+  }
+}
+
+IOComponent itkComponent(int primType) {
+  switch (primType) {
+  case QB_UINT8:
+    return IOComponent::UCHAR;
+  case QB_INT16:
+    return IOComponent::SHORT;
+  case QB_INT32:
+    return IOComponent::INT;
+  case QB_FLOAT:
+    return IOComponent::FLOAT;
+  case QB_DOUBLE:
+    return IOComponent::DOUBLE;
+  case QB_UINT16:
+    return IOComponent::USHORT;
+  default:
+    return IOComponent::UNKNOWNCOMPONENTTYPE;
+  }
+}
+
+template <class S> void rangeOf(const void* src, size_t n, double& lo, double& hi) {
+  const S* s = static_cast<const S*>(src);
+  lo = std::numeric_limits<double>::max();
+  hi = -lo;
+  for (size_t i = 0; i < n; i++) {
+    double v = double(s[i]);
+    lo = std::min(lo, v);
+    hi = std::max(hi, v);
+  }
+}
+
+template <class S, class D> void convertValues(const void* src, void* dst, size_t n) {
+  const S* s = static_cast<const S*>(src);
+  D* d = static_cast<D*>(dst);
+  for (size_t i = 0; i < n; i++)
+    d[i] = static_cast<D>(s[i]);
+}
+
+// Converts the integer types a field cannot hold into one it can, exactly
+// where the values allow: int8 to int16, the wide and unsigned types to int32
+// when their range fits and to double otherwise. Returns the new type, or -1
+// for a component type zrreg does not take (complex, unknown).
+template <class S>
+int convertInteger(const void* src, size_t n, void*& out, std::string& notice, const char* name) {
+  double lo, hi;
+  rangeOf<S>(src, n, lo, hi);
+  int type;
+  if (lo >= -32768 && hi <= 32767)
+    type = QB_INT16;
+  else if (lo >= -2147483648.0 && hi <= 2147483647.0)
+    type = QB_INT32;
+  else
+    type = QB_DOUBLE;
+  out = qbmalloc(std::max<size_t>(1, n * qbPrimTypeSize(type)));
+  if (type == QB_INT16)
+    convertValues<S, int16_t>(src, out, n);
+  else if (type == QB_INT32)
+    convertValues<S, int32_t>(src, out, n);
+  else
+    convertValues<S, double>(src, out, n);
+  notice = std::string("voxels of type ") + name + " converted to " + qbPrimTypeName(type);
+  return type;
+}
+
+int convertForeign(IOComponent c, const void* src, size_t n, void*& out, std::string& notice) {
+  switch (c) {
+  case IOComponent::CHAR:
+    return convertInteger<int8_t>(src, n, out, notice, "int8");
+  case IOComponent::UINT:
+    return convertInteger<uint32_t>(src, n, out, notice, "uint32");
+  case IOComponent::LONG:
+    return convertInteger<long>(src, n, out, notice, "int64");
+  case IOComponent::ULONG:
+    return convertInteger<unsigned long>(src, n, out, notice, "uint64");
+  case IOComponent::LONGLONG:
+    return convertInteger<long long>(src, n, out, notice, "int64");
+  case IOComponent::ULONGLONG:
+    return convertInteger<unsigned long long>(src, n, out, notice, "uint64");
+  default:
+    return -1;
+  }
+}
+
+bool hasLabelIntent(const itk::MetaDataDictionary& dict) {
+  std::string s;
+  if (itk::ExposeMetaData<std::string>(dict, "intent_code", s)) {
+    // NIfTI's label intent; some writers store the code's name instead.
+    if (s == "1002" || s == "NIFTI_INTENT_LABEL")
+      return true;
+  }
+  int code = 0;
+  if (itk::ExposeMetaData<int>(dict, "intent_code", code) && code == 1002)
+    return true;
+  short scode = 0;
+  if (itk::ExposeMetaData<short>(dict, "intent_code", scode) && scode == 1002)
+    return true;
+  return false;
+}
+
+std::string lowerName(const std::string& path) {
+  std::string s = path;
+  std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
+  return s;
+}
+
+bool endsWith(const std::string& s, const char* suffix) {
+  size_t n = std::strlen(suffix);
+  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
+}
+
+// Formats whose header names a separate data file: renaming the header after
+// writing would break that link, so they are written in place.
+bool isDetachedFormat(const std::string& path) {
+  std::string l = lowerName(path);
+  return endsWith(l, ".mhd") || endsWith(l, ".hdr") || endsWith(l, ".nhdr") ||
+         endsWith(l, ".img") || endsWith(l, ".img.gz");
+}
+
+// The file name with a hidden temporary prefix, in the same directory, with
+// the same extension so the writer chooses the same format.
+std::string temporaryName(const std::string& path) {
+  size_t slash = path.find_last_of('/');
+  std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  return dir + ".zrreg-" + std::to_string(getpid()) + "-" + base;
+}
+
+void removeQuietly(const std::string& path) { std::remove(path.c_str()); }
+
+} // namespace
+
+ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& options,
+                                   ReadInfo* info, std::string& error) {
+  ReadInfo localInfo;
+  ReadInfo& inf = info ? *info : localInfo;
+  if (FILE* f = std::fopen(path.c_str(), "rb")) {
+    std::fclose(f);
+  } else {
+    error = "cannot open '" + path + "': " + std::strerror(errno);
+    return nullptr;
+  }
+  itk::ImageIOBase::Pointer io =
+      itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::ReadMode);
+  if (!io) {
+    error = "'" + path + "' is not an image file that zrreg can read (see 'zrreg formats')";
+    return nullptr;
+  }
+  std::vector<char> buffer;
+  try {
+    io->SetFileName(path);
+    io->ReadImageInformation();
+  } catch (const itk::ExceptionObject& e) {
+    error = "cannot read '" + path + "': " + e.GetDescription();
+    return nullptr;
+  }
+
+  unsigned nd = io->GetNumberOfDimensions();
+  if (nd < 2 || nd > 4) {
+    error =
+        "'" + path + "' has " + std::to_string(nd) + " dimensions; zrreg takes 2-D and 3-D images";
+    return nullptr;
+  }
+  if (nd == 4 && io->GetDimensions(3) > 1) {
+    error = "'" + path + "' is a 4-D image (" + std::to_string(io->GetDimensions(3)) +
+            " volumes); extract one 3-D volume first";
+    return nullptr;
+  }
+  if (io->GetNumberOfComponents() != 1) {
+    error = "'" + path + "' has " + std::to_string(io->GetNumberOfComponents()) +
+            " components per voxel (" + io->GetPixelTypeAsString(io->GetPixelType()) +
+            "); zrreg registers scalar images only";
+    return nullptr;
+  }
+  const unsigned nd3 = std::min(nd, 3u);
+  int dims[3] = {1, 1, 1};
+  double spacing[3] = {1, 1, 1}, origin[3] = {0, 0, 0};
+  double dir[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}; // dir[row][voxel axis]
+  for (unsigned a = 0; a < nd3; a++) {
+    size_t n = io->GetDimensions(a);
+    if (n < 1 || n > size_t(std::numeric_limits<int>::max())) {
+      error = "'" + path + "' has an invalid size along axis " + std::to_string(a);
+      return nullptr;
+    }
+    dims[a] = int(n);
+    spacing[a] = io->GetSpacing(a);
+    origin[a] = io->GetOrigin(a);
+    std::vector<double> d = io->GetDirection(a);
+    for (unsigned r = 0; r < nd3 && r < d.size(); r++)
+      dir[r][a] = d[r];
+    if (!(spacing[a] > 0) || !std::isfinite(spacing[a])) {
+      error = "'" + path + "' has a non-positive voxel spacing along axis " + std::to_string(a);
+      return nullptr;
+    }
+  }
+  int flat = (dims[0] == 1) + (dims[1] == 1) + (dims[2] == 1);
+  if (flat > 1) {
+    error = "'" + path + "' has only one voxel along more than one axis";
+    return nullptr;
+  }
+
+  size_t numVoxels = size_t(dims[0]) * dims[1] * dims[2];
+  IOComponent comp = io->GetComponentType();
+  inf.fileType = itk::ImageIOBase::GetComponentTypeAsString(comp);
+  size_t compSize = io->GetComponentSize();
+  try {
+    buffer.resize(numVoxels * compSize);
+    itk::ImageIORegion region(nd);
+    for (unsigned a = 0; a < nd; a++) {
+      region.SetIndex(a, 0);
+      region.SetSize(a, io->GetDimensions(a));
+    }
+    io->SetIORegion(region);
+    io->Read(buffer.data());
+  } catch (const itk::ExceptionObject& e) {
+    error = "cannot read the voxels of '" + path + "': " + e.GetDescription();
+    return nullptr;
+  } catch (const std::bad_alloc&) {
+    error = "not enough memory to read '" + path + "'";
+    return nullptr;
+  }
+
+  int type = nativeType(comp);
+  void* src = buffer.data();
+  void* converted = nullptr;
+  if (type < 0) {
+    type = convertForeign(comp, src, numVoxels, converted, inf.notice);
+    if (type < 0) {
+      error = "'" + path + "' has voxels of type " + inf.fileType + ", which zrreg cannot use";
+      return nullptr;
+    }
+    src = converted;
+  }
+
+  // Permute and flip the voxel axes towards the world axes they are nearest
+  // to: greedily assign the largest remaining direction entry.
+  int worldOf[3]; // voxel axis -> world axis
+  int signOf[3];  // +1 or -1 per voxel axis
+  bool usedRow[3] = {false, false, false}, usedCol[3] = {false, false, false};
+  for (int step = 0; step < 3; step++) {
+    int br = -1, bc = -1;
+    double best = -1;
+    for (int r = 0; r < 3; r++)
+      for (int c = 0; c < 3; c++)
+        if (!usedRow[r] && !usedCol[c] && std::fabs(dir[r][c]) > best) {
+          best = std::fabs(dir[r][c]);
+          br = r;
+          bc = c;
+        }
+    usedRow[br] = usedCol[bc] = true;
+    worldOf[bc] = br;
+    signOf[bc] = dir[br][bc] < 0 ? -1 : 1;
+  }
+  // A flat axis keeps its place: flipping it changes nothing, but its new
+  // direction column must keep the rotation proper.
+  int newDims[3];
+  double newSpacing[3], R[3][3]; // R[row][new axis]
+  double newOrigin[3] = {origin[0], origin[1], origin[2]};
+  for (int j = 0; j < 3; j++) {
+    int a = worldOf[j];
+    newDims[a] = dims[j];
+    newSpacing[a] = spacing[j];
+    for (int r = 0; r < 3; r++)
+      R[r][a] = signOf[j] * dir[r][j];
+    if (signOf[j] < 0)
+      for (int r = 0; r < 3; r++)
+        newOrigin[r] += dir[r][j] * spacing[j] * (dims[j] - 1);
+  }
+  double det = R[0][0] * (R[1][1] * R[2][2] - R[1][2] * R[2][1]) -
+               R[0][1] * (R[1][0] * R[2][2] - R[1][2] * R[2][0]) +
+               R[0][2] * (R[1][0] * R[2][1] - R[1][1] * R[2][0]);
+  if (det < 0) {
+    // Only a nearly diagonal-free direction matrix can get here; flip the
+    // z voxel axis once more so that the kept matrix is a rotation.
+    int j = 0;
+    while (worldOf[j] != 2)
+      j++;
+    for (int r = 0; r < 3; r++)
+      newOrigin[r] += dir[r][j] * signOf[j] * spacing[j] * (dims[j] - 1);
+    signOf[j] = -signOf[j];
+    for (int r = 0; r < 3; r++)
+      R[r][2] = -R[r][2];
+  }
+
+  // Copy the voxels into the new order.
+  size_t elem = qbPrimTypeSize(type);
+  size_t oldStride[3] = {1, size_t(dims[0]), size_t(dims[0]) * dims[1]};
+  ptrdiff_t step[3];
+  size_t base = 0;
+  for (int j = 0; j < 3; j++) {
+    int a = worldOf[j];
+    step[a] = signOf[j] > 0 ? ptrdiff_t(oldStride[j]) : -ptrdiff_t(oldStride[j]);
+    if (signOf[j] < 0)
+      base += oldStride[j] * (dims[j] - 1);
+  }
+  void* data = nullptr;
+  try {
+    data = qbmalloc(std::max<size_t>(1, numVoxels * elem));
+  } catch (...) {
+    qbfree(converted);
+    error = "not enough memory to read '" + path + "'";
+    return nullptr;
+  }
+  const char* s = static_cast<const char*>(src);
+  char* d = static_cast<char*>(data);
+  bool identityOrder = step[0] == 1 && step[1] == ptrdiff_t(oldStride[1]) &&
+                       step[2] == ptrdiff_t(oldStride[2]) && base == 0;
+  if (identityOrder) {
+    std::memcpy(d, s, numVoxels * elem);
+  } else {
+    size_t out = 0;
+    for (int k = 0; k < newDims[2]; k++)
+      for (int jj = 0; jj < newDims[1]; jj++) {
+        ptrdiff_t idx = ptrdiff_t(base) + k * step[2] + jj * step[1];
+        for (int i = 0; i < newDims[0]; i++, out++, idx += step[0])
+          std::memcpy(d + out * elem, s + size_t(idx) * elem, elem);
+      }
+  }
+  qbfree(converted);
+  buffer.clear();
+  buffer.shrink_to_fit();
+
+  // Local coordinates: world = R * local. The box starts at R^T * origin, so
+  // with no rotation the box holds world coordinates and no transform is set.
+  bool rotated = false;
+  for (int r = 0; r < 3; r++)
+    for (int c = 0; c < 3; c++)
+      if (std::fabs(R[r][c] - (r == c ? 1.0 : 0.0)) > 1e-6)
+        rotated = true;
+  double localOrigin[3];
+  for (int c = 0; c < 3; c++) {
+    localOrigin[c] = 0;
+    for (int r = 0; r < 3; r++)
+      localOrigin[c] += (rotated ? R[r][c] : (r == c ? 1.0 : 0.0)) * newOrigin[r];
+  }
+  float box[6];
+  for (int a = 0; a < 3; a++) {
+    box[2 * a] = float(localOrigin[a]);
+    box[2 * a + 1] = float(localOrigin[a] + newSpacing[a] * (newDims[a] - 1));
+  }
+
+  inf.labelIntent = hasLabelIntent(io->GetMetaDataDictionary());
+  bool labels = options.asLabels || inf.labelIntent;
+  if (labels && !qbPrimTypeIsInteger(type)) {
+    // Label fields hold integers; a float file with whole values is fine.
+    qbfree(data);
+    error =
+        "'" + path + "' holds " + qbPrimTypeName(type) + " voxels, which cannot be read as labels";
+    return nullptr;
+  }
+  ZrRegScalarField3* field = nullptr;
+  if (labels)
+    field = new ZrUniformLabelField3(newDims, type, box, data);
+  else
+    field = new ZrUniformScalarField3(newDims, type, box, data);
+  if (rotated) {
+    // Row-vector convention: world = local * M, so M holds R transposed.
+    SbMatrixd m;
+    for (int r = 0; r < 3; r++)
+      for (int c = 0; c < 3; c++)
+        m[c][r] = R[r][c];
+    field->setTransform(m);
+  }
+  return field;
+}
+
+bool ZrImageIO::canWrite(const std::string& path) {
+  itk::ImageIOBase::Pointer io =
+      itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::WriteMode);
+  return io.IsNotNull();
+}
+
+bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, std::string& error,
+                      std::string* notice) {
+  if (field->coordType() != ZR_COORD_UNIFORM) {
+    error = "only fields on a uniform lattice can be written as images";
+    return false;
+  }
+  itk::ImageIOBase::Pointer io =
+      itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::WriteMode);
+  if (!io) {
+    error = "no image format is known for the name '" + path +
+            "' (use .nii.gz, .nrrd, .mha, ...; see 'zrreg formats')";
+    return false;
+  }
+  const int* dims = field->getDims();
+  float box[6];
+  field->getBoundingBox(box);
+  double voxel[3];
+  for (int a = 0; a < 3; a++) {
+    voxel[a] = dims[a] > 1 ? (double(box[2 * a + 1]) - box[2 * a]) / (dims[a] - 1) : 1.0;
+    if (!(voxel[a] > 0))
+      voxel[a] = 1.0;
+  }
+  // world = local * M (rows); as columns: world = A * local + t, A = M^T.
+  SbMatrixd m;
+  field->getTransform(m);
+  double A[3][3], t[3];
+  for (int r = 0; r < 3; r++) {
+    t[r] = m[3][r];
+    for (int c = 0; c < 3; c++)
+      A[r][c] = m[c][r];
+  }
+  double spacing[3], origin[3], dir[3][3];
+  for (int c = 0; c < 3; c++) {
+    double n = std::sqrt(A[0][c] * A[0][c] + A[1][c] * A[1][c] + A[2][c] * A[2][c]);
+    if (!(n > 0)) {
+      error = "the object's transform is singular and cannot be written into an image header";
+      return false;
+    }
+    spacing[c] = voxel[c] * n;
+    for (int r = 0; r < 3; r++)
+      dir[r][c] = A[r][c] / n;
+  }
+  for (int r = 0; r < 3; r++) {
+    origin[r] = t[r];
+    for (int c = 0; c < 3; c++)
+      origin[r] += A[r][c] * box[2 * c];
+  }
+  // Headers hold orthonormal directions; a shear is replaced by its nearest
+  // orthonormal frame (Gram-Schmidt in axis order) and the user told.
+  double shear = 0;
+  for (int a = 0; a < 3; a++)
+    for (int b = a + 1; b < 3; b++)
+      shear = std::max(
+          shear, std::fabs(dir[0][a] * dir[0][b] + dir[1][a] * dir[1][b] + dir[2][a] * dir[2][b]));
+  if (shear > 1e-5) {
+    for (int c = 1; c < 3; c++) {
+      for (int p = 0; p < c; p++) {
+        double dot = dir[0][c] * dir[0][p] + dir[1][c] * dir[1][p] + dir[2][c] * dir[2][p];
+        for (int r = 0; r < 3; r++)
+          dir[r][c] -= dot * dir[r][p];
+      }
+      double n = std::sqrt(dir[0][c] * dir[0][c] + dir[1][c] * dir[1][c] + dir[2][c] * dir[2][c]);
+      for (int r = 0; r < 3; r++)
+        dir[r][c] /= n;
+    }
+    if (notice)
+      *notice = "the transform of '" + path +
+                "' has a shear that an image header cannot hold; the header keeps its "
+                "nearest orthogonal part (write a resampled image for an exact result)";
+  }
+
+  io->SetNumberOfDimensions(3);
+  io->SetPixelType(itk::IOPixelEnum::SCALAR);
+  io->SetNumberOfComponents(1);
+  io->SetComponentType(itkComponent(field->primType()));
+  for (unsigned a = 0; a < 3; a++) {
+    io->SetDimensions(a, dims[a]);
+    io->SetSpacing(a, spacing[a]);
+    io->SetOrigin(a, origin[a]);
+    std::vector<double> d = {dir[0][a], dir[1][a], dir[2][a]};
+    io->SetDirection(a, d);
+  }
+  io->SetUseCompression(true);
+  itk::ImageIORegion region(3);
+  for (unsigned a = 0; a < 3; a++) {
+    region.SetIndex(a, 0);
+    region.SetSize(a, dims[a]);
+  }
+  io->SetIORegion(region);
+
+  bool detached = isDetachedFormat(path);
+  std::string target = detached ? path : temporaryName(path);
+  try {
+    io->SetFileName(target);
+    io->WriteImageInformation();
+    io->Write(field->lattice.dataPtr());
+  } catch (const itk::ExceptionObject& e) {
+    removeQuietly(target);
+    error = "cannot write '" + path + "': " + e.GetDescription();
+    return false;
+  }
+  if (!detached && std::rename(target.c_str(), path.c_str()) != 0) {
+    error = "cannot write '" + path + "': " + std::strerror(errno);
+    removeQuietly(target);
+    return false;
+  }
+  return true;
+}
+
+bool ZrImageIO::checkUsable(const ZrRegScalarField3* field, const char* role, std::string& error) {
+  const int* dims = field->getDims();
+  int flat = (dims[0] == 1) + (dims[1] == 1) + (dims[2] == 1);
+  if (flat > 1) {
+    error = std::string("the ") + role + " image has only one voxel along more than one axis";
+    return false;
+  }
+  size_t n = field->lattice.numNodes();
+  bool bad = false, constant = true;
+  double first = 0;
+  qbDispatchVoxelType(field->primType(), [&](auto tag) {
+    using T = decltype(tag);
+    const T* v = static_cast<const T*>(field->lattice.dataPtr());
+    if (n)
+      first = double(v[0]);
+    for (size_t i = 0; i < n; i++) {
+      double x = double(v[i]);
+      if (!std::isfinite(x)) {
+        bad = true;
+        break;
+      }
+      if (x != first)
+        constant = false;
+    }
+  });
+  if (bad) {
+    error = std::string("the ") + role +
+            " image contains NaN or infinite voxels; replace them (for example by 0) first";
+    return false;
+  }
+  if (constant) {
+    error = std::string("the ") + role + " image is constant (every voxel is " +
+            std::to_string(first) + "); there is nothing to register";
+    return false;
+  }
+  return true;
+}

@@ -1,0 +1,49 @@
+#pragma once
+// Reading and writing image files for zrreg through ITK's image I/O factories
+// (NIfTI, NRRD, MetaImage, TIFF, ... whatever the installed ITK reads).
+//
+// Geometry: a file's origin, spacing and direction become a uniform field whose
+// transform is a proper rotation. The voxel axes are permuted and flipped
+// exactly (no interpolation) so that they point along the world axes they are
+// nearest to; only the residual rotation stays in the object's transform, and
+// for an axis-aligned file there is none. Writing puts the field's geometry,
+// transform included, back into the header, so a read/write round trip keeps
+// every voxel at its world position.
+#include <string>
+
+class ZrRegScalarField3;
+
+class ZrImageIO {
+public:
+  struct ReadOptions {
+    // Make a label field even if the file does not say it holds labels.
+    bool asLabels = false;
+  };
+  struct ReadInfo {
+    // The file declares label data (a NIfTI label intent). Written files
+    // carry no intent: ITK's NIfTI writer does not keep one.
+    bool labelIntent = false;
+    // Voxel type of the file as ITK names it, and notes on conversions made.
+    std::string fileType;
+    std::string notice;
+  };
+
+  // The field (owned by the caller), or null with a one-line reason in error.
+  static ZrRegScalarField3* read(const std::string& path, const ReadOptions& options,
+                                 ReadInfo* info, std::string& error);
+
+  // Writes the field to path (format from the file name). The file appears
+  // complete or not at all: the data goes to a temporary name first and is
+  // renamed into place. notice receives remarks, e.g. when the transform has a
+  // shear that no image header can hold.
+  static bool write(const ZrRegScalarField3* field, const std::string& path, std::string& error,
+                    std::string* notice = nullptr);
+
+  // Checks that a field can go into a registration: no NaN or infinite
+  // voxels, not constant, not flat on more than one axis. role names the
+  // input in the message ("reference", "model").
+  static bool checkUsable(const ZrRegScalarField3* field, const char* role, std::string& error);
+
+  // True when ITK has an image I/O that can write this file name.
+  static bool canWrite(const std::string& path);
+};

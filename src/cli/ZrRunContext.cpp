@@ -1,0 +1,48 @@
+#include "ZrRunContext.h"
+
+#include "ZrMessage.h"
+#include "ZrSettingsMgr.h"
+#include "ZrTerminalProgress.h"
+#include "ZrWorkArea.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+ZrRunContext::ZrRunContext() = default;
+
+ZrRunContext::~ZrRunContext() {
+  if (progress) {
+    progress->detach();
+    ZrTerminalProgress::uninstallSigintHandler();
+  }
+}
+
+bool ZrRunContext::start(bool quiet, int threads) {
+  std::string error;
+  if (!loader.load(ZrPackageLoader::defaultPath(), error)) {
+    std::fprintf(stderr, "zrreg: %s\n", error.c_str());
+    return false;
+  }
+  if (threads > 0)
+    ZrSettingsMgr::getInstance()->setNumThreads(threads);
+  ZrMessage::getTheMsg()->setQuiet(quiet);
+  if (!quiet) {
+    progress.reset(new ZrTerminalProgress());
+    progress->attach(ZrWorkArea::getTheWorkArea());
+  }
+  ZrTerminalProgress::installSigintHandler();
+  return true;
+}
+
+bool ZrRunContext::interrupted() const { return ZrWorkArea::getTheWorkArea()->wasInterrupted(); }
+
+bool ZrRunContext::parseInt(const char* text, int& value) {
+  if (!text)
+    return false;
+  char* end = nullptr;
+  long v = std::strtol(text, &end, 10);
+  if (end == text || *end || v < -1000000 || v > 1000000)
+    return false;
+  value = int(v);
+  return true;
+}

@@ -1,0 +1,148 @@
+#include "ZrTransformFiles.h"
+
+#include "SbMatrixd.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+bool writeText(const std::string& path, const std::string& text, std::string& error) {
+  size_t slash = path.find_last_of('/');
+  std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  std::string tmp = dir + ".zrreg-" + std::to_string(getpid()) + "-" + base;
+  FILE* f = std::fopen(tmp.c_str(), "w");
+  if (!f) {
+    error = "cannot write '" + path + "': " + std::strerror(errno);
+    return false;
+  }
+  bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+  ok = std::fclose(f) == 0 && ok;
+  if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
+    error = "cannot write '" + path + "': " + std::strerror(errno);
+    std::remove(tmp.c_str());
+    return false;
+  }
+  return true;
+}
+
+std::string number(double v) {
+  char buf[40];
+  std::snprintf(buf, sizeof buf, "%.17g", v);
+  return buf;
+}
+
+} // namespace
+
+std::string ZrTransformFiles::formatMatrix(const SbMatrixd& a) {
+  std::string s;
+  for (int r = 0; r < 4; r++) {
+    char line[160];
+    std::snprintf(line, sizeof line, "%14.8f %14.8f %14.8f %14.8f\n", a[r][0], a[r][1], a[r][2],
+                  a[r][3]);
+    s += line;
+  }
+  return s;
+}
+
+bool ZrTransformFiles::writeMatrix(const SbMatrixd& a, const std::string& path,
+                                   std::string& error) {
+  std::string s;
+  for (int r = 0; r < 4; r++)
+    s += number(a[r][0]) + " " + number(a[r][1]) + " " + number(a[r][2]) + " " + number(a[r][3]) +
+         "\n";
+  return writeText(path, s, error);
+}
+
+bool ZrTransformFiles::readMatrix(const std::string& path, SbMatrixd& a, std::string& error) {
+  std::ifstream in(path);
+  if (!in) {
+    error = "cannot open '" + path + "': " + std::strerror(errno);
+    return false;
+  }
+  std::vector<double> v;
+  std::string line;
+  while (std::getline(in, line)) {
+    size_t h = line.find('#');
+    if (h != std::string::npos)
+      line.resize(h);
+    std::istringstream ls(line);
+    double x;
+    while (ls >> x)
+      v.push_back(x);
+    if (!ls.eof()) {
+      error = "'" + path + "' is not a 4x4 matrix of numbers";
+      return false;
+    }
+  }
+  if (v.size() != 16) {
+    error = "'" + path + "' holds " + std::to_string(v.size()) + " numbers, not 16";
+    return false;
+  }
+  for (int r = 0; r < 4; r++)
+    for (int c = 0; c < 4; c++)
+      a[r][c] = v[r * 4 + c];
+  return true;
+}
+
+bool ZrTransformFiles::writeItkAffine(const SbMatrixd& a, const std::string& path,
+                                      std::string& error) {
+  std::string s = "#Insight Transform File V1.0\n#Transform 0\n"
+                  "Transform: AffineTransform_double_3_3\nParameters:";
+  for (int r = 0; r < 3; r++)
+    for (int c = 0; c < 3; c++)
+      s += " " + number(a[r][c]);
+  for (int r = 0; r < 3; r++)
+    s += " " + number(a[r][3]);
+  s += "\nFixedParameters: 0 0 0\n";
+  return writeText(path, s, error);
+}
+
+bool ZrTransformFiles::readItkAffine(const std::string& path, SbMatrixd& a, std::string& error) {
+  std::ifstream in(path);
+  if (!in) {
+    error = "cannot open '" + path + "': " + std::strerror(errno);
+    return false;
+  }
+  std::string line;
+  std::vector<double> p, fixed;
+  bool affine = false;
+  while (std::getline(in, line)) {
+    auto numbers = [&](const char* key, std::vector<double>& out) {
+      if (line.compare(0, std::strlen(key), key) != 0)
+        return;
+      std::istringstream ls(line.substr(std::strlen(key)));
+      double x;
+      while (ls >> x)
+        out.push_back(x);
+    };
+    if (line.find("Transform: AffineTransform_double_3_3") == 0 ||
+        line.find("Transform: MatrixOffsetTransformBase_double_3_3") == 0)
+      affine = true;
+    numbers("Parameters:", p);
+    numbers("FixedParameters:", fixed);
+  }
+  if (!affine || p.size() != 12) {
+    error = "'" + path + "' is not a 3-D affine ITK transform";
+    return false;
+  }
+  double c[3] = {0, 0, 0};
+  for (int i = 0; i < 3 && i < int(fixed.size()); i++)
+    c[i] = fixed[i];
+  a.makeIdentity();
+  for (int r = 0; r < 3; r++) {
+    double off = p[9 + r] + c[r];
+    for (int k = 0; k < 3; k++) {
+      a[r][k] = p[3 * r + k];
+      off -= p[3 * r + k] * c[k];
+    }
+    a[r][3] = off;
+  }
+  return true;
+}

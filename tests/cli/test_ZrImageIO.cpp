@@ -1,0 +1,298 @@
+// Image files in and out: geometry (oblique, flipped, permuted headers) must
+// keep every voxel at its world position, and bad input must be refused with a
+// message instead of a crash or a half-written file.
+#include "SbMatrixd.h"
+#include "ZrImageIO.h"
+#include "ZrLandmarkSet.h"
+#include "ZrPointSetIO.h"
+#include "ZrUniformLabelField3.h"
+#include "ZrUniformScalarField3.h"
+
+#include <itkImage.h>
+#include <itkImageFileReader.h>
+#include <itkImageFileWriter.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+using ShortImage = itk::Image<short, 3>;
+
+std::string tempPath(const std::string& name) {
+  return "/tmp/zrreg-test-" + std::to_string(getpid()) + "-" + name;
+}
+
+// An image with a distinct value per voxel and the given direction matrix
+// (columns = voxel axes).
+ShortImage::Pointer makeImage(const double dir[3][3], const int size[3], const double spacing[3],
+                              const double origin[3]) {
+  auto img = ShortImage::New();
+  ShortImage::RegionType region;
+  ShortImage::SizeType sz;
+  for (int a = 0; a < 3; a++)
+    sz[a] = size[a];
+  region.SetSize(sz);
+  img->SetRegions(region);
+  img->Allocate();
+  ShortImage::SpacingType sp;
+  ShortImage::PointType org;
+  ShortImage::DirectionType d;
+  for (int r = 0; r < 3; r++) {
+    sp[r] = spacing[r];
+    org[r] = origin[r];
+    for (int c = 0; c < 3; c++)
+      d[r][c] = dir[r][c];
+  }
+  img->SetSpacing(sp);
+  img->SetOrigin(org);
+  img->SetDirection(d);
+  short v = 0;
+  for (itk::ImageRegionIterator<ShortImage> it(img, region); !it.IsAtEnd(); ++it)
+    it.Set(v++);
+  return img;
+}
+
+void writeItk(ShortImage* img, const std::string& path) {
+  auto w = itk::ImageFileWriter<ShortImage>::New();
+  w->SetInput(img);
+  w->SetFileName(path);
+  w->Update();
+}
+
+// World position of node (i, j, k) of our field.
+void worldOf(const ZrRegScalarField3* f, int i, int j, int k, double w[3]) {
+  float box[6];
+  f->getBoundingBox(box);
+  const int* d = f->getDims();
+  double p[3] = {box[0] + (d[0] > 1 ? (box[1] - box[0]) * i / (d[0] - 1.0) : 0),
+                 box[2] + (d[1] > 1 ? (box[3] - box[2]) * j / (d[1] - 1.0) : 0),
+                 box[4] + (d[2] > 1 ? (box[5] - box[4]) * k / (d[2] - 1.0) : 0)};
+  SbMatrixd m;
+  f->getTransform(m);
+  for (int c = 0; c < 3; c++)
+    w[c] = p[0] * m[0][c] + p[1] * m[1][c] + p[2] * m[2][c] + m[3][c];
+}
+
+// Every voxel of f lies where the ITK image has the same value.
+void expectSameGeometry(const ZrRegScalarField3* f, ShortImage* img) {
+  const int* d = f->getDims();
+  ASSERT_EQ(f->primType(), 1);
+  const short* data = static_cast<const short*>(f->lattice.dataPtr());
+  int checked = 0;
+  for (int k = 0; k < d[2]; k++)
+    for (int j = 0; j < d[1]; j++)
+      for (int i = 0; i < d[0]; i++) {
+        double w[3];
+        worldOf(f, i, j, k, w);
+        ShortImage::PointType pt;
+        for (int c = 0; c < 3; c++)
+          pt[c] = w[c];
+        itk::ContinuousIndex<double, 3> ci;
+        ASSERT_TRUE(img->TransformPhysicalPointToContinuousIndex(pt, ci));
+        ShortImage::IndexType idx;
+        for (int c = 0; c < 3; c++) {
+          idx[c] = std::lround(ci[c]);
+          ASSERT_NEAR(ci[c], double(idx[c]), 1e-3);
+        }
+        ASSERT_EQ(data[(size_t(k) * d[1] + j) * d[0] + i], img->GetPixel(idx));
+        checked++;
+      }
+  EXPECT_EQ(checked, d[0] * d[1] * d[2]);
+}
+
+} // namespace
+
+TEST(ZrImageIO, ObliqueFlippedPermutedHeadersKeepWorldPositions) {
+  const int size[3] = {5, 4, 3};
+  const double spacing[3] = {1.5, 0.8, 2.5};
+  const double origin[3] = {10, -20, 5};
+  // Voxel x along world -y, voxel y along world z, voxel z along world -x,
+  // then tilted by 10 degrees about world z: an oblique, flipped, permuted
+  // header.
+  double a = 10 * M_PI / 180, c = std::cos(a), s = std::sin(a);
+  double perm[3][3] = {{0, 0, -1}, {-1, 0, 0}, {0, 1, 0}};
+  double rot[3][3] = {{c, -s, 0}, {s, c, 0}, {0, 0, 1}};
+  double dir[3][3] = {};
+  for (int r = 0; r < 3; r++)
+    for (int q = 0; q < 3; q++)
+      for (int k = 0; k < 3; k++)
+        dir[r][q] += rot[r][k] * perm[k][q];
+  auto img = makeImage(dir, size, spacing, origin);
+  std::string in = tempPath("oblique.nii.gz");
+  writeItk(img, in);
+
+  std::string error;
+  std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(in, {}, nullptr, error));
+  ASSERT_TRUE(f) << error;
+  // Voxel axes now follow world x, y, z: sizes permuted.
+  EXPECT_EQ(f->getDims()[0], 3);
+  EXPECT_EQ(f->getDims()[1], 5);
+  EXPECT_EQ(f->getDims()[2], 4);
+  // The kept transform is the residual 10-degree rotation, a proper one.
+  SbMatrixd m;
+  f->getTransform(m);
+  EXPECT_NEAR(m.det3(), 1.0, 1e-9);
+  EXPECT_NEAR(m[0][0], c, 1e-6);
+  expectSameGeometry(f.get(), img);
+
+  // Written back and read by ITK, the geometry is the same.
+  std::string out = tempPath("oblique-out.nrrd");
+  ASSERT_TRUE(ZrImageIO::write(f.get(), out, error)) << error;
+  auto reader = itk::ImageFileReader<ShortImage>::New();
+  reader->SetFileName(out);
+  reader->Update();
+  expectSameGeometry(f.get(), reader->GetOutput());
+  std::remove(in.c_str());
+  std::remove(out.c_str());
+}
+
+TEST(ZrImageIO, AxisAlignedFileGetsNoTransformAndExactBox) {
+  double dir[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+  const int size[3] = {4, 3, 2};
+  const double spacing[3] = {0.5, 2, 3}, origin[3] = {1, 2, 3};
+  auto img = makeImage(dir, size, spacing, origin);
+  std::string in = tempPath("plain.mha");
+  writeItk(img, in);
+  std::string error;
+  std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(in, {}, nullptr, error));
+  ASSERT_TRUE(f) << error;
+  EXPECT_EQ(f->getTransformNode(), nullptr);
+  float box[6];
+  f->getBoundingBox(box);
+  EXPECT_FLOAT_EQ(box[0], 1);
+  EXPECT_FLOAT_EQ(box[1], 2.5);
+  EXPECT_FLOAT_EQ(box[5], 6);
+  expectSameGeometry(f.get(), img);
+  std::remove(in.c_str());
+}
+
+// A minimal single-file NIfTI-1 of 2 x 2 x 2 uint8 voxels with the given
+// intent code.
+void writeRawNifti(const std::string& path, short intent) {
+  char hdr[352] = {};
+  auto put = [&](int offset, const void* v, size_t n) { std::memcpy(hdr + offset, v, n); };
+  int size = 348;
+  put(0, &size, 4);
+  short dim[8] = {3, 2, 2, 2, 1, 1, 1, 1};
+  put(40, dim, sizeof dim);
+  put(68, &intent, 2);
+  short datatype = 2, bitpix = 8;
+  put(70, &datatype, 2);
+  put(72, &bitpix, 2);
+  float pixdim[8] = {1, 1, 1, 1, 1, 1, 1, 1};
+  put(76, pixdim, sizeof pixdim);
+  float voxOffset = 352;
+  put(108, &voxOffset, 4);
+  put(344, "n+1", 4);
+  std::ofstream out(path, std::ios::binary);
+  out.write(hdr, sizeof hdr);
+  const char voxels[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+  out.write(voxels, 8);
+}
+
+TEST(ZrImageIO, LabelsByFlagOrByTheFilesLabelIntent) {
+  std::string plain = tempPath("plain.nii"), labels = tempPath("labels.nii");
+  writeRawNifti(plain, 0);
+  writeRawNifti(labels, 1002);
+  std::string error;
+  ZrImageIO::ReadInfo info;
+  std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(plain, {}, &info, error));
+  ASSERT_TRUE(f) << error;
+  EXPECT_FALSE(info.labelIntent);
+  EXPECT_FALSE(f->getTypeId()->isOfType(ZrUniformLabelField3::getClassTypeId()));
+  ZrImageIO::ReadOptions opt;
+  opt.asLabels = true;
+  f.reset(ZrImageIO::read(plain, opt, nullptr, error));
+  ASSERT_TRUE(f) << error;
+  EXPECT_TRUE(f->getTypeId()->isOfType(ZrUniformLabelField3::getClassTypeId()));
+  f.reset(ZrImageIO::read(labels, {}, &info, error));
+  ASSERT_TRUE(f) << error;
+  EXPECT_TRUE(info.labelIntent);
+  EXPECT_TRUE(f->getTypeId()->isOfType(ZrUniformLabelField3::getClassTypeId()));
+  EXPECT_EQ(static_cast<const uint8_t*>(f->lattice.dataPtr())[7], 7);
+  std::remove(plain.c_str());
+  std::remove(labels.c_str());
+}
+
+TEST(ZrImageIO, BadInputIsRefusedWithAMessage) {
+  std::string error;
+  EXPECT_EQ(ZrImageIO::read("/nonexistent/x.nii", {}, nullptr, error), nullptr);
+  EXPECT_NE(error.find("cannot open"), std::string::npos);
+
+  std::string junk = tempPath("junk.nii");
+  std::ofstream(junk) << "not an image";
+  error.clear();
+  EXPECT_EQ(ZrImageIO::read(junk, {}, nullptr, error), nullptr);
+  EXPECT_FALSE(error.empty());
+  std::remove(junk.c_str());
+
+  // A 4-D image with several volumes.
+  using Image4 = itk::Image<float, 4>;
+  auto img4 = Image4::New();
+  Image4::RegionType region;
+  Image4::SizeType sz = {{3, 3, 3, 2}};
+  region.SetSize(sz);
+  img4->SetRegions(region);
+  img4->Allocate();
+  img4->FillBuffer(1.0f);
+  std::string p4 = tempPath("four.nii.gz");
+  auto w = itk::ImageFileWriter<Image4>::New();
+  w->SetInput(img4);
+  w->SetFileName(p4);
+  w->Update();
+  error.clear();
+  EXPECT_EQ(ZrImageIO::read(p4, {}, nullptr, error), nullptr);
+  EXPECT_NE(error.find("4-D"), std::string::npos);
+  std::remove(p4.c_str());
+
+  // NaN voxels and constant images cannot be registered.
+  int dims[3] = {4, 4, 4};
+  float box[6] = {0, 3, 0, 3, 0, 3};
+  ZrUniformScalarField3 f(dims, 3, box);
+  EXPECT_FALSE(ZrImageIO::checkUsable(&f, "model", error));
+  EXPECT_NE(error.find("constant"), std::string::npos);
+  static_cast<float*>(f.lattice.dataPtr())[5] = 2.0f;
+  EXPECT_TRUE(ZrImageIO::checkUsable(&f, "model", error)) << error;
+  static_cast<float*>(f.lattice.dataPtr())[7] = std::nanf("");
+  EXPECT_FALSE(ZrImageIO::checkUsable(&f, "model", error));
+  EXPECT_NE(error.find("NaN"), std::string::npos);
+
+  // A failed write leaves no file behind.
+  std::string badDir = "/nonexistent-dir/out.nii.gz";
+  EXPECT_FALSE(ZrImageIO::write(&f, badDir, error));
+  std::string noFormat = tempPath("out.unknownext");
+  EXPECT_FALSE(ZrImageIO::write(&f, noFormat, error));
+  EXPECT_NE(access(noFormat.c_str(), F_OK), 0);
+}
+
+TEST(ZrPointSetIO, LandmarksRoundTripWithHeaderAndTwoSets) {
+  std::string path = tempPath("marks.csv");
+  std::ofstream(path) << "x1,y1,z1,x2,y2,z2\n1,2,3,4,5,6\n# comment\n-1.5 0 2.25 7 8 9\n";
+  std::string error;
+  std::unique_ptr<ZrLandmarkSet> s(ZrPointSetIO::readLandmarks(path, error));
+  ASSERT_TRUE(s) << error;
+  ASSERT_EQ(s->getNumSets(), 2);
+  ASSERT_EQ(s->getNumMarkers(), 2);
+  EXPECT_FLOAT_EQ(s->getPosition(1, 0).x, -1.5f);
+  EXPECT_FLOAT_EQ(s->getPosition(0, 1).z, 6.0f);
+  std::string out = tempPath("marks-out.csv");
+  ASSERT_TRUE(ZrPointSetIO::writeLandmarks(s.get(), out, error)) << error;
+  std::unique_ptr<ZrLandmarkSet> t(ZrPointSetIO::readLandmarks(out, error));
+  ASSERT_TRUE(t) << error;
+  EXPECT_FLOAT_EQ(t->getPosition(1, 0).z, 2.25f);
+  EXPECT_FLOAT_EQ(t->getPosition(1, 1).x, 7.0f);
+
+  std::ofstream(path) << "1,2,3\n4,5\n";
+  EXPECT_EQ(ZrPointSetIO::readLandmarks(path, error), nullptr);
+  EXPECT_NE(error.find(":2:"), std::string::npos);
+  std::remove(path.c_str());
+  std::remove(out.c_str());
+}
