@@ -1,4 +1,5 @@
 // zrreg: the command-line host of the registration package.
+#include "QbMemoryException.h"
 #include "QbTypeInfo.h"
 #include "ZrAffineCommand.h"
 #include "ZrCompModule.h"
@@ -12,6 +13,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <new>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -144,7 +147,7 @@ int cmdRun(int argc, char** argv) {
 
 } // namespace
 
-int main(int argc, char** argv) {
+static int dispatch(int argc, char** argv) {
   if (argc < 2) {
     printUsage(stderr);
     return 2;
@@ -171,4 +174,22 @@ int main(int argc, char** argv) {
   std::fprintf(stderr, "zrreg: unknown command '%s'\n\n", cmd.c_str());
   printUsage(stderr);
   return 2;
+}
+
+// The package lets its memory exception pass; it ends the command here with a
+// message instead of an abort. Outputs are only renamed into place once
+// complete, so nothing half-written is left behind.
+int main(int argc, char** argv) {
+  try {
+    return dispatch(argc, argv);
+  } catch (const QbMemoryException& e) {
+    std::fprintf(stderr, "zrreg: out of memory (a request for %zu bytes failed); try smaller "
+                         "images or fewer threads\n",
+                 e.getNumBytes());
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "zrreg: out of memory\n");
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "zrreg: %s\n", e.what());
+  }
+  return 1;
 }
