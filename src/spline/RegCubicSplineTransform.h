@@ -1,0 +1,33 @@
+#pragma once
+// Uniform cubic B-spline free-form deformation: the geometry of the control
+// lattice around the interpolated box (one extra ring of points on each side),
+// control points at rest, exact doubling of the lattice and its bending
+// energy. Evaluation on voxels is RegVoxelCubicSplineTransform's.
+#include "RegSplineTransform.h"
+
+class RegCubicSplineTransform : public RegSplineTransform {
+public:
+  // Product of the model transformation's three scale factors.
+  double modelVolumeScale = 1.0;
+  // For coordinate c, layer k and row j: offset in paramVector from the first
+  // point of a 4 x 4 x 4 neighbourhood to its point (0, j, k), coordinate c.
+  int neighbourOffset[3][4][4];
+
+  RegCubicSplineTransform(int dimension, bool fastMode);
+
+  void setModel(ZrSpatialData* model) override;
+  // Spacing and inverse spacing from boundary and size, and neighbourOffset.
+  void getGridSpacing() override;
+  // With set null: fills controlPoints with the rest positions and takes them
+  // as parameters. Otherwise appends the rest positions to set only.
+  ZrLandmarkSet* createControlPoints(ZrLandmarkSet* set) override;
+  // Doubles the lattice by subdivision; other factors are refused.
+  void refineNoInterpolants(int factor) override;
+  // Mean bending energy over the interior points of v.
+  virtual double getGridEnergy(const QbDVector<double>& v) const;
+  // Bending energy density at the point whose x parameter p points to.
+  virtual double getGridEnergy(const double* p) const;
+
+  // Fills neighbourOffset from the present strides.
+  void updateNeighbourOffset();
+};

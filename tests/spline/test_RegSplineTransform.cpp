@@ -1,0 +1,230 @@
+// Control-lattice bookkeeping of the spline base: parameter flags, the model
+// bracket, the interpolated boundary, smoothing and the vector-field form.
+#include "SplineTestSupport.h"
+#include "ZrRegVectorField3.h"
+#include <gtest/gtest.h>
+
+namespace {
+
+ZrLandmarkSet* modelWith(const SbMatrix& m) {
+  ZrLandmarkSet* s = new ZrLandmarkSet(1);
+  s->setTransform(m);
+  return s;
+}
+
+RegVoxelCubicSplineTransform* lattice(int dim, int n) {
+  RegVoxelCubicSplineTransform* t = new RegVoxelCubicSplineTransform(dim, false);
+  t->setControlGridSize(n, n, dim == 3 ? n : 1);
+  for (int i = 0; i < t->paramVector.size(); i++)
+    t->paramVector[i] = 0.37 * i - 3.1 + 1e-9 * i * i;
+  return t;
+}
+
+} // namespace
+
+TEST(RegSplineTransform, GridSizeStridesAndFlags) {
+  std::unique_ptr<RegVoxelCubicSplineTransform> t(lattice(3, 5));
+  t->setControlGridSize(5, 6, 7);
+  EXPECT_EQ(t->strideX, 3);
+  EXPECT_EQ(t->strideY, 15);
+  EXPECT_EQ(t->strideZ, 90);
+  EXPECT_EQ(t->strideXY, 18);
+  EXPECT_EQ(t->strideXZ, 93);
+  EXPECT_EQ(t->strideYZ, 105);
+  EXPECT_EQ(t->strideXYZ, 108);
+  EXPECT_EQ(t->getParamVectorDim(), 3 * 5 * 6 * 7);
+  EXPECT_EQ(t->getVariableParamVectorDim(), t->getParamVectorDim());
+
+  // Disabling through any parameter index freezes all three of the point.
+  t->setControlPointInactive(7);
+  for (int i = 0; i < 12; i++)
+    EXPECT_EQ(t->getParamStep(i, nullptr), (i >= 6 && i <= 8) ? 0.0 : 1.0) << i;
+  EXPECT_EQ(t->getVariableParamVectorDim(), t->getParamVectorDim());
+  // A new grid size reactivates everything.
+  t->setControlGridSize(4, 4, 4);
+  EXPECT_EQ(t->getParamStep(7, nullptr), 1.0);
+
+  t->setNewControlPoints();
+  // Point (1, 1, 1) coincides with a coarser one; (1, 1, 0) does not.
+  EXPECT_EQ(t->getParamStep(3 * (1 + 4 + 16), nullptr), 0.0);
+  EXPECT_EQ(t->getParamStep(3 * (1 + 4), nullptr), 1.0);
+
+  std::unique_ptr<RegVoxelCubicSplineTransform> t2(lattice(2, 5));
+  for (int i = 0; i < t2->getParamVectorDim(); i++)
+    EXPECT_EQ(t2->getParamStep(i, nullptr), (i + 1) % 3 == 0 ? 0.0 : 1.0);
+}
+
+TEST(RegSplineTransform, ModelTransformedFlag) {
+  std::unique_ptr<RegVoxelCubicSplineTransform> t(lattice(3, 4));
+  std::unique_ptr<ZrLandmarkSet> plain(new ZrLandmarkSet(1));
+  t->setModel(plain.get());
+  EXPECT_FALSE(t->modelTransformed);
+  std::unique_ptr<ZrLandmarkSet> ident(modelWith(SbMatrix()));
+  t->setModel(ident.get());
+  EXPECT_FALSE(t->modelTransformed);
+  SbMatrix m;
+  m[1][2] = 1e-30f;
+  std::unique_ptr<ZrLandmarkSet> tiny(modelWith(m));
+  t->setModel(tiny.get());
+  EXPECT_TRUE(t->modelTransformed);
+  // A model without a node leaves the flag as it was.
+  t->setModel(plain.get());
+  EXPECT_TRUE(t->modelTransformed);
+}
+
+TEST(RegSplineTransform, ModelBracketRoundTripIsBitExact) {
+  SbMatrix affine(0.9f, 0.1f, -0.2f, 0, -0.05f, 1.1f, 0.3f, 0, 0.2f, -0.1f, 0.8f, 0, 5.5f, -3.25f,
+                  7.0f, 1);
+  SbMatrix projective = affine;
+  projective[0][3] = 0.01f;
+  projective[3][3] = 1.3f;
+  SbMatrix singular(1, 2, 3, 0, 2, 4, 6, 0, 0, 0, 0, 0, 1, 1, 1, 1);
+  for (const SbMatrix& m : {affine, projective, singular})
+    for (int dim : {2, 3}) {
+      std::unique_ptr<RegVoxelCubicSplineTransform> t(lattice(dim, 5));
+      std::unique_ptr<ZrLandmarkSet> model(modelWith(m));
+      t->setModel(model.get());
+      EXPECT_TRUE(t->modelTransformed);
+      const QbDVector<double> before = t->paramVector;
+      t->applyModelTransformInv();
+      EXPECT_TRUE(t->modelInverseApplied);
+      EXPECT_NE(t->paramVector, before);
+      if (dim == 2) {
+        for (int i = 2; i < before.size(); i += 3)
+          EXPECT_EQ(t->paramVector[i], before[i]); // z stays in world coordinates
+      }
+      t->applyModelTransform();
+      EXPECT_FALSE(t->modelInverseApplied);
+      EXPECT_TRUE(t->paramVector == before);
+    }
+}
+
+TEST(RegSplineTransform, ForwardMapWithoutInverseIncludesZ) {
+  SbMatrix m;
+  m.setTranslate(SbVec3f(1, 2, 3));
+  m[0][0] = 2;
+  std::unique_ptr<RegVoxelCubicSplineTransform> t(lattice(2, 4));
+  std::unique_ptr<ZrLandmarkSet> model(modelWith(m));
+  t->setModel(model.get());
+  QbDVector<double> v(6);
+  for (int i = 0; i < 6; i++)
+    v[i] = i + 0.5;
+  t->applyModelTransform(v);
+  EXPECT_DOUBLE_EQ(v[0], 2 * 0.5 + 1);
+  EXPECT_DOUBLE_EQ(v[1], 1.5 + 2);
+  EXPECT_DOUBLE_EQ(v[2], 2.5 + 3);
+  EXPECT_DOUBLE_EQ(v[3], 2 * 3.5 + 1);
+  // The inverse mapped in 3-D: inverse of scale x 2 and translation.
+  std::unique_ptr<RegVoxelCubicSplineTransform> t3(lattice(3, 4));
+  t3->setModel(model.get());
+  QbDVector<double> w = v;
+  t3->applyModelTransformInv(w);
+  EXPECT_NEAR(w[0], 0.5, 1e-6);
+  EXPECT_NEAR(w[2], 2.5, 1e-6);
+}
+
+TEST(RegSplineTransform, InterpolatedBoundaryOnlyGrows) {
+  RegVoxelCubicSplineTransform t(3, false);
+  const float* b = t.interpolatedSpaceBoundary;
+  EXPECT_EQ(b[0], 0.0f);
+  EXPECT_EQ(b[1], -10000000000.0f);
+  t.updateInterpolatedSpaceBoundary(QbBox3f(0, 10, 0, 10, 0, 10));
+  EXPECT_EQ(b[1], 10.0f);
+  // Smaller volume but reaching further on x: ignored.
+  t.updateInterpolatedSpaceBoundary(QbBox3f(-5, 12, 2, 4, 2, 4));
+  EXPECT_EQ(b[0], 0.0f);
+  t.updateInterpolatedSpaceBoundary(QbBox3f(-1, 11, 0, 10, 0, 10));
+  EXPECT_EQ(b[0], -1.0f);
+  EXPECT_EQ(b[1], 11.0f);
+  const float d[3] = {0.5f, 1.0f, 2.0f};
+  t.correctInterpolatedSpaceBoundary(d);
+  t.correctInterpolatedSpaceBoundary(d);
+  EXPECT_EQ(b[0], -2.0f);
+  EXPECT_EQ(b[3], 12.0f);
+  EXPECT_EQ(b[4], -4.0f);
+
+  RegVoxelCubicSplineTransform t2(2, false);
+  t2.updateInterpolatedSpaceBoundary(QbBox3f(0, 10, 0, 10, 3, 3));
+  // In 2-D z does not count in the volume, and is not widened.
+  t2.updateInterpolatedSpaceBoundary(QbBox3f(0, 9, 0, 10, 0, 100));
+  EXPECT_EQ(t2.interpolatedSpaceBoundary[5], 3.0f);
+  t2.correctInterpolatedSpaceBoundary(d);
+  EXPECT_EQ(t2.interpolatedSpaceBoundary[4], 3.0f);
+  EXPECT_EQ(t2.interpolatedSpaceBoundary[5], 3.0f);
+}
+
+TEST(RegSplineTransform, SmoothGridWeights) {
+  std::unique_ptr<RegVoxelCubicSplineTransform> t(lattice(3, 4));
+  const QbDVector<double> old = t->paramVector;
+  // Free points are left as they are.
+  t->smoothGrid(1.0f, 1.0f);
+  EXPECT_TRUE(t->paramVector == old);
+
+  auto at = [&](const QbDVector<double>& p, int i, int j, int k, int c) {
+    return p[3 * (i + 4 * (j + 4 * k)) + c];
+  };
+  memset(t->newControlPoints, 0, 64);
+  t->smoothGrid(1.0f, 1.0f);
+  // Corner point: the plain mean of the 8 existing points around it.
+  for (int c = 0; c < 3; c++) {
+    double s = 0;
+    for (int k = 0; k < 2; k++)
+      for (int j = 0; j < 2; j++)
+        for (int i = 0; i < 2; i++)
+          s += at(old, i, j, k, c);
+    EXPECT_NEAR(at(t->paramVector, 0, 0, 0, c), s / 8, 1e-12);
+  }
+  // Centre weight 0.5: only the diagonal offsets keep weight 1.
+  t->paramVector = old;
+  t->smoothGrid(0.5f, 1.0f);
+  EXPECT_NEAR(at(t->paramVector, 0, 0, 0, 1), at(old, 1, 1, 1, 1), 1e-12);
+  // All weights truncated to 0: 0 / 0.
+  t->paramVector = old;
+  t->smoothGrid(0.5f, 0.5f);
+  EXPECT_TRUE(std::isnan(t->paramVector[0]));
+}
+
+TEST(RegSplineTransform, ControlGridVectorFieldRoundTrip) {
+  const int dims[3] = {9, 8, 7};
+  const float box[6] = {1, 9, -2, 5, 0.5f, 6.5f};
+  const int n[3] = {6, 5, 7};
+  CubicFixture f(dims, box, n);
+  f.perturb(0.3);
+  for (int i = 0; i < f.t->paramVector.size(); i++) // float-exact values
+    f.t->paramVector[i] = (float)f.t->paramVector[i];
+  std::unique_ptr<ZrRegVectorField3> field(f.t->getControlPoints());
+  ASSERT_TRUE(field);
+  EXPECT_STREQ(field->getName(), "ControlGridVectors");
+  float fb[6];
+  field->getBoundingBox(fb);
+  EXPECT_NEAR(fb[0], box[0] - f.t->gridSpacing[0], 1e-6);
+  EXPECT_NEAR(fb[5], box[5] + f.t->gridSpacing[2], 1e-6);
+
+  CubicFixture g(dims, box, n);
+  g.t->setControlGridSize(4, 4, 4);
+  g.t->updateInterpolatedSpaceBoundary(QbBox3f(-100, 100, -100, 100, -100, 100));
+  g.t->setControlPoints(field.get());
+  for (int a = 0; a < 3; a++)
+    EXPECT_EQ(g.t->gridSize[a], n[a]);
+  for (int i = 0; i < 6; i++)
+    EXPECT_NEAR(g.t->interpolatedSpaceBoundary[i], box[i], 2e-6);
+  for (int a = 0; a < 3; a++)
+    EXPECT_NEAR(g.t->gridSpacing[a], f.t->gridSpacing[a], 1e-6);
+  EXPECT_TRUE(g.t->paramVector == f.t->paramVector);
+  g.t->setControlPoints((ZrRegVectorField3*)nullptr); // ignored
+  EXPECT_EQ(g.t->gridSize[0], n[0]);
+}
+
+TEST(RegSplineTransform, UpdateKeepsControlPointSetInStep) {
+  const int dims[3] = {5, 5, 5};
+  const float box[6] = {0, 4, 0, 4, 0, 4};
+  const int n[3] = {4, 4, 4};
+  CubicFixture f(dims, box, n);
+  ASSERT_TRUE(f.t->controlPoints);
+  EXPECT_EQ(f.t->controlPoints->getNumMarkers(), 64);
+  f.t->paramVector[4] = 1.0 / 3.0;
+  f.t->refineNoInterpolants(2);
+  f.t->update();
+  EXPECT_EQ(f.t->controlPoints->getNumMarkers(), 125);
+  EXPECT_EQ(f.t->controlPoints->getPosition(0).x, (float)f.t->paramVector[0]);
+}
