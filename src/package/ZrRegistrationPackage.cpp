@@ -2,6 +2,8 @@
 // destructor calls of a host that loads this library with dlopen.
 #include "ZrRegistrationPackage.h"
 
+#include "ZrAffineRegistration.h"
+
 #define ZR_STR2(x) #x
 #define ZR_STR(x) ZR_STR2(x)
 
@@ -19,20 +21,24 @@ namespace {
 
 // clang-format off
 const char buildStamp[] =
-    ZR_STAMP_MARKER "|vendor|zrregistration developers"
-                    "|product|zrregistration"
-                    "|version_major|" ZR_STR(ZR_VERSION_MAJOR) "|version_minor|" ZR_STR(
-                        ZR_VERSION_MINOR) "|version_patch|" ZR_STR(ZR_VERSION_PATCH) "|version_tag|"
-                                                                                     "|comment|image "
-                                                                                     "registration "
-                                                                                     "modules"
-                                                                                     "|compiler|" ZR_COMPILER
-                    "|target_os|linux"
-                    "|build_cfg|" ZR_BUILD_CFG "|build_user|"
-                    "|build_ip|"
-                    "|build_time|" ZR_BUILD_TIME "|filename|libzrregistration.so"
-                    "|path|"
-                    "|size|0|" ZR_STAMP_MARKER;
+    ZR_STAMP_MARKER
+    "|vendor|zrregistration developers"
+    "|product|zrregistration"
+    "|version_major|" ZR_STR(ZR_VERSION_MAJOR)
+    "|version_minor|" ZR_STR(ZR_VERSION_MINOR)
+    "|version_patch|" ZR_STR(ZR_VERSION_PATCH)
+    "|version_tag|"
+    "|comment|image registration modules"
+    "|compiler|" ZR_COMPILER
+    "|target_os|linux"
+    "|build_cfg|" ZR_BUILD_CFG
+    "|build_user|"
+    "|build_ip|"
+    "|build_time|" ZR_BUILD_TIME
+    "|filename|libzrregistration.so"
+    "|path|"
+    "|size|0|"
+    ZR_STAMP_MARKER;
 // clang-format on
 
 // The marker with one filler character after each of its characters: half its
@@ -52,7 +58,11 @@ void torvipackage_zrregistration_init() {
   if (done)
     return;
   done = true;
-  // The module classes register here as they join the package.
+  // The module classes join the host's type system in this order:
+  // ZrApplyDeformation, ZrAffineRegistration, ZrElasticRegistration,
+  // ZrApplyBSplineTransform. Each record also exists from the moment the
+  // library is loaded, through the static variable in the class's source.
+  ZrAffineRegistration::initClass();
 }
 
 void torvipackage_zrregistration_finish() {

@@ -1,0 +1,739 @@
+#include "ZrAffineRegistration.h"
+
+#include "QbPrimType.h"
+#include "RegAffineFunctional.h"
+#include "RegAffineFunctionalUniform.h"
+#include "RegAffineTransform.h"
+#include "RegCorrelationRatio.h"
+#include "RegLabelDifference.h"
+#include "RegMeanSquaredDifference.h"
+#include "RegNormMutualInformation.h"
+#include "RegSimpleMutualInformation.h"
+#include "SbMatrixd.h"
+#include "SbRotationd.h"
+#include "SoDB.h"
+#include "SoSensorManager.h"
+#include "ZrCoord3.h"
+#include "ZrObjectPool.h"
+#include "ZrOptimizer.h"
+#include "ZrRegScalarField3.h"
+#include "ZrSettingsMgr.h"
+#include "ZrUniformScalarField3.h"
+#include "ZrWorkArea.h"
+
+#include <cmath>
+#include <cstdio>
+#include <vector>
+
+namespace {
+
+ZrWorkArea* workArea() { return ZrWorkArea::getTheWorkArea(); }
+
+ZrRegScalarField3* scalarField(const ZrVoxelRegistration::FieldArray& a, int i = 0) {
+  return i < a.size() ? dynamic_cast<ZrRegScalarField3*>(a[i]) : nullptr;
+}
+
+// Node positions of a lattice. A uniform lattice's positions separate by
+// axis, so they come from three tables filled once through the coordinates'
+// own pos(); other lattices ask pos() for each node.
+class RegGridPositions {
+public:
+  explicit RegGridPositions(const ZrCoord3* coords) : coords(coords) {
+    separable = coords->coordType() == ZR_COORD_UNIFORM;
+    if (!separable)
+      return;
+    const int* dims = coords->getDims();
+    for (int a = 0; a < 3; a++) {
+      table[a].resize(dims[a]);
+      for (int n = 0; n < dims[a]; n++) {
+        const int idx[3] = {a == 0 ? n : 0, a == 1 ? n : 0, a == 2 ? n : 0};
+        float p[3];
+        coords->pos(idx[0], idx[1], idx[2], p);
+        table[a][n] = p[a];
+      }
+    }
+  }
+  void pos(int i, int j, int k, float p[3]) const {
+    if (separable) {
+      p[0] = table[0][i];
+      p[1] = table[1][j];
+      p[2] = table[2][k];
+    } else {
+      coords->pos(i, j, k, p);
+    }
+  }
+
+private:
+  const ZrCoord3* coords;
+  bool separable;
+  std::vector<float> table[3];
+};
+
+} // namespace
+
+// The sample grid of the principal-axes moments: every second node in each
+// direction, starting at 0, k slowest. Hands each node's position and weight
+// (its first component as a float, negative values as 0) to `visit`. At the
+// start of each slice the bar shows k / nz and the user may stop the walk;
+// false then.
+template <class T, class Visit>
+bool reg_evaluateWeightedSamples(const T* data, int nVar, const int* dims,
+                                 const RegGridPositions& positions, Visit& visit) {
+  const int nx = dims[0], ny = dims[1], nz = dims[2];
+  ZrWorkArea* wa = workArea();
+  for (int k = 0; k < nz; k += 2) {
+    wa->setProgressValue((float)k / (float)nz);
+    if (wa->wasInterrupted(1))
+      return false;
+    for (int j = 0; j < ny; j += 2) {
+      const T* row = data + ((size_t)k * ny + j) * nx * nVar;
+      for (int i = 0; i < nx; i += 2) {
+        const float w = (float)row[(size_t)i * nVar];
+        if (!(w > 0.0f))
+          continue;
+        float p[3];
+        positions.pos(i, j, k, p);
+        visit(p, (double)w);
+      }
+    }
+  }
+  return true;
+}
+
+namespace {
+
+// Runs the sample walk for the field's voxel type. False when interrupted;
+// a field of an unknown type has no samples.
+template <class Visit> bool walkWeightedSamples(ZrRegScalarField3* field, Visit& visit) {
+  RegGridPositions positions(field->lattice.coords());
+  const void* data = field->lattice.dataPtr();
+  const int nVar = field->nDataVar();
+  const int* dims = field->getDims();
+  bool completed = true;
+  qbDispatchVoxelType(field->primType(), [&](auto t) {
+    typedef decltype(t) T;
+    completed =
+        reg_evaluateWeightedSamples<T>(static_cast<const T*>(data), nVar, dims, positions, visit);
+  });
+  return completed;
+}
+
+} // namespace
+
+QB_TYPE_SOURCE(ZrAffineRegistration, ZrCompModule, ZrAffineRegistration::createInstance)
+
+QbInterfaceOwner* ZrAffineRegistration::createInstance() { return new ZrAffineRegistration; }
+
+ZrAffineRegistration::ZrAffineRegistration()
+    : portReference2(this, "reference2", ZrRegScalarField3::getClassTypeId()),
+      portReference3(this, "reference3", ZrRegScalarField3::getClassTypeId()),
+      portTransform(this, "transform", 4), portRegister(this, "register", 2) {
+  portAction.setLabel("Action:");
+  portAction.setLabel(0, "Align centers");
+  portAction.setLabel(1, "Align principal axes");
+  portAction.setLabel(2, "Register");
+
+  portRegister.setLabel(0, "2D");
+  portRegister.setLabel(1, "3D");
+  portRegister.setValue(1);
+
+  portTransform.setLabel(0, "Rigid");
+  portTransform.setLabel(1, "Iso-");
+  portTransform.setLabel(2, "Aniso-Scale");
+  portTransform.setLabel(3, "Shear");
+  portTransform.setValue(0, 1);
+  portTransform.setValue(1, 0);
+  portTransform.setValue(2, 0);
+  portTransform.setValue(3, 0);
+
+  movePort(&portExtendedOptions, 990);
+  movePort(&portAction, 1000);
+}
+
+ZrAffineRegistration::~ZrAffineRegistration() {
+  delete dofList;
+  dofList = nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Actions
+// ---------------------------------------------------------------------------
+
+void ZrAffineRegistration::compute() {
+  if (computing)
+    return;
+  const int threads = ZrSettingsMgr::getInstance()->getNumThreads();
+  numThreads = threads != 0 ? threads : 1;
+  computing = 1;
+
+  ZrSpatialData* ref = references.isEmpty() ? nullptr : references[0];
+
+  // Several buttons pressed at once run in this order.
+  if (portAction.wasHit(0) && !models.isEmpty() && ref)
+    alignCenters();
+
+  if (portAction.wasHit(1)) {
+    interrupted = false;
+    // The button is sensitive only with both inputs; a program may still
+    // press it without them, and then there is nothing to align.
+    if (ref && !models.isEmpty() && !alignPrincipalAxes())
+      return; // the lattices do not fit; the action has ended compute()
+  }
+
+  if (portAction.wasHit(2)) {
+    interrupted = false;
+    workArea()->startWorking("Starting registration");
+    doRegistration();
+    workArea()->stopWorking();
+  }
+
+  delete transform;
+  transform = nullptr;
+  computing = 0;
+}
+
+void ZrAffineRegistration::alignCenters() {
+  ZrWorkArea* wa = workArea();
+  wa->startWorking(" ");
+  ZrRegScalarField3* ref = scalarField(references);
+  ZrRegScalarField3* model = scalarField(models);
+  if (ref && model) {
+    const SbVec3d cr = computeCenter(ref, 1);
+    const SbVec3d cm = computeCenter(model, 2);
+    SbMatrixd T;
+    T.setTranslate(cr - cm);
+    SbMatrixd M;
+    model->getTransform(M);
+    model->setTransform(T * M);
+    model->fire(1);
+  }
+  wa->stopWorking();
+}
+
+SbVec3d ZrAffineRegistration::computeCenter(ZrRegScalarField3* field, int which) {
+  SbVec3d center(0, 0, 0);
+  ZrWorkArea* wa = workArea();
+  if (wa->wasInterrupted(1) || !field)
+    return center;
+  wa->setProgressInfo(which == 1 ? "Computing center of reference ..."
+                                 : "Computing center of model ...");
+  double sum = 0.0;
+  auto visit = [&](const float* p, double w) {
+    center.x += p[0] * w;
+    center.y += p[1] * w;
+    center.z += p[2] * w;
+    sum += w;
+  };
+  // An interrupted walk returns what has been summed so far, normalised.
+  walkWeightedSamples(field, visit);
+  if (sum != 0.0)
+    center /= sum;
+  return center;
+}
+
+QbMat3d ZrAffineRegistration::computePrincipalAxes(ZrRegScalarField3* field, SbVec3d& center,
+                                                   int which) {
+  ZrWorkArea* wa = workArea();
+  if (wa->wasInterrupted(1) || !field)
+    return QbMat3d();
+  center = computeCenter(field, which);
+  wa->setProgressInfo(which == 1 ? "Computing principal axes of reference ..."
+                                 : "Computing principal axes of model ...");
+
+  // Inertia tensor of the sample offsets from the centre.
+  double t00 = 0, t11 = 0, t22 = 0, t01 = 0, t02 = 0, t12 = 0;
+  const double cx = center.x, cy = center.y, cz = center.z;
+  auto visit = [&](const float* p, double w) {
+    const double dx = p[0] - cx, dy = p[1] - cy, dz = p[2] - cz;
+    t00 += (dy * dy + dz * dz) * w;
+    t11 += (dx * dx + dz * dz) * w;
+    t22 += (dx * dx + dy * dy) * w;
+    t01 -= dx * dy * w;
+    t02 -= dx * dz * w;
+    t12 -= dy * dz * w;
+  };
+  if (!walkWeightedSamples(field, visit))
+    return QbMat3d();
+  const QbMat3d tensor(t00, t01, t02, t01, t11, t12, t02, t12, t22);
+
+  double values[3] = {0, 0, 0};
+  QbMat3d vectors;
+  tensor.eigenSystem(values, vectors);
+
+  // Rank 0 is the largest eigenvalue; equal values take the solver's order.
+  int rank[3];
+  for (int i = 0; i < 3; i++) {
+    rank[i] = 0;
+    for (int j = 0; j < 3; j++)
+      if (values[j] > values[i])
+        rank[i]++;
+  }
+  for (int i = 0; i < 3; i++)
+    for (int j = i + 1; j < 3; j++)
+      if (values[i] == values[j])
+        rank[j]++;
+
+  QbMat3d axes;
+  for (int i = 0; i < 3; i++)
+    if (rank[i] >= 0 && rank[i] < 3)
+      axes.setColumn(rank[i], vectors.getColumn(i));
+  return axes;
+}
+
+void ZrAffineRegistration::rotateModelAroundPrincipalAxis(int axis, SbVec3d& center, QbMat3d& axes,
+                                                          double angle) {
+  if (axis < 0 || axis > 2)
+    return;
+  ZrSpatialData* model = models.isEmpty() ? nullptr : models[0];
+  if (!model)
+    return;
+  SbVec3d dir;
+  SbMatrixd R;
+  ZrSpatialData* ref = references.isEmpty() ? nullptr : references[0];
+  if (ref) {
+    dir = SbVec3d(axes.getColumn(axis));
+    ref->getTransform(R);
+  } else {
+    dir[axis] = 1.0;
+  }
+  SbVec3d worldDir, worldCenter;
+  R.multDirMatrix(dir, worldDir);
+  R.multVecMatrix(center, worldCenter);
+
+  SbMatrixd rotation;
+  rotation.setTransform(SbVec3d(0, 0, 0), SbRotationd(worldDir, angle), SbVec3d(1, 1, 1),
+                        SbRotationd(), worldCenter);
+  SbMatrixd M;
+  model->getTransform(M);
+  M.multRight(rotation);
+  model->setTransform(M);
+}
+
+bool ZrAffineRegistration::alignPrincipalAxes() {
+  ZrWorkArea* wa = workArea();
+  wa->startWorking("Initializing ...");
+  ZrRegScalarField3* ref = scalarField(references);
+  ZrRegScalarField3* model = scalarField(models);
+  if (!ref || !model) {
+    wa->stopWorking();
+    return true;
+  }
+
+  SbVec3d cr, cm;
+  QbMat3d Ar = computePrincipalAxes(ref, cr, 1);
+  QbMat3d Am = computePrincipalAxes(model, cm, 2);
+
+  // Turn the model's first axis onto the reference's, then its second.
+  const SbRotationd R1(SbVec3d(Am.getColumn(0)), SbVec3d(Ar.getColumn(0)));
+  for (int c = 0; c < 3; c++) {
+    SbVec3d v;
+    R1.multVec(SbVec3d(Am.getColumn(c)), v);
+    Am.setColumn(c, v);
+  }
+  const SbRotationd R2(SbVec3d(Am.getColumn(1)), SbVec3d(Ar.getColumn(1)));
+  SbVec3d turned1, turned2;
+  R1.multVec(cm, turned1);
+  R2.multVec(turned1, turned2);
+
+  SbMatrixd m1, m2, T, M;
+  m1.setRotate(R1);
+  m2.setRotate(R2);
+  T.setTranslate(cr - turned2);
+  model->getTransform(M);
+  const SbMatrixd base = m1 * m2 * T * M;
+  model->setTransform(base);
+  SbMatrixd bestMatrix;
+  model->getTransform(bestMatrix);
+
+  if (dimensionMode == -1) {
+    wa->stopWorking();
+    computing = 0;
+    return false;
+  }
+
+  // The test level: half the coarsest factors of a registration.
+  QbVec3i factors;
+  for (int i = 0; i < 3; i++)
+    factors[i] = (int)std::ceil(portCoarsestResolution.getValue(i) / 2.0);
+  LevelArray referenceLevels, modelLevels;
+  doResampling(&referenceLevels, factors, &modelLevels);
+
+  RegAffineFunctional* functional = nullptr;
+  if (referenceLevels.size() > 0 && modelLevels.size() > 0 && referenceLevels.last().size() > 0 &&
+      modelLevels.last().size() > 0) {
+    FieldArray testReference, testModel;
+    testReference.append(referenceLevels.last()[0]);
+    testModel.append(modelLevels.last()[0]);
+    // Only the coarsest level is used: the copies of the levels between it
+    // and the inputs leave the pool now rather than linger there hidden.
+    for (int l = 1; l + 1 < referenceLevels.size(); l++)
+      for (ZrSpatialData* f : referenceLevels[l])
+        if (f && references.index(f) < 0 && f != testReference[0])
+          ZrObjectPool::getTheObjectPool()->removeObject(f);
+    for (int l = 1; l + 1 < modelLevels.size(); l++)
+      for (ZrSpatialData* f : modelLevels[l])
+        if (f && models.index(f) < 0 && f != testModel[0])
+          ZrObjectPool::getTheObjectPool()->removeObject(f);
+
+    calculateMaxCoverage();
+    RegFunctional* f = createFunctional(testReference, testModel, -1, -1);
+    functional = dynamic_cast<RegAffineFunctional*>(f);
+    if (!functional && f) {
+      releaseLevel(f);
+      delete f;
+    }
+  }
+
+  if (functional) {
+    wa->setProgressInfo("checking 24 alignments of principal axes");
+    float bar = 0.0f;
+    wa->setProgressValue(bar);
+    double best = -1e20;
+    bool stop = false;
+
+    // Scores the model's present orientation; keeps it if it is strictly the
+    // best so far, so the earliest of equal values wins.
+    auto test = [&]() {
+      RegAffineTransform t(references, model, 12);
+      t.apply();
+      functional->setTransform(&t);
+      const double value = functional->evaluate();
+      functional->setTransform(nullptr);
+      if (value > best) {
+        best = value;
+        model->getTransform(bestMatrix);
+      }
+      bar += (float)(1.0 / 24.0);
+      wa->setProgressValue(bar);
+      if (wa->wasInterrupted(1))
+        stop = true;
+    };
+    auto rot = [&](int axis, double angle) { rotateModelAroundPrincipalAxis(axis, cr, Ar, angle); };
+    // The rotations add up on the model's present transform, so each inner
+    // loop visits the total angles 0, 90, 270 and 540 degrees: all four
+    // quarter turns about the second axis.
+    const double h = 1.5707963267948966;
+    double x = 0.0;
+    for (int a = 0; a < 4 && !stop; a++, x += h) {
+      rot(0, x);
+      double y = 0.0;
+      for (int b = 0; b < 4 && !stop; b++, y += h) {
+        rot(1, y);
+        test();
+      }
+    }
+    if (!stop) {
+      model->setTransform(base);
+      rot(2, h);
+      double y = 0.0;
+      for (int b = 0; b < 4 && !stop; b++, y += h) {
+        rot(1, y);
+        test();
+      }
+    }
+    if (!stop) {
+      model->setTransform(base);
+      rot(2, 4.71238898038469);
+      double y = 0.0;
+      for (int b = 0; b < 4 && !stop; b++, y += h) {
+        rot(1, y);
+        test();
+      }
+    }
+    releaseLevel(functional);
+    delete functional;
+  }
+
+  model->setTransform(bestMatrix);
+  model->fire(1);
+  SoDB::getSensorManager()->processQueues(1);
+  wa->stopWorking();
+  return true;
+}
+
+// ---------------------------------------------------------------------------
+// Registration
+// ---------------------------------------------------------------------------
+
+void ZrAffineRegistration::discardLeftoverRun() {
+  // A run that stopped in initRegistration() for want of a transform class
+  // leaves its functionals and optimizer in place; they go before a new run
+  // replaces them.
+  if (functionals) {
+    while (functionals->size() > 0) {
+      RegFunctional* f = popFunctional();
+      if (f) {
+        releaseLevel(f);
+        delete f;
+      }
+    }
+    delete functionals;
+    functionals = nullptr;
+  }
+  delete optimizer;
+  optimizer = nullptr;
+  delete dofList;
+  dofList = nullptr;
+}
+
+int ZrAffineRegistration::initRegistration() {
+  discardLeftoverRun();
+  if (!transform)
+    createTransform();
+  if (dimensionMode < 0)
+    return 0;
+
+  if (dimensionMode == 3) {
+    // "2D" on 3-D data: the thinnest axis of the reference is held flat for
+    // this run. Value 2, which only a program can set, holds the motion to
+    // the xy plane plus z translation.
+    const int value = portRegister.getValue();
+    if (value == 0) {
+      ZrRegScalarField3* ref = scalarField(references);
+      if (ref) {
+        const int* d = ref->getDims();
+        int axis = 0;
+        if (d[1] < d[axis])
+          axis = 1;
+        if (d[2] < d[axis])
+          axis = 2;
+        dimensionMode = axis;
+      }
+    } else if (value == 2) {
+      dimensionMode = 4;
+    }
+  }
+
+  if (!ZrVoxelRegistration::initRegistration())
+    return 0;
+
+  static const int dofOfToggle[4] = {6, 7, 9, 12};
+  dofList = new QbDArray<int>;
+  for (int i = 0; i < 4; i++)
+    if (portTransform.getValue(i))
+      dofList->append(dofOfToggle[i]);
+  if (dofList->size() > 0) {
+    dofList->append(-1);
+    return 1;
+  }
+  // What the base made stays until the next run or the module's end.
+  trace("Choose some class of registration!");
+  return 0;
+}
+
+void ZrAffineRegistration::createTransform() {
+  transform = new RegAffineTransform(references, models.isEmpty() ? nullptr : models[0], 12);
+}
+
+RegFunctional* ZrAffineRegistration::createFunctional(FieldArray& referenceLevel,
+                                                      FieldArray& modelLevel, int, int) {
+  const double refMin = portHistogramRangeRef.getValue(0);
+  const double refMax = portHistogramRangeRef.getValue(1);
+  const double modMin = portHistogramRangeMod.getValue(0);
+  const double modMax = portHistogramRangeMod.getValue(1);
+  ZrRegScalarField3* ref = scalarField(referenceLevel);
+  ZrRegScalarField3* model = scalarField(modelLevel);
+  const bool uniform = model && model->isOfType(ZrUniformScalarField3::getClassTypeId());
+  // The histogram's voxel types come from the first channel.
+  const QbPrimType refType = (QbPrimType)(ref ? ref->primType() : QB_FLOAT);
+  const QbPrimType modType = (QbPrimType)(model ? model->primType() : QB_FLOAT);
+  const int refBins = portHistogramBins.getValue(0);
+  const int modBins = portHistogramBins.getValue(1);
+
+  const int index = portMetric.getIndex(0);
+  RegMetric* metric = nullptr;
+  switch (index) {
+  case 0: // "Normalized Mutual Information"
+    metric = new RegNormMutualInformation(refType, modType, refMin, refMax, modMin, modMax, refBins,
+                                          modBins, maxCoverage);
+    break;
+  case 1: // "Mutual Information"
+    metric = new RegSimpleMutualInformation(refType, modType, refMin, refMax, modMin, modMax,
+                                            refBins, modBins, maxCoverage);
+    break;
+  case 2: // "Euclidean"
+    metric = new RegMeanSquaredDifference(1.0);
+    break;
+  case 3: // "Correlation"
+    metric = new RegCorrelationRatio(refMin, refMax, modMin, modMax, maxCoverage);
+    break;
+  case 4: // "Label difference"
+    metric = new RegLabelDifference(maxCoverage);
+    break;
+  default:
+    return nullptr;
+  }
+
+  if (uniform && index < 4)
+    return new RegAffineFunctionalUniform(referenceLevel, modelLevel, interpolator, transform,
+                                          metric, this, dimensionMode, (unsigned int)numThreads);
+  return new RegAffineFunctional(referenceLevel, modelLevel, interpolator, transform, metric, this,
+                                 0, dimensionMode);
+}
+
+void ZrAffineRegistration::enterResolution(int level, int numLevels, RegFunctional* functional) {
+  if (dofList && dofIndex < dofList->size() && (*dofList)[dofIndex] < 0)
+    dofIndex = 0;
+  if (!optimizer)
+    return;
+  const int stages = dofList ? dofList->size() - 1 : 1;
+  const int levels = (ignoreFinest == 1 && numLevels > 1) ? numLevels - 1 : numLevels;
+  optimizer->setProgressLevel(level, levels, level * stages, levels * stages);
+}
+
+void ZrAffineRegistration::doResolution(int level, int numLevels, RegFunctional* functional,
+                                        double startStep, double endStep) {
+  enterResolution(level, numLevels, functional);
+  for (;;) {
+    RegAffineTransform* affine = dynamic_cast<RegAffineTransform*>(transform);
+    if (affine && dofList && dofIndex < dofList->size()) {
+      const int dof = (*dofList)[dofIndex];
+      affine->setDegreesOfFreedom(dof);
+      workArea()->setProgressInfo("Registering at resolution level %d out of %d (DOF = %d)",
+                                  level + 1, numLevels, dof);
+    }
+    optimizer->optimize(startStep, endStep);
+    if (workArea()->wasInterrupted(1)) {
+      releaseLevel(functional);
+      delete functional;
+      doneRegistration();
+      return;
+    }
+    if (doneResolution(level, numLevels))
+      return;
+  }
+}
+
+int ZrAffineRegistration::doneResolution(int level, int numLevels) {
+  if (optimizer)
+    optimizer->progressStep++;
+  dofIndex++;
+  // Without a list a level is a single stage.
+  if (!dofList || dofIndex >= dofList->size())
+    return 1;
+  return (*dofList)[dofIndex] < 0 ? 1 : 0;
+}
+
+void ZrAffineRegistration::doneRegistration() {
+  applyTransform(nullptr);
+  delete dofList;
+  dofList = nullptr;
+  dofIndex = 0;
+  ZrVoxelRegistration::doneRegistration();
+}
+
+bool ZrAffineRegistration::applyTransform(RegParametricTransform*) {
+  // The argument is ignored: the module's own transform is what the model
+  // shows.
+  if (RegAffineTransform* affine = dynamic_cast<RegAffineTransform*>(transform))
+    affine->update();
+  return checkForInterrupt();
+}
+
+bool ZrAffineRegistration::checkForInterrupt() {
+  if (interrupted)
+    return true;
+  if (!progressCallback)
+    return false;
+  bool flag = false;
+  progressCallback(workArea()->getProgressValue() * 100.0f, flag);
+  interrupted = flag;
+  return flag;
+}
+
+int ZrAffineRegistration::setProgressCallback(ProgressCallback callback) {
+  progressCallback = callback;
+  return 1;
+}
+
+void ZrAffineRegistration::setPassExceptions(bool pass) { passExceptions = pass; }
+
+// ---------------------------------------------------------------------------
+// Inputs
+// ---------------------------------------------------------------------------
+
+void ZrAffineRegistration::updateReference() {
+  if (portReference.isNew()) {
+    references.clear();
+    if (ZrRegScalarField3* field = portReference.source<ZrRegScalarField3>())
+      references.append(field);
+  }
+  if (!references.isEmpty()) {
+    references.resize(1);
+    // The third channel counts only behind a second one.
+    if (ZrRegScalarField3* second = portReference2.source<ZrRegScalarField3>()) {
+      references.append(second);
+      if (ZrRegScalarField3* third = portReference3.source<ZrRegScalarField3>())
+        references.append(third);
+    }
+  }
+  if (!portReference.isNew() && !portReference2.isNew() && !portReference3.isNew())
+    return;
+  if (references.size() >= 2) {
+    // Several channels: isotropic coarsest factors and a small first step.
+    portOptions2.setValue(0, 1);
+    int largest = portCoarsestResolution.getValue(0);
+    for (int i = 1; i < 3; i++)
+      if (portCoarsestResolution.getValue(i) > largest)
+        largest = portCoarsestResolution.getValue(i);
+    for (int i = 0; i < 3; i++) {
+      portCoarsestResolution.setMinMax(i, 1, 16);
+      portCoarsestResolution.setValue(i, largest);
+    }
+    portStep.setValue(0, 1.0f);
+  } else {
+    portOptions2.setValue(0, 0);
+  }
+}
+
+void ZrAffineRegistration::update() {
+  updateReference();
+  ZrRegScalarField3* ref = scalarField(references);
+
+  const bool modelNew = portData.isNew();
+  if (modelNew) {
+    models.clear();
+    if (ZrRegScalarField3* field = portData.source<ZrRegScalarField3>())
+      models.append(field);
+  }
+
+  ZrRegScalarField3* model = scalarField(models);
+  if ((modelNew || portReference.isNew()) && ref && model) {
+    // Flat data is registered in its plane.
+    const int* dr = ref->getDims();
+    const int* dm = model->getDims();
+    bool flat = false;
+    for (int i = 0; i < 3; i++)
+      flat = flat || dr[i] == 1 || dm[i] == 1;
+    portRegister.setValue(flat ? 0 : 1);
+    portAction.setSensitivity(1, 1);
+    // A transform read from the former inputs no longer applies.
+    delete transform;
+    transform = nullptr;
+  }
+
+  const int sensitive = (ref && model) ? 1 : 0;
+  for (int i = 0; i < 3; i++)
+    portAction.setSensitivity(i, sensitive);
+
+  samplingFactor = 2;
+  ZrVoxelRegistration::update();
+
+  // Centre and axis alignment work on one reference only.
+  if (references.size() > 1) {
+    portAction.setSensitivity(0, 0);
+    portAction.setSensitivity(1, 0);
+  }
+
+  if (!portExtendedOptions.getValue(0)) {
+    portOptions.hide();
+    portRegister.hide();
+  } else {
+    portRegister.show();
+  }
+}
+
+void myProgressCallback2(float progress, bool& stop) {
+  std::printf("\n *** myProgressCallback2: progress = %f *** \n", progress);
+  stop = false;
+}

@@ -1,0 +1,717 @@
+// The affine registration module driven as a host drives it: inputs connected
+// to the ports "model" and "reference", fire(0) to update, a button of
+// "action" pressed, fire(1) to compute. Synthetic volumes under known
+// transforms; the model's new matrix is compared with the truth.
+#include "QbPrimType.h"
+#include "QbTypeInfo.h"
+#include "RegAffineFunctionalUniform.h"
+#include "RegAffineTransform.h"
+#include "RegCorrelationRatio.h"
+#include "RegLabelDifference.h"
+#include "RegNormMutualInformation.h"
+#include "RegSimpleMutualInformation.h"
+#include "SbRotationd.h"
+#include "ZrAffineRegistration.h"
+#include "ZrMessage.h"
+#include "ZrObjectPool.h"
+#include "ZrOptimizer.h"
+#include "ZrSettingsMgr.h"
+#include "ZrUniformScalarField3.h"
+#include "ZrWorkArea.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Collects the message window's lines (and keeps the optimizers' chatter
+// off the terminal).
+class MessageLog {
+public:
+  MessageLog() {
+    old = ZrMessage::getTheMsg()->setSink([this](const std::string& t) { lines.push_back(t); });
+  }
+  ~MessageLog() { ZrMessage::getTheMsg()->setSink(old); }
+  bool contains(const char* text) const {
+    for (const std::string& l : lines)
+      if (l.find(text) != std::string::npos)
+        return true;
+    return false;
+  }
+  std::vector<std::string> lines;
+
+private:
+  ZrMessage::Sink old;
+};
+
+struct Blob {
+  double cx, cy, cz, sx, sy, sz, a;
+};
+
+// A smooth, asymmetric test image: anisotropic Gaussian blobs.
+const Blob kImage[] = {{15, 16, 15, 6, 4, 5, 100},
+                       {22, 12, 13, 3, 4, 3, 70},
+                       {13, 22, 19, 4, 3, 4, 50},
+                       {9, 10, 20, 3, 3, 3, 40}};
+
+double blobs(const Blob* b, int n, double x, double y, double z) {
+  double v = 0;
+  for (int i = 0; i < n; i++) {
+    const double dx = (x - b[i].cx) / b[i].sx, dy = (y - b[i].cy) / b[i].sy,
+                 dz = (z - b[i].cz) / b[i].sz;
+    v += b[i].a * std::exp(-0.5 * (dx * dx + dy * dy + dz * dz));
+  }
+  return v;
+}
+
+// A float field over the box [0, dims - 1] whose node at local p holds
+// image(p * m): placed with the transform m, it shows the image where the
+// reference shows it.
+template <int N>
+ZrUniformScalarField3* makeField(const int dims[3], const Blob (&image)[N],
+                                 const SbMatrixd& m = SbMatrixd()) {
+  const float box[6] = {0, float(dims[0] - 1), 0, float(dims[1] - 1), 0, float(dims[2] - 1)};
+  ZrUniformScalarField3* f = new ZrUniformScalarField3(dims, QB_FLOAT, box);
+  float* data = static_cast<float*>(f->lattice.dataPtr());
+  for (int k = 0; k < dims[2]; k++)
+    for (int j = 0; j < dims[1]; j++)
+      for (int i = 0; i < dims[0]; i++) {
+        float p[3];
+        f->lattice.coords()->pos(i, j, k, p);
+        SbVec3d w;
+        m.multVecMatrix(SbVec3d(p[0], p[1], p[2]), w);
+        data[(size_t(k) * dims[1] + j) * dims[0] + i] = (float)blobs(image, N, w.x, w.y, w.z);
+      }
+  return f;
+}
+
+// The matrix of affine parameters (translation, degrees, scale, shear,
+// centre), as the registration's transform composes it.
+SbMatrixd affineMatrix(const double (&p)[15]) {
+  RegAffineTransform t;
+  for (int i = 0; i < 15; i++)
+    t.paramVector[i] = p[i];
+  t.composeMatrix();
+  return t.matrix;
+}
+
+// Rotation by `degrees` about `axis` through `center`.
+SbMatrixd rotationAbout(const SbVec3d& axis, double degrees, const SbVec3d& center) {
+  SbMatrixd m;
+  m.setTransform(SbVec3d(0, 0, 0), SbRotationd(axis, degrees * M_PI / 180.0), SbVec3d(1, 1, 1),
+                 SbRotationd(), center);
+  return m;
+}
+
+// Largest distance between where two matrices put the corners of a box.
+double cornerError(const SbMatrixd& a, const SbMatrixd& b, const int dims[3]) {
+  double worst = 0;
+  for (int c = 0; c < 8; c++) {
+    const SbVec3d p(c & 1 ? dims[0] - 1 : 0, c & 2 ? dims[1] - 1 : 0, c & 4 ? dims[2] - 1 : 0);
+    SbVec3d pa, pb;
+    a.multVecMatrix(p, pa);
+    b.multVecMatrix(p, pb);
+    worst = std::max(worst, (pa - pb).length());
+  }
+  return worst;
+}
+
+// The module and its inputs in the object pool, connected and updated.
+template <class Module = ZrAffineRegistration> struct Scene {
+  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
+  Module* module = new Module;
+  std::vector<ZrObject*> inputs;
+
+  Scene(ZrUniformScalarField3* reference, ZrUniformScalarField3* model) {
+    // The test machine's cores are shared: a parallel walk would only wait.
+    ZrSettingsMgr::getInstance()->setNumThreads(1);
+    pool->addObject(module);
+    add(reference);
+    add(model);
+    module->portData.connect(model);
+    module->portReference.connect(reference);
+    module->fire(0);
+  }
+  ~Scene() {
+    pool->removeObject(module);
+    for (ZrObject* o : inputs)
+      pool->removeObject(o);
+  }
+  void add(ZrObject* o) {
+    if (o) {
+      pool->addObject(o);
+      inputs.push_back(o);
+    }
+  }
+  // Presses an action button and computes.
+  void press(int button) {
+    ASSERT_TRUE(module->portAction.hit(button)) << "button " << button;
+    module->fire(1);
+  }
+  // Quick settings for the tests: no ignored level, one step size per stage
+  // unless told, the best-neighbour search, no switch to quasi-Newton.
+  void fastSettings(int optimizer = 1) {
+    module->portOptimizer.setIndex(0, optimizer);
+    module->portOptions.setValue(0, 0);
+    module->fire(0);
+    module->portNLevelsGradient.setValue(0, 0.0f);
+    module->fire(0);
+  }
+};
+
+// Records the stage at the end of each optimisation.
+class RecordingRegistration : public ZrAffineRegistration {
+public:
+  struct Stage {
+    int level, dof, progressStep, progressSteps;
+  };
+  std::vector<Stage> stages;
+  std::vector<int> dimensionModes;
+  std::function<void(int level)> onEnterResolution;
+
+  void enterResolution(int level, int numLevels, RegFunctional* functional) override {
+    if (onEnterResolution)
+      onEnterResolution(level);
+    ZrAffineRegistration::enterResolution(level, numLevels, functional);
+  }
+
+  int doneResolution(int level, int numLevels) override {
+    auto* t = dynamic_cast<RegAffineTransform*>(transform);
+    stages.push_back({level, t ? t->dof : -1, optimizer ? optimizer->progressStep : -1,
+                      optimizer ? optimizer->progressSteps : -1});
+    dimensionModes.push_back(dimensionMode);
+    return ZrAffineRegistration::doneResolution(level, numLevels);
+  }
+};
+
+// Principal axes without the scored orientations: no test functional.
+class AxesOnly : public ZrAffineRegistration {
+public:
+  RegFunctional* createFunctional(FieldArray&, FieldArray&, int, int) override { return nullptr; }
+};
+
+} // namespace
+
+TEST(ZrAffineRegistration, TypeRecordPortsAndDefaults) {
+  const QbTypeInfo* type = QbTypeInfo::fromName("ZrAffineRegistration");
+  ASSERT_NE(type, nullptr);
+  EXPECT_EQ(type, ZrAffineRegistration::getClassTypeId());
+  EXPECT_TRUE(type->isOfType(ZrCompModule::getClassTypeId()));
+  EXPECT_EQ(type->getParent(), ZrCompModule::getClassTypeId());
+  QbInterfaceOwner* made = type->createInstance();
+  ZrAffineRegistration* m = dynamic_cast<ZrAffineRegistration*>(made);
+  ASSERT_NE(m, nullptr);
+  EXPECT_EQ(m->getTypeId(), type);
+
+  EXPECT_STREQ(m->portData.getName(), "model");
+  EXPECT_STREQ(m->portAction.getLabel(), "Action:");
+  EXPECT_STREQ(m->portAction.getLabel(0), "Align centers");
+  EXPECT_STREQ(m->portAction.getLabel(1), "Align principal axes");
+  EXPECT_STREQ(m->portAction.getLabel(2), "Register");
+  EXPECT_STREQ(m->portRegister.getLabel(0), "2D");
+  EXPECT_STREQ(m->portRegister.getLabel(1), "3D");
+  EXPECT_EQ(m->portRegister.getValue(), 1);
+  const char* toggles[4] = {"Rigid", "Iso-", "Aniso-Scale", "Shear"};
+  for (int i = 0; i < 4; i++) {
+    EXPECT_STREQ(m->portTransform.getLabel(i), toggles[i]);
+    EXPECT_EQ(m->portTransform.getValue(i), i == 0 ? 1 : 0);
+  }
+  EXPECT_EQ(m->getPort("reference2"), &m->portReference2);
+  EXPECT_EQ(m->getPort("reference3"), &m->portReference3);
+  // The expert toggle and the buttons come last.
+  const int n = m->getNumPorts();
+  EXPECT_EQ(m->getPort(n - 2), &m->portExtendedOptions);
+  EXPECT_EQ(m->getPort(n - 1), &m->portAction);
+  EXPECT_EQ(m->setProgressCallback(myProgressCallback2), 1);
+  delete m;
+}
+
+TEST(ZrAffineRegistration, UpdateFollowsTheInputs) {
+  MessageLog log;
+  const int cube[3] = {16, 16, 16};
+  const int flat[3] = {20, 18, 1};
+  {
+    // Flat pairs are registered in their plane.
+    Scene<> s(makeField(flat, kImage), makeField(flat, kImage));
+    EXPECT_EQ(s.module->dimensionMode, 2);
+    EXPECT_EQ(s.module->portRegister.getValue(), 0);
+    for (int b = 0; b < 3; b++)
+      EXPECT_TRUE(s.module->portAction.isSensitive(b));
+    // A flat model against a full reference gives a 2-D run as well.
+    ZrUniformScalarField3* full = makeField(cube, kImage);
+    s.add(full);
+    s.module->portReference.connect(full);
+    s.module->fire(0);
+    EXPECT_EQ(s.module->portRegister.getValue(), 0);
+    EXPECT_EQ(s.module->dimensionMode, 2);
+  }
+  {
+    Scene<> s(makeField(cube, kImage), makeField(cube, kImage));
+    EXPECT_EQ(s.module->dimensionMode, 3);
+    EXPECT_EQ(s.module->portRegister.getValue(), 1);
+    EXPECT_EQ(s.module->samplingFactor, 2);
+    // Expert ports are hidden until asked for.
+    EXPECT_FALSE(s.module->portRegister.isVisible());
+    EXPECT_FALSE(s.module->portOptions.isVisible());
+    s.module->portExtendedOptions.setValue(0, 1);
+    s.module->fire(0);
+    EXPECT_TRUE(s.module->portRegister.isVisible());
+
+    // Without a reference nothing can be pressed.
+    s.module->portReference.disconnect();
+    s.module->fire(0);
+    for (int b = 0; b < 3; b++)
+      EXPECT_FALSE(s.module->portAction.isSensitive(b));
+    EXPECT_FALSE(s.module->portAction.hit(2));
+  }
+}
+
+TEST(ZrAffineRegistration, ReferenceChannelsSwitchOnLocalizer) {
+  MessageLog log;
+  const int dims[3] = {24, 20, 16};
+  Scene<> s(makeField(dims, kImage), makeField(dims, kImage));
+  ZrAffineRegistration* m = s.module;
+  ZrUniformScalarField3* second = makeField(dims, kImage);
+  ZrUniformScalarField3* third = makeField(dims, kImage);
+  s.add(second);
+  s.add(third);
+  m->portCoarsestResolution.setValue(0, 3);
+  m->portCoarsestResolution.setValue(1, 5);
+  m->portCoarsestResolution.setValue(2, 2);
+
+  // A third channel without a second is ignored.
+  m->portReference3.connect(third);
+  m->fire(0);
+  EXPECT_EQ(m->references.size(), 1);
+  EXPECT_EQ(m->portOptions2.getValue(0), 0);
+
+  m->portReference2.connect(second);
+  m->fire(0);
+  ASSERT_EQ(m->references.size(), 3);
+  EXPECT_EQ(m->references[1], second);
+  EXPECT_EQ(m->references[2], third);
+  EXPECT_EQ(m->portOptions2.getValue(0), 1);
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(m->portCoarsestResolution.getValue(i), 5) << i;
+    EXPECT_EQ(m->portCoarsestResolution.getMaxValue(i), 16) << i;
+  }
+  EXPECT_EQ(m->portStep.getValue(0), 1.0f);
+  // Centre and axis alignment take one reference only.
+  EXPECT_FALSE(m->portAction.isSensitive(0));
+  EXPECT_FALSE(m->portAction.isSensitive(1));
+  EXPECT_TRUE(m->portAction.isSensitive(2));
+
+  m->portReference2.disconnect();
+  m->fire(0);
+  EXPECT_EQ(m->references.size(), 1);
+  EXPECT_EQ(m->portOptions2.getValue(0), 0);
+  EXPECT_TRUE(m->portAction.isSensitive(0));
+}
+
+TEST(ZrAffineRegistration, PlanarChoiceAndTransformClasses) {
+  MessageLog log;
+  // Thinnest reference axis y; the model is thinnest in z.
+  const int refDims[3] = {20, 12, 16};
+  const int modDims[3] = {20, 16, 12};
+  Scene<> s(makeField(refDims, kImage), makeField(modDims, kImage));
+  ZrAffineRegistration* m = s.module;
+  ASSERT_EQ(m->dimensionMode, 3);
+
+  // "2D" on 3-D data holds the reference's thinnest axis, for this run only.
+  m->portRegister.setValue(0);
+  ASSERT_EQ(m->initRegistration(), 1);
+  EXPECT_EQ(m->dimensionMode, 1);
+  ASSERT_NE(m->dofList, nullptr);
+  ASSERT_EQ(m->dofList->size(), 2);
+  EXPECT_EQ((*m->dofList)[0], 6);
+  EXPECT_EQ((*m->dofList)[1], -1);
+  m->doneRegistration();
+  EXPECT_EQ(m->dofList, nullptr);
+  m->fire(0);
+  EXPECT_EQ(m->dimensionMode, 3);
+
+  // Value 2, reachable from a program only: planar motion plus z.
+  m->portRegister.setValue(2);
+  m->portTransform.setValue(0, 0);
+  m->portTransform.setValue(3, 1);
+  m->portTransform.setValue(2, 1);
+  ASSERT_EQ(m->initRegistration(), 1);
+  EXPECT_EQ(m->dimensionMode, 4);
+  ASSERT_EQ(m->dofList->size(), 3);
+  EXPECT_EQ((*m->dofList)[0], 9);
+  EXPECT_EQ((*m->dofList)[1], 12);
+  m->doneRegistration();
+  m->fire(0);
+
+  // "3D" keeps full 3-D.
+  m->portRegister.setValue(1);
+  ASSERT_EQ(m->initRegistration(), 1);
+  EXPECT_EQ(m->dimensionMode, 3);
+  m->doneRegistration();
+  m->fire(0);
+
+  // No class of transform: the message is the only sign, and the run's
+  // resampled fields go when the next run starts.
+  const int poolSize = s.pool->getNumObjects();
+  for (int i = 0; i < 4; i++)
+    m->portTransform.setValue(i, 0);
+  m->portCoarsestResolution.setValue(2);
+  EXPECT_EQ(m->initRegistration(), 0);
+  EXPECT_TRUE(log.contains("Choose some class of registration!"));
+  EXPECT_NE(m->functionals, nullptr);
+  EXPECT_GT(s.pool->getNumObjects(), poolSize);
+  m->portTransform.setValue(0, 1);
+  ASSERT_EQ(m->initRegistration(), 1);
+  m->doneRegistration();
+  EXPECT_EQ(s.pool->getNumObjects(), poolSize);
+  EXPECT_EQ(m->functionals, nullptr);
+  EXPECT_EQ(m->optimizer, nullptr);
+}
+
+TEST(ZrAffineRegistration, MetricAndFunctionalByTheMenu) {
+  MessageLog log;
+  const int dims[3] = {12, 10, 8};
+  Scene<> s(makeField(dims, kImage), makeField(dims, kImage));
+  ZrAffineRegistration* m = s.module;
+  m->numThreads = 2;
+  m->maxCoverage = 0.75;
+  m->portHistogramBins.setValue(0, 40);
+  m->portHistogramBins.setValue(1, 50);
+  ZrAffineRegistration::FieldArray refs, mods;
+  refs.append(m->references[0]);
+  mods.append(m->models[0]);
+
+  for (int index = 0; index < 6; index++) {
+    m->portMetric.setIndex(0, index);
+    RegFunctional* f = m->createFunctional(refs, mods, -1, -1);
+    if (index == 5) {
+      EXPECT_EQ(f, nullptr);
+      continue;
+    }
+    ASSERT_NE(f, nullptr) << index;
+    RegMetric* metric = f->metric;
+    switch (index) {
+    case 0:
+      EXPECT_NE(dynamic_cast<RegNormMutualInformation*>(metric), nullptr);
+      break;
+    case 1:
+      EXPECT_NE(dynamic_cast<RegSimpleMutualInformation*>(metric), nullptr);
+      break;
+    case 2:
+      EXPECT_NE(dynamic_cast<RegMeanSquaredDifference*>(metric), nullptr);
+      EXPECT_EQ(dynamic_cast<RegLabelDifference*>(metric), nullptr);
+      EXPECT_EQ(metric->maxCoverage, 1.0);
+      break;
+    case 3:
+      EXPECT_NE(dynamic_cast<RegCorrelationRatio*>(metric), nullptr);
+      break;
+    case 4:
+      EXPECT_NE(dynamic_cast<RegLabelDifference*>(metric), nullptr);
+      break;
+    }
+    if (index != 2) {
+      EXPECT_EQ(metric->maxCoverage, 0.75) << index;
+    }
+    if (index < 2) {
+      // The bins of the ports; the metric adds one for its overflow row.
+      auto* mi = dynamic_cast<RegMutualInformation*>(metric);
+      ASSERT_NE(mi, nullptr);
+      EXPECT_EQ(mi->numBinsRef, 41);
+      EXPECT_EQ(mi->numBinsMod, 51);
+    }
+    // A uniform model takes the fast walk, except for labels.
+    auto* uniform = dynamic_cast<RegAffineFunctionalUniform*>(f);
+    auto* general = dynamic_cast<RegAffineFunctional*>(f);
+    ASSERT_NE(general, nullptr);
+    EXPECT_EQ(uniform != nullptr, index < 4) << index;
+    if (uniform) {
+      EXPECT_EQ(uniform->numThreads, 2u);
+    }
+    EXPECT_EQ(general->flatAxis, m->dimensionMode);
+    EXPECT_EQ(general->clip, 0);
+    EXPECT_EQ(f->callback, static_cast<RegOptimizerCallback*>(m));
+    delete f;
+  }
+}
+
+TEST(ZrAffineRegistration, DegreesOfFreedomScheduleAndProgress) {
+  MessageLog log;
+  const int dims[3] = {16, 16, 16};
+  // Three stages on four levels (factors 1, 2, 4, 8): twelve steps.
+  Scene<RecordingRegistration> s(makeField(dims, kImage), makeField(dims, kImage));
+  RecordingRegistration* m = s.module;
+  s.fastSettings();
+  m->portCoarsestResolution.setValue(8);
+  m->portStep.setValue(0, 0.5f);
+  m->portStep.setValue(1, 0.5f);
+  m->portMetric.setIndex(0, 2);
+  m->portTransform.setValue(1, 1); // Rigid, Iso-, Shear
+  m->portTransform.setValue(3, 1);
+  m->fire(0);
+  s.press(2);
+  const int dofs[3] = {6, 7, 12};
+  ASSERT_EQ(m->stages.size(), 12u);
+  for (int i = 0; i < 12; i++) {
+    EXPECT_EQ(m->stages[i].level, i / 3) << i;
+    EXPECT_EQ(m->stages[i].dof, dofs[i % 3]) << i;
+    EXPECT_EQ(m->stages[i].progressStep, i + 1) << i;
+    EXPECT_EQ(m->stages[i].progressSteps, 12) << i;
+  }
+  EXPECT_EQ(m->dofList, nullptr);
+  EXPECT_EQ(m->transform, nullptr);
+
+  // "Rigid" and "Shear" only, the finest level ignored: 6 then 12 on the
+  // three coarser levels, counted over six steps.
+  m->stages.clear();
+  m->portTransform.setValue(1, 0);
+  m->portOptions.setValue(0, 1);
+  m->fire(0);
+  s.press(2);
+  ASSERT_EQ(m->stages.size(), 6u);
+  for (int i = 0; i < 6; i++) {
+    EXPECT_EQ(m->stages[i].level, i / 2) << i;
+    EXPECT_EQ(m->stages[i].dof, i % 2 ? 12 : 6) << i;
+    EXPECT_EQ(m->stages[i].progressStep, i + 1) << i;
+    EXPECT_EQ(m->stages[i].progressSteps, 6) << i;
+  }
+}
+
+TEST(ZrAffineRegistration, CentresAndAxesOfInertia) {
+  MessageLog log;
+  ZrAffineRegistration m;
+  // One elongated blob: long in x, short in z, off the box centre.
+  const Blob ellipsoid[] = {{20.3, 19.6, 14.2, 3.5, 2.5, 1.8, 100}};
+  const int dims[3] = {41, 40, 30};
+  ZrUniformScalarField3* f = makeField(dims, ellipsoid);
+  f->ref();
+  SbVec3d c;
+  const QbMat3d axes = m.computePrincipalAxes(f, c, 1);
+  EXPECT_NEAR(c.x, 20.3, 1e-3);
+  EXPECT_NEAR(c.y, 19.6, 1e-3);
+  EXPECT_NEAR(c.z, 14.2, 1e-3);
+  // Column 0: the largest moment, about the axis along which the blob is
+  // thinnest (z); column 2 the long axis (x).
+  EXPECT_NEAR(std::fabs(axes[2][0]), 1.0, 1e-6);
+  EXPECT_NEAR(std::fabs(axes[1][1]), 1.0, 1e-6);
+  EXPECT_NEAR(std::fabs(axes[0][2]), 1.0, 1e-6);
+  EXPECT_EQ(m.computeCenter(f, 2), c);
+  f->unref();
+
+  // Negative and zero values weigh nothing: no centre at all.
+  const int small[3] = {5, 4, 3};
+  const float box[6] = {0, 4, 0, 3, 0, 2};
+  ZrUniformScalarField3* g = new ZrUniformScalarField3(small, QB_INT16, box);
+  g->ref();
+  for (size_t i = 0; i < g->lattice.numNodes(); i++)
+    g->lattice.setValue(i, -3.0);
+  EXPECT_EQ(m.computeCenter(g, 1), SbVec3d(0, 0, 0));
+  // Every second node from 0: x = 4 is sampled, x = 3 and y = 3 are not.
+  g->lattice.setValue(4 + (2 * 4 + 2) * 5, 7.0);
+  g->lattice.setValue(3 + (0 * 4 + 0) * 5, 50.0);
+  g->lattice.setValue(0 + (0 * 4 + 3) * 5, 50.0);
+  EXPECT_EQ(m.computeCenter(g, 1), SbVec3d(4, 2, 2));
+  g->unref();
+
+  // A stop asked for before the moments leaves zero axes.
+  ZrWorkArea::getTheWorkArea()->requestInterrupt();
+  SbVec3d unused(1, 2, 3);
+  EXPECT_EQ(m.computePrincipalAxes(f = makeField(dims, ellipsoid), unused, 2), QbMat3d());
+  ZrWorkArea::getTheWorkArea()->clearInterrupt();
+  delete f;
+}
+
+TEST(ZrAffineRegistration, AlignCentersMatchesCentresOfGravity) {
+  MessageLog log;
+  const int dims[3] = {30, 28, 26};
+  const double t[3] = {2.6, -3.1, 1.7};
+  SbMatrixd shift;
+  shift.setTranslate(SbVec3d(t[0], t[1], t[2]));
+  // Compact blobs, far from every side in both boxes, so that the centres
+  // move exactly with the data.
+  const Blob compact[] = {{14, 13, 12, 2.5, 2, 1.5, 100}, {17, 15, 13, 1.5, 2, 2, 60}};
+  Scene<> s(makeField(dims, compact), makeField(dims, compact, shift));
+  // The module reads the host's thread count when it computes.
+  ZrSettingsMgr::getInstance()->setNumThreads(3);
+  s.press(0);
+  EXPECT_EQ(s.module->numThreads, 3);
+  ZrSettingsMgr::getInstance()->setNumThreads(1);
+  SbMatrixd found;
+  static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
+  EXPECT_LT(cornerError(found, shift, dims), 0.02);
+  EXPECT_TRUE(found.equals(shift, 0.02));
+}
+
+TEST(ZrAffineRegistration, AlignPrincipalAxesUndoesTurns) {
+  MessageLog log;
+  const int dims[3] = {40, 40, 40};
+  const SbVec3d centre(19.5, 19.5, 19.5);
+  // An elongated body with two bumps that make every turn look different,
+  // well inside the box in every position.
+  const Blob body[] = {{19.5, 19.5, 19.5, 4.5, 2.8, 1.8, 100},
+                       {25, 20.5, 19.5, 1.5, 1.5, 1.5, 60},
+                       {18, 19.5, 22, 1.5, 1.5, 1.5, 40}};
+  struct Turn {
+    SbVec3d axis;
+    double degrees;
+  };
+  const Turn turns[] = {{SbVec3d(0, 0, 1), 90},  {SbVec3d(1, 0, 0), 180}, {SbVec3d(0, 1, 0), 90},
+                        {SbVec3d(1, 0, 0), 270}, {SbVec3d(0, 0, 1), 180}, {SbVec3d(1, 2, 3), 35}};
+  int wrongWithoutChoice = 0;
+  for (const Turn& turn : turns) {
+    SbMatrixd truth = rotationAbout(turn.axis, turn.degrees, centre);
+    // Also moved, so that the centres have to meet as well.
+    SbMatrixd shift;
+    shift.setTranslate(SbVec3d(1.5, -1.0, 0.5));
+    truth.multRight(shift);
+    Scene<> s(makeField(dims, body), makeField(dims, body, truth));
+    s.press(1);
+    SbMatrixd found;
+    static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
+    EXPECT_LT(cornerError(found, truth, dims), 0.02)
+        << turn.degrees << " degrees about " << turn.axis.x << " " << turn.axis.y << " "
+        << turn.axis.z;
+    EXPECT_EQ(s.module->transform, nullptr);
+
+    // The axes alone leave the signs of the axes open: without the 24
+    // scored orientations some turns come out flipped.
+    Scene<AxesOnly> a(makeField(dims, body), makeField(dims, body, truth));
+    a.press(1);
+    static_cast<ZrSpatialData*>(a.inputs[1])->getTransform(found);
+    if (cornerError(found, truth, dims) > 5.0)
+      wrongWithoutChoice++;
+  }
+  EXPECT_GT(wrongWithoutChoice, 0);
+}
+
+TEST(ZrAffineRegistration, RigidRegistrationRecoversTheMotion) {
+  MessageLog log;
+  const int dims[3] = {32, 32, 32};
+  // Translation, rotation in degrees, unit scale, centre in the middle.
+  const double p[15] = {1.3, -2.1, 0.8, 4.0, -3.0, 5.0, 1, 1, 1, 0, 0, 0, 15.5, 15.5, 15.5};
+  const SbMatrixd truth = affineMatrix(p);
+  Scene<> s(makeField(dims, kImage), makeField(dims, kImage, truth));
+  ZrAffineRegistration* m = s.module;
+  // Normalized mutual information, the best-neighbour search, two levels.
+  s.fastSettings(1);
+  m->portCoarsestResolution.setValue(2);
+  m->portStep.setValue(0, 2.0f);
+  m->portStep.setValue(1, 0.005f);
+  m->fire(0);
+  s.press(2);
+
+  SbMatrixd found;
+  static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
+  EXPECT_LT(cornerError(found, truth, dims), 0.1);
+  // The rotation to a tenth of a degree.
+  SbRotationd diff(found * truth.inverse());
+  SbVec3d axis;
+  double radians;
+  diff.getValue(axis, radians);
+  EXPECT_LT(std::fabs(std::remainder(radians, 2 * M_PI)) * 180 / M_PI, 0.1);
+  EXPECT_TRUE(log.contains("elapsed time: "));
+}
+
+TEST(ZrAffineRegistration, PlanarRegistrationStaysInItsPlane) {
+  MessageLog log;
+  const int dims[3] = {32, 32, 1};
+  // A slice through the test image at z = 15, moved and turned in its plane.
+  SbMatrixd lift;
+  lift.setTranslate(SbVec3d(0, 0, 15));
+  const double p[15] = {1.4, -1.1, 0, 0, 0, 4.0, 1, 1, 1, 0, 0, 0, 15.5, 15.5, 0};
+  const SbMatrixd truth = affineMatrix(p);
+  Scene<> s(makeField(dims, kImage, lift), makeField(dims, kImage, truth * lift));
+  ZrAffineRegistration* m = s.module;
+  ASSERT_EQ(m->dimensionMode, 2);
+  ASSERT_EQ(m->portRegister.getValue(), 0);
+  s.fastSettings(1);
+  m->portCoarsestResolution.setValue(2);
+  m->portStep.setValue(0, 2.0f);
+  m->portStep.setValue(1, 0.005f);
+  m->portMetric.setIndex(0, 2);
+  m->fire(0);
+  EXPECT_EQ(m->portCoarsestResolution.getValue(2), 1);
+  s.press(2);
+  SbMatrixd found;
+  static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
+  EXPECT_LT(cornerError(found, truth, dims), 0.1);
+  // Nothing leaves the plane.
+  EXPECT_EQ(found[0][2], 0.0);
+  EXPECT_EQ(found[1][2], 0.0);
+  EXPECT_EQ(found[2][2], 1.0);
+  EXPECT_EQ(found[3][2], 0.0);
+}
+
+namespace {
+int callbackCalls = 0;
+void stopAtOnce(float progress, bool& stop) {
+  callbackCalls++;
+  EXPECT_GE(progress, 0.0f);
+  EXPECT_LE(progress, 100.0f);
+  stop = true;
+}
+} // namespace
+
+TEST(ZrAffineRegistration, StopThroughTheProgressCallback) {
+  MessageLog log;
+  const int dims[3] = {32, 32, 32};
+  const double p[15] = {1.5, -1.0, 0.5, 3.0, 0, 0, 1, 1, 1, 0, 0, 0, 15.5, 15.5, 15.5};
+  const SbMatrixd truth = affineMatrix(p);
+  Scene<RecordingRegistration> s(makeField(dims, kImage), makeField(dims, kImage, truth));
+  RecordingRegistration* m = s.module;
+  // The extensive direction search asks checkForInterrupt() at its start.
+  s.fastSettings(0);
+  m->portCoarsestResolution.setValue(2);
+  m->portStep.setValue(0, 2.0f);
+  m->portStep.setValue(1, 0.005f);
+  m->fire(0);
+  m->setProgressCallback(stopAtOnce);
+  callbackCalls = 0;
+  s.press(2);
+  EXPECT_GE(callbackCalls, 1);
+  EXPECT_TRUE(m->interrupted);
+  EXPECT_TRUE(m->checkForInterrupt());
+  // The run ended with the model where it started.
+  SbMatrixd found;
+  static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
+  EXPECT_LT(cornerError(found, SbMatrixd(), dims), 1e-3);
+
+  // Pressing "Register" again clears the stop; without a callback the run
+  // goes to its end.
+  m->setProgressCallback(nullptr);
+  s.press(2);
+  EXPECT_FALSE(m->interrupted);
+  static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
+  EXPECT_LT(cornerError(found, truth, dims), 0.1);
+}
+
+TEST(ZrAffineRegistration, StopFromTheHostEndsTheRun) {
+  MessageLog log;
+  const int dims[3] = {16, 16, 16};
+  Scene<RecordingRegistration> s(makeField(dims, kImage), makeField(dims, kImage));
+  RecordingRegistration* m = s.module;
+  s.fastSettings();
+  m->portCoarsestResolution.setValue(4);
+  m->portTransform.setValue(1, 1);
+  m->fire(0);
+  const int poolSize = s.pool->getNumObjects();
+  // The user stops during the coarsest level: its search ends, the level
+  // ends, and the run with it, leaving no resampled field behind.
+  m->onEnterResolution = [](int) { ZrWorkArea::getTheWorkArea()->requestInterrupt(); };
+  s.press(2);
+  ZrWorkArea::getTheWorkArea()->clearInterrupt();
+  EXPECT_TRUE(m->stages.empty());
+  // The driver ends the run once more after the level's own end: two
+  // reports of the time.
+  int reports = 0;
+  for (const std::string& l : log.lines)
+    reports += l.find("elapsed time: ") != std::string::npos;
+  EXPECT_EQ(reports, 2);
+  EXPECT_EQ(m->functionals, nullptr);
+  EXPECT_EQ(m->dofList, nullptr);
+  EXPECT_EQ(s.pool->getNumObjects(), poolSize);
+}
