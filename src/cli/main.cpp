@@ -4,6 +4,7 @@
 #include "ZrAffineCommand.h"
 #include "ZrCompModule.h"
 #include "ZrDemo.h"
+#include "ZrElasticCommands.h"
 #include "ZrPackageLoader.h"
 #include "ZrPhantomCommand.h"
 #include "ZrRunContext.h"
@@ -26,6 +27,9 @@ void printUsage(FILE* out) {
                     "  version   print the versions of zrreg and of the registration package\n"
                     "  formats   list the image file formats zrreg can read and write\n"
                     "  affine    rigid/affine registration of a model onto reference images\n"
+                    "  elastic   free-form (B-spline) registration\n"
+                    "  apply-grid     warp an image by a saved control grid\n"
+                    "  deform-points  move points or a mesh by a saved vector field\n"
                     "  ports     list the ports of a module class\n"
                     "  run       run a script of host commands\n"
                     "  phantom   write a synthetic head and a copy under a known transform\n"
@@ -165,6 +169,12 @@ static int dispatch(int argc, char** argv) {
     return ZrDemo::run(argc - 1, argv + 1);
   if (cmd == "affine")
     return ZrAffineCommand::run(argc - 1, argv + 1);
+  if (cmd == "elastic")
+    return ZrElasticCommands::runElastic(argc - 1, argv + 1);
+  if (cmd == "apply-grid")
+    return ZrElasticCommands::runApplyGrid(argc - 1, argv + 1);
+  if (cmd == "deform-points")
+    return ZrElasticCommands::runDeformPoints(argc - 1, argv + 1);
   if (cmd == "phantom")
     return ZrPhantomCommand::run(argc - 1, argv + 1);
   if (cmd == "ports")
@@ -183,8 +193,9 @@ int main(int argc, char** argv) {
   try {
     return dispatch(argc, argv);
   } catch (const QbMemoryException& e) {
-    std::fprintf(stderr, "zrreg: out of memory (a request for %zu bytes failed); try smaller "
-                         "images or fewer threads\n",
+    std::fprintf(stderr,
+                 "zrreg: out of memory (a request for %zu bytes failed); try smaller "
+                 "images or fewer threads\n",
                  e.getNumBytes());
   } catch (const std::bad_alloc&) {
     std::fprintf(stderr, "zrreg: out of memory\n");

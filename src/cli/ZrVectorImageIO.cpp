@@ -1,0 +1,232 @@
+#include "ZrVectorImageIO.h"
+
+#include "SbMatrixd.h"
+#include "ZrRegScalarField3.h"
+#include "ZrRegVectorField3.h"
+#include "ZrUniformCoord3.h"
+
+#include <itkImageIOBase.h>
+#include <itkImageIOFactory.h>
+// Included for its side effect: it registers ITK's image I/O factories here.
+#include <itkImageFileReader.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct Geometry {
+  int dims[3];
+  float box[6];
+  SbMatrixd m; // local -> world, row vectors
+};
+
+bool writeImage(const Geometry& g, const float* worldVectors, const std::string& path,
+                std::string& error) {
+  itk::ImageIOBase::Pointer io =
+      itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::WriteMode);
+  if (!io) {
+    error = "no image format is known for the name '" + path + "'";
+    return false;
+  }
+  double A[3][3], t[3];
+  for (int r = 0; r < 3; r++) {
+    t[r] = g.m[3][r];
+    for (int c = 0; c < 3; c++)
+      A[r][c] = g.m[c][r];
+  }
+  io->SetNumberOfDimensions(3);
+  io->SetPixelType(itk::IOPixelEnum::VECTOR);
+  io->SetNumberOfComponents(3);
+  io->SetComponentType(itk::IOComponentEnum::FLOAT);
+  for (unsigned a = 0; a < 3; a++) {
+    double voxel =
+        g.dims[a] > 1 ? (double(g.box[2 * a + 1]) - g.box[2 * a]) / (g.dims[a] - 1) : 1.0;
+    if (!(voxel > 0))
+      voxel = 1.0;
+    double n = std::sqrt(A[0][a] * A[0][a] + A[1][a] * A[1][a] + A[2][a] * A[2][a]);
+    if (!(n > 0)) {
+      error = "the field's transform is singular";
+      return false;
+    }
+    io->SetDimensions(a, g.dims[a]);
+    io->SetSpacing(a, voxel * n);
+    double origin = t[a];
+    for (int c = 0; c < 3; c++)
+      origin += A[a][c] * g.box[2 * c];
+    io->SetOrigin(a, origin);
+    io->SetDirection(a, std::vector<double>{A[0][a] / n, A[1][a] / n, A[2][a] / n});
+  }
+  io->SetUseCompression(true);
+  itk::ImageIORegion region(3);
+  for (unsigned a = 0; a < 3; a++) {
+    region.SetIndex(a, 0);
+    region.SetSize(a, g.dims[a]);
+  }
+  io->SetIORegion(region);
+  size_t slash = path.find_last_of('/');
+  std::string tmp = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) +
+                    ".zrreg-" + std::to_string(getpid()) + "-" +
+                    (slash == std::string::npos ? path : path.substr(slash + 1));
+  std::string lower = path;
+  for (char& c : lower)
+    c = char(std::tolower((unsigned char)c));
+  bool detached = lower.size() > 4 && (lower.compare(lower.size() - 4, 4, ".mhd") == 0 ||
+                                       lower.compare(lower.size() - 4, 4, ".hdr") == 0);
+  std::string target = detached ? path : tmp;
+  try {
+    io->SetFileName(target);
+    io->WriteImageInformation();
+    io->Write(worldVectors);
+  } catch (const itk::ExceptionObject& e) {
+    std::remove(target.c_str());
+    error = "cannot write '" + path + "': " + e.GetDescription();
+    return false;
+  }
+  if (!detached && std::rename(tmp.c_str(), path.c_str()) != 0) {
+    error = "cannot write '" + path + "': " + std::strerror(errno);
+    std::remove(tmp.c_str());
+    return false;
+  }
+  return true;
+}
+
+} // namespace
+
+bool ZrVectorImageIO::write(const ZrRegVectorField3* field, const std::string& path,
+                            std::string& error) {
+  if (field->coordType() != ZR_COORD_UNIFORM || field->nDataVar() != 3 || field->primType() != 3) {
+    error = "only uniform three-component float fields can be written as vector images";
+    return false;
+  }
+  Geometry g;
+  for (int a = 0; a < 3; a++)
+    g.dims[a] = field->getDims()[a];
+  field->getBoundingBox(g.box);
+  field->getTransform(g.m);
+  size_t n = field->lattice.numNodes();
+  const float* v = static_cast<const float*>(field->lattice.dataPtr());
+  std::vector<float> world(3 * n);
+  for (size_t i = 0; i < n; i++)
+    for (int c = 0; c < 3; c++)
+      world[3 * i + c] =
+          float(v[3 * i] * g.m[0][c] + v[3 * i + 1] * g.m[1][c] + v[3 * i + 2] * g.m[2][c]);
+  return writeImage(g, world.data(), path, error);
+}
+
+bool ZrVectorImageIO::writeOnLattice(const ZrRegScalarField3* lattice, const float* worldVectors,
+                                     const std::string& path, std::string& error) {
+  if (lattice->coordType() != ZR_COORD_UNIFORM) {
+    error = "the reference is not on a uniform grid";
+    return false;
+  }
+  Geometry g;
+  for (int a = 0; a < 3; a++)
+    g.dims[a] = lattice->getDims()[a];
+  lattice->getBoundingBox(g.box);
+  lattice->getTransform(g.m);
+  return writeImage(g, worldVectors, path, error);
+}
+
+ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& error) {
+  itk::ImageIOBase::Pointer io =
+      itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::ReadMode);
+  if (!io) {
+    error = "cannot read '" + path + "' as an image";
+    return nullptr;
+  }
+  std::vector<float> data;
+  int dims[3] = {1, 1, 1};
+  double spacing[3] = {1, 1, 1}, origin[3] = {0, 0, 0},
+         dir[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+  try {
+    io->SetFileName(path);
+    io->ReadImageInformation();
+    unsigned nd = io->GetNumberOfDimensions();
+    if (nd < 2 || nd > 3 || io->GetNumberOfComponents() != 3) {
+      error = "'" + path + "' is not a 2-D or 3-D image of three-component vectors";
+      return nullptr;
+    }
+    for (unsigned a = 0; a < nd; a++) {
+      dims[a] = int(io->GetDimensions(a));
+      spacing[a] = io->GetSpacing(a);
+      origin[a] = io->GetOrigin(a);
+      std::vector<double> d = io->GetDirection(a);
+      for (unsigned r = 0; r < nd && r < d.size(); r++)
+        dir[r][a] = d[r];
+    }
+    size_t n = size_t(dims[0]) * dims[1] * dims[2];
+    // Read as stored, then convert to float.
+    std::vector<char> raw(n * 3 * io->GetComponentSize());
+    itk::ImageIORegion region(nd);
+    for (unsigned a = 0; a < nd; a++) {
+      region.SetIndex(a, 0);
+      region.SetSize(a, io->GetDimensions(a));
+    }
+    io->SetIORegion(region);
+    io->Read(raw.data());
+    data.resize(3 * n);
+    auto comp = io->GetComponentType();
+    for (size_t i = 0; i < 3 * n; i++) {
+      if (comp == itk::IOComponentEnum::FLOAT)
+        data[i] = reinterpret_cast<const float*>(raw.data())[i];
+      else if (comp == itk::IOComponentEnum::DOUBLE)
+        data[i] = float(reinterpret_cast<const double*>(raw.data())[i]);
+      else {
+        error = "'" + path + "' does not hold float vectors";
+        return nullptr;
+      }
+      if (!std::isfinite(data[i])) {
+        error = "'" + path + "' holds NaN or infinite vectors";
+        return nullptr;
+      }
+    }
+  } catch (const itk::ExceptionObject& e) {
+    error = "cannot read '" + path + "': " + e.GetDescription();
+    return nullptr;
+  }
+  // Local coordinates: world = D * local with the box at D^T * origin, as for
+  // scalar images, but without reordering the voxels (the lattice keeps the
+  // file's order, so a field written here comes back node for node).
+  bool rotated = false;
+  for (int r = 0; r < 3; r++)
+    for (int c = 0; c < 3; c++)
+      if (std::fabs(dir[r][c] - (r == c)) > 1e-6)
+        rotated = true;
+  ZrRegVectorField3* f = ZrRegVectorField3::create(dims, 3, 3, ZR_COORD_UNIFORM);
+  if (!f) {
+    error = "not enough memory for '" + path + "'";
+    return nullptr;
+  }
+  float box[6];
+  for (int a = 0; a < 3; a++) {
+    double lo = 0;
+    for (int r = 0; r < 3; r++)
+      lo += (rotated ? dir[r][a] : (r == a)) * origin[r];
+    box[2 * a] = float(lo);
+    box[2 * a + 1] = float(lo + spacing[a] * (dims[a] - 1));
+  }
+  static_cast<ZrUniformCoord3*>(f->lattice.coords())->setBoundingBox(box);
+  float* out = f->floatData();
+  size_t n = size_t(dims[0]) * dims[1] * dims[2];
+  for (size_t i = 0; i < n; i++)
+    for (int c = 0; c < 3; c++) {
+      // local vector = world vector * D (row form of D^T applied).
+      double s = 0;
+      for (int r = 0; r < 3; r++)
+        s += data[3 * i + r] * (rotated ? dir[r][c] : (r == c));
+      out[3 * i + c] = float(s);
+    }
+  if (rotated) {
+    SbMatrixd m;
+    for (int r = 0; r < 3; r++)
+      for (int c = 0; c < 3; c++)
+        m[c][r] = dir[r][c];
+    f->setTransform(m);
+  }
+  return f;
+}

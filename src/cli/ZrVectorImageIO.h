@@ -1,0 +1,25 @@
+#pragma once
+// Vector images: three float components per voxel, written as ITK vector
+// images (NIfTI, MetaImage, NRRD) whose vectors are in world coordinates, the
+// convention of displacement fields in ITK's and ANTs' tools.
+//
+// A uniform vector field is written with its box and transform as the image
+// geometry; its vectors, held in the field's local coordinates, are turned
+// into world coordinates by the linear part of the transform. Reading undoes
+// both, so a field written and read back is the same field.
+#include <string>
+
+class ZrRegVectorField3;
+class ZrRegScalarField3;
+
+class ZrVectorImageIO {
+public:
+  static bool write(const ZrRegVectorField3* field, const std::string& path, std::string& error);
+  // A uniform, three-component float field (owned by the caller), or null.
+  static ZrRegVectorField3* read(const std::string& path, std::string& error);
+  // Writes vectors given per node of a uniform scalar field's lattice (x
+  // fastest, three floats each, in world coordinates), with that field's
+  // geometry.
+  static bool writeOnLattice(const ZrRegScalarField3* lattice, const float* worldVectors,
+                             const std::string& path, std::string& error);
+};
