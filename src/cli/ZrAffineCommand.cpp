@@ -8,6 +8,7 @@
 #include "ZrPortButtonList.h"
 #include "ZrRegScalarField3.h"
 #include "ZrRunContext.h"
+#include "ZrSnapshot.h"
 #include "ZrTransformFiles.h"
 
 #include <cstdio>
@@ -25,7 +26,7 @@ struct Options {
   std::vector<std::pair<std::string, std::string>> sets;
   std::string align;
   bool doRegister = true;
-  std::string out, resampled, matrix, itkTransform;
+  std::string out, resampled, matrix, itkTransform, snapshot;
   bool quiet = false;
   int threads = 0;
 };
@@ -126,6 +127,8 @@ int ZrAffineCommand::run(int argc, char** argv) {
       ok = value(o.matrix);
     else if (a == "--itk-transform")
       ok = value(o.itkTransform);
+    else if (a == "--snapshot")
+      ok = value(o.snapshot);
     else if (a == "--quiet" || a == "-q")
       o.quiet = true;
     else if (a == "--threads") {
@@ -251,6 +254,16 @@ int ZrAffineCommand::run(int argc, char** argv) {
     SbMatrixd refToOldModel = after.inverse() * before;
     report(ZrTransformFiles::writeItkAffine(refToOldModel.transpose(), o.itkTransform, error),
            o.itkTransform);
+  }
+  if (!o.snapshot.empty()) {
+    std::unique_ptr<ZrRegScalarField3> afterOnRef(ZrFieldResampler::resample(model, refs[0]));
+    model->setTransform(before);
+    std::unique_ptr<ZrRegScalarField3> beforeOnRef(ZrFieldResampler::resample(model, refs[0]));
+    model->setTransform(after);
+    report(afterOnRef && beforeOnRef &&
+               ZrSnapshot::write(refs[0], beforeOnRef.get(), afterOnRef.get(), nullptr, o.snapshot,
+                                 error),
+           o.snapshot);
   }
   if (interrupted) {
     std::fprintf(stderr, "zrreg: interrupted; the result reached so far was written\n");

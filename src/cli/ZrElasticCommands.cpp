@@ -5,6 +5,7 @@
 #include "ZrCompModule.h"
 #include "ZrConnection.h"
 #include "ZrCurvilinearCoord3.h"
+#include "ZrFieldResampler.h"
 #include "ZrImageIO.h"
 #include "ZrLandmarkSet.h"
 #include "ZrObjectPool.h"
@@ -13,6 +14,7 @@
 #include "ZrRegScalarField3.h"
 #include "ZrRegVectorField3.h"
 #include "ZrRunContext.h"
+#include "ZrSnapshot.h"
 #include "ZrUniformLabelField3.h"
 #include "ZrUniformScalarField3.h"
 #include "ZrVectorImageIO.h"
@@ -222,6 +224,8 @@ void printElasticHelp() {
       "  --jacobian FILE          determinant of the deformation's Jacobian\n"
       "  --vector-field FILE      the module's vector field (model to reference), as a\n"
       "                           vector image on the reference grid; 'deform-points' reads it\n"
+      "  --snapshot FILE.png      mid-slices: reference, checkerboards before and after,\n"
+      "                           and the Jacobian determinant\n"
       "general: --threads N, --quiet\n");
 }
 
@@ -230,7 +234,8 @@ void printElasticHelp() {
 int ZrElasticCommands::runElastic(int argc, char** argv) {
   Args a = parse(argc, argv,
                  {"--reference", "--model", "--landmarks", "--control-points", "--output",
-                  "--control-grid", "--displacement", "--jacobian", "--vector-field", "--threads"},
+                  "--control-grid", "--displacement", "--jacobian", "--vector-field", "--threads",
+                  "--snapshot"},
                  {"--reference-labels", "--model-labels", "--quiet", "-q"});
   if (a.help) {
     printElasticHelp();
@@ -350,7 +355,7 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
           get("--control-grid"));
   }
   if (!get("--displacement").empty() || !get("--jacobian").empty() ||
-      !get("--vector-field").empty()) {
+      !get("--vector-field").empty() || !get("--snapshot").empty()) {
     ZrRegVectorField3* vf = nullptr;
     if (press(s, m, "result", "Vector field", error))
       vf = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
@@ -369,9 +374,14 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
         write(ZrVectorImageIO::writeOnLattice(ref, back.data(), get("--vector-field"), error),
               get("--vector-field"));
       }
-      if (!get("--jacobian").empty()) {
-        std::unique_ptr<ZrUniformScalarField3> j(jacobianOf(d, ref));
+      std::unique_ptr<ZrUniformScalarField3> j(jacobianOf(d, ref));
+      if (!get("--jacobian").empty())
         write(ZrImageIO::write(j.get(), get("--jacobian"), error), get("--jacobian"));
+      if (!get("--snapshot").empty()) {
+        std::unique_ptr<ZrRegScalarField3> beforeOnRef(ZrFieldResampler::resample(model, ref));
+        write(beforeOnRef && ZrSnapshot::write(ref, beforeOnRef.get(), warped, j.get(),
+                                               get("--snapshot"), error),
+              get("--snapshot"));
       }
     }
   }
