@@ -195,6 +195,7 @@ int ZrAffineCommand::run(int argc, char** argv) {
       }
     }
   s.fire(m, false, error);
+  ZrRunContext::keepSingleLevel(m, o.quiet);
   // Port settings after the defaults that the inputs bring, one update each
   // so that a setting can depend on the one before (a menu that grows).
   for (const auto& kv : o.sets) {

@@ -122,6 +122,7 @@ int ZrDemo::run(int argc, char** argv) {
   reg->portData.connect(model);
   s.setPort(reg, "reference", "reference", error);
   s.fire(reg, false, error);
+  ZrRunContext::keepSingleLevel(reg, quiet);
   if (!s.setPort(reg, "transform", "Rigid=on,Iso-=on", error)) {
     std::fprintf(stderr, "zrreg: %s\n", error.c_str());
     return 1;

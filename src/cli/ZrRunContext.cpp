@@ -1,6 +1,9 @@
 #include "ZrRunContext.h"
 
+#include "ZrCompModule.h"
 #include "ZrMessage.h"
+#include "ZrPortIntTextN.h"
+#include "ZrPortToggleList.h"
 #include "ZrSettingsMgr.h"
 #include "ZrTerminalProgress.h"
 #include "ZrWorkArea.h"
@@ -45,4 +48,20 @@ bool ZrRunContext::parseInt(const char* text, int& value) {
     return false;
   value = int(v);
   return true;
+}
+
+void ZrRunContext::keepSingleLevel(ZrCompModule* module, bool quiet) {
+  auto* coarsest = dynamic_cast<ZrPortIntTextN*>(module->getPort("coarsestResolution"));
+  auto* options = dynamic_cast<ZrPortToggleList*>(module->getPort("options"));
+  if (!coarsest || !options || !options->getValue(0))
+    return;
+  for (int a = 0; a < coarsest->getNumEntries(); a++)
+    if (coarsest->getValue(a) > 1)
+      return;
+  options->setValue(0, 0);
+  module->fire(0);
+  module->untouchPorts(true);
+  if (!quiet)
+    std::fprintf(stderr, "zrreg: the reference is small enough for a single resolution level; "
+                         "registering at full resolution (--set options=off,... to change)\n");
 }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+class ZrCompModule;
 class ZrTerminalProgress;
 
 class ZrRunContext {
@@ -19,6 +20,12 @@ public:
   ZrCliSession& session() { return sessionObj; }
   // True when Ctrl-C was pressed during the run.
   bool interrupted() const;
+
+  // A registration module whose pyramid has a single level and that is set to
+  // skip the finest level would not register at all: small images are then
+  // registered at full resolution, with a notice. Ports the user set are left
+  // alone (call before applying --set).
+  static void keepSingleLevel(ZrCompModule* module, bool quiet);
 
   // Parses "--threads N" style values; false on a bad number.
   static bool parseInt(const char* text, int& value);
