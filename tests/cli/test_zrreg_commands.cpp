@@ -1,0 +1,143 @@
+// The zrreg executable as a user drives it: exit statuses, messages, no
+// output files after a failure, and an affine run on a small phantom pair
+// whose transform is known.
+#include "SbMatrixd.h"
+#include "ZrTransformFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+std::string zrreg() {
+  const char* dir = std::getenv("ZR_PACKAGE_DIR");
+  return std::string(dir ? dir : ".") + "/zrreg";
+}
+
+struct Result {
+  int status = -1;
+  std::string output; // stdout and stderr together
+};
+
+Result run(const std::string& args) {
+  Result r;
+  std::string cmd = zrreg() + " " + args + " 2>&1";
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p)
+    return r;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+    r.output.append(buf, n);
+  int st = pclose(p);
+  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  return r;
+}
+
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+class ZrregCommands : public ::testing::Test {
+protected:
+  static void SetUpTestSuite() {
+    dir = "/tmp/zrreg-cmdtest-" + std::to_string(getpid());
+    Result r = run("phantom --size 40 --out " + dir);
+    ASSERT_EQ(r.status, 0) << r.output;
+  }
+  static void TearDownTestSuite() { std::system(("rm -rf " + dir).c_str()); }
+  static std::string dir;
+};
+std::string ZrregCommands::dir;
+
+} // namespace
+
+TEST_F(ZrregCommands, HelpAndUsageErrors) {
+  EXPECT_EQ(run("--help").status, 0);
+  for (const char* c : {"affine", "ports", "run", "demo", "phantom", "version", "formats"}) {
+    Result r = run(std::string(c) + " --help");
+    EXPECT_EQ(r.status, 0) << c;
+    EXPECT_NE(r.output.find("usage: zrreg"), std::string::npos) << c;
+  }
+  Result r = run("frobnicate");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.output.find("unknown command"), std::string::npos);
+  r = run("affine --model x.nii");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.output.find("--reference"), std::string::npos);
+}
+
+TEST_F(ZrregCommands, BadInputGivesAMessageAndNoOutput) {
+  std::string out = dir + "/never.nii.gz";
+  Result r = run("affine --reference " + dir + "/missing.nii.gz --model " + dir +
+                 "/model.nii.gz -o " + out);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.output.find("cannot open"), std::string::npos) << r.output;
+  EXPECT_FALSE(exists(out));
+
+  std::string junk = dir + "/junk.nii";
+  std::ofstream(junk) << "this is not an image";
+  r = run("affine --reference " + junk + " --model " + dir + "/model.nii.gz -o " + out);
+  EXPECT_EQ(r.status, 1) << r.output;
+  EXPECT_FALSE(exists(out));
+
+  r = run("affine --reference " + dir + "/reference.nii.gz --model " + dir +
+          "/model.nii.gz --set noSuchPort=1 -o " + out);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.output.find("noSuchPort"), std::string::npos) << r.output;
+  EXPECT_FALSE(exists(out));
+
+  r = run("affine --reference " + dir + "/reference.nii.gz --model " + dir + "/model.nii.gz -o " +
+          dir + "/out.unknownformat");
+  EXPECT_EQ(r.status, 2);
+}
+
+TEST_F(ZrregCommands, PortsListsTheModulesPorts) {
+  Result r = run("ports ZrAffineRegistration --reference " + dir + "/reference.nii.gz --model " +
+                 dir + "/model.nii.gz");
+  ASSERT_EQ(r.status, 0) << r.output;
+  for (const char* port : {"metric", "optimizer", "transform", "register", "action", "reference"})
+    EXPECT_NE(r.output.find(port), std::string::npos) << port;
+  EXPECT_NE(r.output.find("Normalized Mutual Information"), std::string::npos);
+}
+
+TEST_F(ZrregCommands, AffineFindsTheKnownTransform) {
+  std::string out = dir + "/aligned.nii.gz", mat = dir + "/change.txt", tfm = dir + "/t.tfm";
+  Result r = run("affine --quiet --reference " + dir + "/reference.nii.gz --model " + dir +
+                 "/model.nii.gz --set transform=Rigid=on,Iso-=on -o " + out + " --matrix " + mat +
+                 " --itk-transform " + tfm);
+  ASSERT_EQ(r.status, 0) << r.output;
+  EXPECT_TRUE(exists(out));
+  SbMatrixd known, found, itk;
+  std::string error;
+  ASSERT_TRUE(ZrTransformFiles::readMatrix(dir + "/known.txt", known, error)) << error;
+  ASSERT_TRUE(ZrTransformFiles::readMatrix(mat, found, error)) << error;
+  ASSERT_TRUE(ZrTransformFiles::readItkAffine(tfm, itk, error)) << error;
+  // Mean distance between where the known and the found transform put the
+  // points of the head, against a quarter of a voxel (220/39 mm).
+  double sum = 0;
+  int count = 0;
+  for (int x = -60; x <= 60; x += 10)
+    for (int y = -80; y <= 80; y += 10)
+      for (int z = -80; z <= 80; z += 10) {
+        if ((x / 69.0) * (x / 69.0) + (y / 92.0) * (y / 92.0) + (z / 90.0) * (z / 90.0) > 1)
+          continue;
+        double d2 = 0;
+        for (int row = 0; row < 3; row++) {
+          double k = known[row][0] * x + known[row][1] * y + known[row][2] * z + known[row][3];
+          double f = found[row][0] * x + found[row][1] * y + found[row][2] * z + found[row][3];
+          d2 += (k - f) * (k - f);
+        }
+        sum += std::sqrt(d2);
+        count++;
+      }
+  EXPECT_LT(sum / count, 0.25 * 220.0 / 39.0);
+  // The ITK transform goes the other way: reference point to model point.
+  SbMatrixd product = itk * found;
+  EXPECT_TRUE(product.equals(SbMatrixd::identity(), 1e-6));
+}
