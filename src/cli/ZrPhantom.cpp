@@ -57,6 +57,31 @@ double ZrPhantom::value(double x, double y, double z) {
   return std::max(0.0, v);
 }
 
+void ZrPhantom::warp(double amplitude, const double p[3], double u[3]) {
+  const double k = M_PI / 110.0;
+  u[0] = amplitude * std::sin(k * p[1] + 0.3) * std::cos(k * p[2]);
+  u[1] = amplitude * std::sin(k * p[2] - 0.2) * std::cos(k * p[0]);
+  u[2] = amplitude * std::sin(k * p[0] + 0.5) * std::cos(k * p[1]);
+}
+
+ZrUniformScalarField3* ZrPhantom::makeWarped(int n, double extent, double amplitude) {
+  int dims[3] = {n, n, n};
+  float h = float(extent / 2);
+  float box[6] = {-h, h, -h, h, -h, h};
+  uint8_t* data = static_cast<uint8_t*>(qbmalloc(size_t(n) * n * n));
+  double step = n > 1 ? extent / (n - 1) : 0;
+#pragma omp parallel for schedule(static)
+  for (int k = 0; k < n; k++)
+    for (int j = 0; j < n; j++)
+      for (int i = 0; i < n; i++) {
+        double p[3] = {-h + i * step, -h + j * step, -h + k * step}, u[3];
+        warp(amplitude, p, u);
+        double v = value(p[0] + u[0], p[1] + u[1], p[2] + u[2]);
+        data[(size_t(k) * n + j) * n + i] = uint8_t(std::lround(std::min(255.0, v * 255.0 / 1.1)));
+      }
+  return new ZrUniformScalarField3(dims, 0, box, data);
+}
+
 ZrUniformScalarField3* ZrPhantom::make(int n, double extent, const double (*m)[4]) {
   int dims[3] = {n, n, n};
   float h = float(extent / 2);

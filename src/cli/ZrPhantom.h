@@ -20,4 +20,9 @@ public:
   // the untransformed phantom has to find.
   static ZrUniformScalarField3* make(int n, double extent,
                                      const double (*modelToWorld)[4] = nullptr);
+  // The smooth deformation used for the elastic demonstration: a displacement
+  // of at most `amplitude` mm per axis, made of long sine waves.
+  static void warp(double amplitude, const double p[3], double u[3]);
+  // Like make(), but voxel position p shows the phantom at p + warp(p).
+  static ZrUniformScalarField3* makeWarped(int n, double extent, double amplitude);
 };
