@@ -1,0 +1,190 @@
+// The elastic functionals on a 181 x 217 x 181 byte pair with an 11^3 cubic
+// lattice (8 cells per axis, boxes of influence up to 4 cells wide): one
+// caching pass, one probe of an interior parameter, and one whole serial
+// gradient, for the regular and the general class, without and with both
+// regularisers; and the regular class's gradient run through 3 to 16
+// workers, made directly, for the scaling with the number of workers.
+//
+// A whole gradient takes tens of seconds; the gradient benchmarks run one
+// iteration each. Filter with --benchmark_filter to run a part.
+#include "QbBox3f.h"
+#include "QbPrimType.h"
+#include "RegElasticFunctional.h"
+#include "RegElasticFunctionalRegular.h"
+#include "RegNormMutualInformation.h"
+#include "RegVoxelCubicSplineTransform.h"
+#include "ZrLandmarkSet.h"
+#include "ZrMessage.h"
+#include "ZrUniformScalarField3.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <memory>
+
+namespace {
+
+const int kDims[3] = {181, 217, 181};
+const float kBox[6] = {0, 180, 0, 216, 0, 180};
+const int kLattice = 11;
+
+// A head-sized phantom: an ellipsoid of tissue-like grey values with inner
+// structure and texture, 0 outside.
+std::unique_ptr<ZrUniformScalarField3> makePhantom(double shift) {
+  auto f = std::make_unique<ZrUniformScalarField3>(kDims, QB_UINT8, kBox);
+  uint8_t* data = static_cast<uint8_t*>(f->lattice.dataPtr());
+  size_t idx = 0;
+  for (int k = 0; k < kDims[2]; k++)
+    for (int j = 0; j < kDims[1]; j++)
+      for (int i = 0; i < kDims[0]; i++, idx++) {
+        const double x = (i + shift - 90) / 75.0, y = (j - 108) / 95.0, z = (k - 90) / 80.0;
+        const double r = x * x + y * y + z * z;
+        double v = 0;
+        if (r < 1.0) {
+          v = r < 0.55 ? 110 + 40 * std::sin(9 * x) * std::cos(7 * y) : 200;
+          v += 15 * std::sin(0.9 * i) * std::sin(0.7 * j + 0.5 * k);
+        }
+        data[idx] = (uint8_t)std::max(0.0, std::min(255.0, v));
+      }
+  return f;
+}
+
+struct Data {
+  std::unique_ptr<ZrUniformScalarField3> reference = makePhantom(0.0), model = makePhantom(1.5);
+  QbDArray<ZrSpatialData*> refs, models;
+  Data() {
+    ZrMessage::getTheMsg()->setQuiet(true);
+    refs.append(reference.get());
+    models.append(model.get());
+  }
+};
+
+Data& data() {
+  static Data d;
+  return d;
+}
+
+// A lattice over the reference, each point moved a little off rest.
+struct Run {
+  std::unique_ptr<RegVoxelCubicSplineTransform> transform;
+  std::unique_ptr<RegElasticFunctional> functional;
+  Run(bool regular, bool regularized) {
+    Data& d = data();
+    transform = std::make_unique<RegVoxelCubicSplineTransform>(3, false);
+    transform->setModel(d.model.get());
+    transform->setControlGridSize(kLattice, kLattice, kLattice);
+    transform->updateInterpolatedSpaceBoundary(QbBox3f(kBox));
+    transform->getGridSpacing();
+    transform->createControlPoints(nullptr);
+    unsigned s = 4321;
+    for (int i = 0; i < transform->paramVector.size(); i++) {
+      s = s * 1103515245u + 12345u;
+      const double r = ((s >> 8) & 0xffff) / 65535.0 * 2.0 - 1.0;
+      transform->paramVector[i] += 0.1 * r * transform->gridSpacing[i % 3];
+    }
+    RegMetric* metric =
+        new RegNormMutualInformation(QB_UINT8, QB_UINT8, 0, 255, 0, 255, 64, 64, 1.0);
+    if (regular)
+      functional = std::make_unique<RegElasticFunctionalRegular>(
+          d.refs, d.models, RegInterpolatorStandard, transform.get(), metric, nullptr,
+          RegDataClassGrey, nullptr, false);
+    else
+      functional = std::make_unique<RegElasticFunctional>(d.refs, d.models, RegInterpolatorStandard,
+                                                          transform.get(), metric, nullptr,
+                                                          RegDataClassGrey, nullptr, false);
+    if (regularized) {
+      functional->energyWeight = 0.5f;
+      functional->jacobianWeight = 0.5f;
+    }
+    functional->init();
+  }
+  ~Run() {
+    functional.reset();
+    delete transform->controlPoints;
+  }
+  bool regularized() const { return functional->regularizerMode != 0; }
+  double cache() {
+    return regularized() ? functional->evaluateAndCacheWithRegularizer()
+                         : functional->evaluateAndCache();
+  }
+  // The x parameter of the central control point: a full 4 x 4 x 4 cell box.
+  int centralParam() const {
+    const int c = kLattice / 2;
+    return 3 * ((c * kLattice + c) * kLattice + c);
+  }
+  double probe(int i, float d) {
+    RegElasticFunctionalRegular* r = dynamic_cast<RegElasticFunctionalRegular*>(functional.get());
+    if (!regularized())
+      return functional->evaluateIncremental(i, d);
+    return r ? r->evaluateIncrementalWithRegularizer(i, d)
+             : functional->evaluateIncrementalWithRegularizer(i);
+  }
+};
+
+const int64_t kVoxels = (int64_t)kDims[0] * kDims[1] * kDims[2];
+
+void BM_CachingPass(benchmark::State& state) {
+  Run run(state.range(0) != 0, state.range(1) != 0);
+  for (auto _ : state)
+    benchmark::DoNotOptimize(run.cache());
+  state.SetItemsProcessed(state.iterations() * kVoxels);
+}
+
+void BM_Probe(benchmark::State& state) {
+  Run run(state.range(0) != 0, state.range(1) != 0);
+  run.cache();
+  const int i = run.centralParam();
+  const int* box = run.functional->influenceBoxes[i];
+  const int64_t boxVoxels =
+      (int64_t)(box[1] - box[0] + 1) * (box[3] - box[2] + 1) * (box[5] - box[4] + 1);
+  QbDVector<double>& p = run.transform->paramVector;
+  const double saved = p[i];
+  p[i] += 0.5f;
+  for (auto _ : state)
+    benchmark::DoNotOptimize(run.probe(i, 0.5f));
+  p[i] = saved;
+  state.SetItemsProcessed(state.iterations() * boxVoxels);
+  state.counters["boxVoxels"] = (double)boxVoxels;
+}
+
+void BM_Gradient(benchmark::State& state) {
+  Run run(state.range(0) != 0, state.range(1) != 0);
+  QbDVector<double> g(run.transform->paramVector.size());
+  for (auto _ : state)
+    benchmark::DoNotOptimize(run.functional->evaluate(g, 0.5, 1));
+  state.counters["params"] = (double)g.size();
+}
+
+// The regular class's gradient through `workers` workers (3 and more; fewer
+// run the serial loop).
+void BM_GradientWorkers(benchmark::State& state) {
+  Run run(true, state.range(1) != 0);
+  run.functional->numThreads = (short)state.range(0);
+  run.functional->createThreads();
+  QbDVector<double> g(run.transform->paramVector.size());
+  for (auto _ : state)
+    benchmark::DoNotOptimize(run.functional->evaluate(g, 0.5, 1));
+  state.counters["workers"] = (double)state.range(0);
+}
+
+} // namespace
+
+// Arguments: (regular class, regularised).
+BENCHMARK(BM_CachingPass)
+    ->ArgsProduct({{1, 0}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(1.0);
+BENCHMARK(BM_Probe)->ArgsProduct({{1, 0}, {0, 1}})->Unit(benchmark::kMillisecond)->MinTime(1.0);
+BENCHMARK(BM_Gradient)
+    ->ArgsProduct({{1, 0}, {0, 1}})
+    ->Unit(benchmark::kSecond)
+    ->Iterations(1)
+    ->UseRealTime();
+// Arguments: (workers, regularised).
+BENCHMARK(BM_GradientWorkers)
+    ->ArgsProduct({{3, 4, 8, 16}, {0, 1}})
+    ->Unit(benchmark::kSecond)
+    ->Iterations(1)
+    ->UseRealTime();

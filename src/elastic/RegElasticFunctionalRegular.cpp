@@ -1,0 +1,227 @@
+#include "RegElasticFunctionalRegular.h"
+
+#include "RegElasticFunctionalRegularThread.h"
+#include "RegMetric.h"
+#include "ZrRegScalarField3.h"
+#include "ZrWorkArea.h"
+#include "reg_evaluateRegular.h"
+
+#include <cmath>
+#include <cstdlib>
+
+RegElasticFunctionalRegular::RegElasticFunctionalRegular(
+    QbDArray<ZrSpatialData*>& references, QbDArray<ZrSpatialData*>& models,
+    RegInterpolator interpolator, RegParametricTransform* transform, RegMetric* metric,
+    RegOptimizerCallback* callback, RegDataClass dataClass, ZrLandmarkSet* landmarks,
+    bool fixLowEntropy)
+    : RegElasticFunctional(references, models, interpolator, transform, metric, callback, dataClass,
+                           landmarks, fixLowEntropy) {}
+
+RegElasticFunctionalRegular::~RegElasticFunctionalRegular() {
+  for (int i = 0; i < regularThreads.size(); i++)
+    delete regularThreads[i];
+  regularThreads.clearAndFree();
+}
+
+void RegElasticFunctionalRegular::setSamplingState(RegMetric* m) const {
+  if (!m)
+    return;
+  m->box = modelBox;
+  m->dims = modelDims;
+  m->scale[0] = scaleX;
+  m->scale[1] = scaleY;
+  m->scale[2] = scaleZ;
+  for (int a = 0; a < 3; a++)
+    m->boxSize[a] = modelBox[2 * a + 1] - modelBox[2 * a];
+  m->inside = 1;
+}
+
+void RegElasticFunctionalRegular::resetEval() {
+  ZrRegScalarField3* model = static_cast<ZrRegScalarField3*>(models[0]);
+  for (int a = 0; a < 3; a++)
+    modelDims[a] = model->getDims()[a];
+  model->getBoundingBox(modelBox);
+  float scale[3], extent[3];
+  for (int a = 0; a < 3; a++) {
+    extent[a] = modelBox[2 * a + 1] - modelBox[2 * a];
+    scale[a] = extent[a] == 0.0f ? 0.0f : (float)(modelDims[a] - 1) / extent[a];
+  }
+  scaleX = scale[0];
+  scaleY = scale[1];
+  scaleZ = scale[2];
+  // Bit 0 looks at the low eight bits of the truncated x extent only, so an
+  // x extent below 1 or a multiple of 256 leaves it clear. Nothing reads the
+  // flags; they are kept as they are computed.
+  const int b0 = (((int)extent[0]) & 0xff) > 0 ? 1 : 0;
+  const int b1 = extent[1] > 0 ? 1 : 0;
+  const int b2 = extent[2] > 0 ? 1 : 0;
+  boxFlags = (unsigned char)(b0 + 2 * b1 + 4 * b2);
+  setSamplingState(metric);
+  setSamplingState(metricWork);
+}
+
+// Runs `call` with the C++ type of the voxel type of reference and model;
+// any other type ends the process.
+#define REG_REGULAR_DISPATCH(call)                                                                 \
+  do {                                                                                             \
+    if (!qbDispatchVoxelType(primType, [&](auto tag) {                                             \
+          typedef decltype(tag) T;                                                                 \
+          T* ref = (T*)referenceVoxels;                                                            \
+          T* model = (T*)modelVoxels;                                                              \
+          result = call;                                                                           \
+        }))                                                                                        \
+      abort();                                                                                     \
+  } while (0)
+
+double RegElasticFunctionalRegular::evaluate() {
+  metric->reset();
+  if (regularizerMode >= 1 && regularizerMode <= 3)
+    return evaluateWithRegularizer();
+  double result = 0.0;
+  REG_REGULAR_DISPATCH(reg_evaluateRegular<T>(ref, model, modelBox, boxFlags, dims, metric,
+                                              modelDims, splineTransform, scaleX, scaleY, scaleZ,
+                                              this, grid, gridPartialY, gridPartialZ, is2D));
+  return result;
+}
+
+double RegElasticFunctionalRegular::evaluateAndCache() {
+  metric->reset();
+  double result = 0.0;
+  REG_REGULAR_DISPATCH(reg_evaluateAndCacheRegular<T>(
+      ref, model, modelBox, boxFlags, dims, modelDims, cachedSamples, metric, splineTransform,
+      scaleX, scaleY, scaleZ, this, grid, gridPartialY, gridPartialZ, is2D));
+  return result;
+}
+
+double RegElasticFunctionalRegular::evaluateIncremental(int index, float delta) {
+  reg_restoreCachedState(metric, metricWork);
+  double result = 0.0;
+  REG_REGULAR_DISPATCH(reg_evaluateIncrementalRegular<T>(
+      ref, model, modelBox, boxFlags, dims, modelDims, index, influenceBoxes, cachedSamples,
+      metricWork, splineTransform, scaleX, scaleY, scaleZ, this, grid, incGrid, incPlane0, incLine0,
+      delta));
+  return result;
+}
+
+double RegElasticFunctionalRegular::evaluateWithRegularizer() {
+  metric->reset();
+  double result = 0.0;
+  REG_REGULAR_DISPATCH(reg_evaluateRegular_WithRegularizer<T>(
+      ref, model, modelBox, dims, metric, modelDims, splineTransform, scaleX, scaleY, scaleZ, this,
+      grid, gridPartialY, derivPartialY, derivPartialZ, dXX, dYY, dZZ, dXY, dXZ, dYZ, dX, dY, dZ,
+      energyWeight, jacobianWeight, is2D));
+  return result;
+}
+
+double RegElasticFunctionalRegular::evaluateAndCacheWithRegularizer() {
+  metric->reset();
+  double result = 0.0;
+  REG_REGULAR_DISPATCH(reg_evaluateAndCacheRegular_WithRegularizer<T>(
+      ref, model, modelBox, dims, modelDims, cachedSamples, metric, cachedEnergy, cachedJacobian,
+      splineTransform, scaleX, scaleY, scaleZ, this, grid, gridPartialY, derivPartialY,
+      derivPartialZ, dXX, dYY, dZZ, dXY, dXZ, dYZ, dX, dY, dZ, regularNumVoxels, energySum,
+      energyWeight, jacobianSum, jacobianWeight, is2D));
+  return result;
+}
+
+double RegElasticFunctionalRegular::evaluateIncrementalWithRegularizer(int index, float delta) {
+  reg_restoreCachedState(metric, metricWork);
+  savedRegularNumVoxels = regularNumVoxels;
+  savedEnergySum = energySum;
+  savedJacobianSum = jacobianSum;
+  double result = 0.0;
+  REG_REGULAR_DISPATCH(reg_evaluateIncrementalRegular_WithRegularizer<T>(
+      ref, model, modelBox, dims, modelDims, index, influenceBoxes, cachedSamples, metricWork,
+      cachedEnergy, cachedJacobian, splineTransform, scaleX, scaleY, scaleZ, this, grid, incGrid,
+      dXX, dYY, dZZ, dXY, dXZ, dYZ, dX, dY, dZ, incDx, incDy, incDxx, incDyy, incDxy,
+      savedRegularNumVoxels, savedEnergySum, energyWeight, savedJacobianSum, jacobianWeight,
+      incPlane0, incPlane1, incPlane2, incPlane3, incPlane4, incPlane5, incLine0, incLine1,
+      incLine2, delta, is2D));
+  return result;
+}
+
+double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double step,
+                                             int keepAll) {
+  const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
+  double base = regularized ? evaluateAndCacheWithRegularizer() : evaluateAndCache();
+  if (base == REG_INVALID_VALUE)
+    return REG_INVALID_VALUE;
+  if (fixLowEntropy && fixPending)
+    updateFixedControlPoints();
+  const int n = transform->getParamVectorDim();
+  if (gradient.size() < n)
+    gradient.resize(n);
+  if (numThreads > 2) {
+    runRegularThreads(gradient, step, keepAll, base);
+    return base;
+  }
+  QbDVector<double>& params = transform->paramVector;
+  // The entry of largest magnitude seen so far, with its sign (keepAll 0
+  // only): it replaces the entries whose probes folded the grid, so that
+  // such a parameter is pushed hard rather than ignored.
+  double largest = 0.0;
+  for (int i = 0; i < n; i++) {
+    const float s = paramSteps[i];
+    if (!(s > 0) && !std::isnan(s)) {
+      gradient[i] = 0.0;
+      continue;
+    }
+    const float saved = (float)params[i];
+    const float d = (float)((double)s * step);
+    params[i] += (double)d;
+    const double upper =
+        regularized ? evaluateIncrementalWithRegularizer(i, d) : evaluateIncremental(i, d);
+    params[i] = (double)(saved - d);
+    const double lower =
+        regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateIncremental(i, -d);
+    params[i] = (double)saved;
+    if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE) {
+      gradient[i] = REG_INVALID_VALUE;
+      continue;
+    }
+    if (keepAll != 0 || upper > base || lower > base)
+      gradient[i] = (upper - lower) / d;
+    else
+      gradient[i] = 0.0;
+    // A negative `largest` gives way to the next entry, since no magnitude
+    // lies below it.
+    if (keepAll == 0 && !(std::fabs(gradient[i]) <= largest))
+      largest = gradient[i];
+    if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
+      return REG_INVALID_VALUE;
+  }
+  for (int i = 0; i < n; i++)
+    if (gradient[i] == REG_INVALID_VALUE)
+      gradient[i] = largest;
+  // No landmark term is added again here: `base` has it once.
+  return base;
+}
+
+void RegElasticFunctionalRegular::createThreads() {
+  for (int i = 0; i < regularThreads.size(); i++)
+    delete regularThreads[i];
+  regularThreads.resize(numThreads);
+  for (int i = 0; i < numThreads; i++)
+    regularThreads[i] = new RegElasticFunctionalRegularThread(
+        this, i, paramSteps, primType, referenceVoxels, modelVoxels, modelBox, boxFlags, dims,
+        modelDims, influenceBoxes, splineTransform, scaleX, scaleY, scaleZ, landmarksReference,
+        numLandmarks, landmarkWeight);
+}
+
+void RegElasticFunctionalRegular::runRegularThreads(QbDVector<double>& gradient, double& step,
+                                                    int& keepAll, double& base) {
+  for (int i = 0; i < regularThreads.size(); i++) {
+    QbDVector<double> params(transform->paramVector);
+    regularThreads[i]->init(params, gradient.data(), step, keepAll, base, (long)regularNumVoxels,
+                            cachedSamples, cachedEnergy, cachedJacobian, maxInfluence, grid,
+                            energySum, jacobianSum, energyWeight, jacobianWeight, dX, dY, dXX, dYY,
+                            dXY);
+    regularThreads[i]->start();
+  }
+  for (int i = 0; i < regularThreads.size(); i++)
+    regularThreads[i]->wait();
+}
+
+void RegElasticFunctionalRegular::updateFixedControlPoints() {
+  RegElasticFunctional::updateFixedControlPoints();
+}

@@ -1,0 +1,242 @@
+#include "RegElasticFunctionalRegularThread.h"
+
+#include "RegElasticFunctionalRegular.h"
+#include "RegMetric.h"
+#include "RegVoxelCubicSplineTransform.h"
+#include "ZrMessage.h"
+#include "qbmalloc.h"
+#include "reg_evaluate_thread.h"
+
+#include <cmath>
+#include <cstdlib>
+
+RegElasticFunctionalRegularThread::RegElasticFunctionalRegularThread(
+    RegElasticFunctionalRegular* functional, int threadIndex, float* paramSteps,
+    QbPrimType primType, void* referenceVoxels, void* modelVoxels, float* modelBox,
+    unsigned char boxFlags, int* dims, int* modelDims, int (*influenceBoxes)[6],
+    RegSplineTransform* transform, float scaleX, float scaleY, float scaleZ,
+    QbDArray<QbVec3f>* landmarks, int numLandmarks, float landmarkWeight)
+    : functional(functional), threadIndex((short)threadIndex), landmarksModel(landmarks),
+      numLandmarks(numLandmarks), landmarkWeight(landmarkWeight), primType(primType),
+      paramSteps(paramSteps), dims(dims), is2D(dims[2] == 1), referenceVoxels(referenceVoxels),
+      modelVoxels(modelVoxels), influenceBoxes(influenceBoxes), transform(transform),
+      modelBox(modelBox), modelDims(modelDims), boxFlags(boxFlags), scaleX(scaleX), scaleY(scaleY),
+      scaleZ(scaleZ) {}
+
+RegElasticFunctionalRegularThread::~RegElasticFunctionalRegularThread() {
+  try {
+    wait();
+  } catch (...) {
+  }
+  delete metric;
+  freeBuffers();
+}
+
+void RegElasticFunctionalRegularThread::freeBuffers() {
+  for (QbVec3d*& l : lineBuffers) {
+    qbfree(l);
+    l = nullptr;
+  }
+  if (ownsGrid)
+    qbfree(grid);
+  grid = nullptr;
+  ownsGrid = false;
+  QbVec3d** own[6] = {&incDx, &incDy, &incDxx, &incDyy, &incDxy, &dZ};
+  for (QbVec3d** p : own) {
+    qbfree(*p);
+    *p = nullptr;
+  }
+  for (float*& p : incPlanes) {
+    qbfree(p);
+    p = nullptr;
+  }
+  for (float*& p : incLines) {
+    qbfree(p);
+    p = nullptr;
+  }
+  qbfree(incGrid);
+  incGrid = nullptr;
+  qbfree(incPlane);
+  incPlane = nullptr;
+  qbfree(incLine);
+  incLine = nullptr;
+}
+
+void RegElasticFunctionalRegularThread::init(
+    QbDVector<double> params, double* gradient, double& step, int& keepAll, double& base,
+    long numVoxels, float* cachedSamples, float* cachedEnergy, float* cachedJacobian,
+    int* maxInfluence, QbVec3f* grid, double energySum, double jacobianSum, float energyWeight,
+    float jacobianWeight, QbVec3d* dX, QbVec3d* dY, QbVec3d* dXX, QbVec3d* dYY, QbVec3d* dXY) {
+  // The clone of the previous gradient is released before it is replaced. A
+  // clone carries no sampling state, so it is set here.
+  delete metric;
+  metric = nullptr;
+  metric = functional->metric->clone();
+  metric->box = modelBox;
+  metric->dims = modelDims;
+  metric->scale[0] = scaleX;
+  metric->scale[1] = scaleY;
+  metric->scale[2] = scaleZ;
+  for (int a = 0; a < 3; a++)
+    metric->boxSize[a] = modelBox[2 * a + 1] - modelBox[2 * a];
+  metric->inside = 1;
+
+  this->params = params;
+  this->gradient = gradient;
+  this->step = (float)step;
+  this->keepAll = keepAll;
+  this->base = base;
+  this->numVoxels = numVoxels;
+  this->cachedSamples = cachedSamples;
+  this->cachedEnergy = cachedEnergy;
+  this->cachedJacobian = cachedJacobian;
+  this->maxInfluence = maxInfluence;
+  this->energySum = energySum;
+  this->jacobianSum = jacobianSum;
+  this->energyWeight = energyWeight;
+  this->jacobianWeight = jacobianWeight;
+  this->dX = dX;
+  this->dY = dY;
+  this->dXX = dXX;
+  this->dYY = dYY;
+  this->dXY = dXY;
+  regularizerMode = 0;
+  if (energyWeight > 0)
+    regularizerMode = 1;
+  if (jacobianWeight > 0)
+    regularizerMode = energyWeight > 0 ? 3 : 2;
+
+  freeBuffers();
+  // A failed allocation is reported and the worker runs on.
+  try {
+    const size_t nx = (size_t)dims[0];
+    const size_t M = (size_t)maxInfluence[0] * maxInfluence[1] * maxInfluence[2];
+    const size_t planeBytes = 3 * sizeof(float) * maxInfluence[0] * maxInfluence[1];
+    const size_t lineBytes = 3 * sizeof(float) * maxInfluence[0];
+    const bool regularized = energyWeight > 0 || jacobianWeight > 0;
+    if (regularized && !is2D) {
+      for (QbVec3d*& l : lineBuffers)
+        l = (QbVec3d*)qbmalloc(nx * sizeof(QbVec3d));
+      this->grid = (QbVec3f*)qbmalloc(nx * sizeof(QbVec3f));
+      ownsGrid = true;
+    } else {
+      this->grid = grid;
+      incGrid = (QbVec3f*)qbmalloc(M * sizeof(QbVec3f));
+      for (size_t k = 0; k < M; k++)
+        incGrid[k].z = 0.0f;
+      incPlane = (float*)qbmalloc(planeBytes);
+      incLine = (float*)qbmalloc(lineBytes);
+      if (regularized) {
+        QbVec3d** own[5] = {&incDx, &incDy, &incDxx, &incDyy, &incDxy};
+        for (QbVec3d** p : own) {
+          *p = (QbVec3d*)qbmalloc(M * sizeof(QbVec3d));
+          for (size_t k = 0; k < M; k++)
+            (*p)[k].z = 0.0;
+        }
+        dZ = (QbVec3d*)qbmalloc(M * sizeof(QbVec3d));
+        for (size_t k = 0; k < M; k++)
+          dZ[k] = QbVec3d(1.0, 1.0, 1.0);
+        for (float*& p : incPlanes)
+          p = (float*)qbmalloc(planeBytes);
+        for (float*& p : incLines)
+          p = (float*)qbmalloc(lineBytes);
+      }
+    }
+  } catch (QbMemoryException& e) {
+    ZrMessage::getTheMsg()->printf("Error: Allocation of %d bytes failed!", (int)e.getNumBytes());
+  }
+}
+
+#define REG_REGULAR_THREAD_DISPATCH(call)                                                          \
+  do {                                                                                             \
+    if (!qbDispatchVoxelType(primType, [&](auto tag) {                                             \
+          typedef decltype(tag) T;                                                                 \
+          T* ref = (T*)referenceVoxels;                                                            \
+          T* model = (T*)modelVoxels;                                                              \
+          result = call;                                                                           \
+        }))                                                                                        \
+      abort();                                                                                     \
+  } while (0)
+
+double RegElasticFunctionalRegularThread::evaluateIncremental(int index, float delta) {
+  reg_restoreCachedState(functional->metric, metric);
+  double result = 0.0;
+  REG_REGULAR_THREAD_DISPATCH(reg_evaluateIncrementalRegular_thread<T>(
+      ref, params, model, modelBox, boxFlags, dims, modelDims, index, influenceBoxes, cachedSamples,
+      metric, transform, scaleX, scaleY, scaleZ, this, grid, incGrid, incPlane, incLine, delta));
+  return result;
+}
+
+double RegElasticFunctionalRegularThread::evaluateIncrementalWithRegularizer(int index,
+                                                                             float delta) {
+  reg_restoreCachedState(functional->metric, metric);
+  RegElasticLines images, inc;
+  if (is2D) {
+    images = RegElasticLines{dXX, dYY, nullptr, dXY, nullptr, nullptr, dX, dY, dZ};
+    inc = RegElasticLines{incDxx, incDyy, nullptr, incDxy, nullptr, nullptr, incDx, incDy, nullptr};
+  } else {
+    images = RegElasticLines{lineBuffers[0], lineBuffers[1], lineBuffers[2],
+                             lineBuffers[3], lineBuffers[4], lineBuffers[5],
+                             lineBuffers[6], lineBuffers[7], lineBuffers[8]};
+    inc = images;
+  }
+  float* const bufs[9] = {incPlane,     incPlanes[0], incPlanes[1], incPlanes[2], incPlanes[3],
+                          incPlanes[4], incLine,      incLines[0],  incLines[1]};
+  double result = 0.0;
+  REG_REGULAR_THREAD_DISPATCH(reg_evaluateIncrementalRegular_threadWithRegularizer<T>(
+      ref, params, model, modelBox, dims, modelDims, index, influenceBoxes, cachedSamples, metric,
+      cachedEnergy, cachedJacobian, transform, scaleX, scaleY, scaleZ, this, grid, incGrid, images,
+      inc, numVoxels, energySum, energyWeight, jacobianSum, jacobianWeight, bufs, delta, is2D));
+  return result;
+}
+
+double RegElasticFunctionalRegularThread::getWeightedResult(double result) const {
+  if (numLandmarks != 0 && landmarkWeight > 0)
+    return result + (double)landmarkWeight * evaluateLandmarks();
+  return result;
+}
+
+double RegElasticFunctionalRegularThread::evaluateLandmarks() const {
+  RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(transform);
+  double s = 0.0;
+  for (int i = 0; i < numLandmarks; i++) {
+    int l = i;
+    QbVec3f p;
+    cubic->getTransformedGridLandmark(&l, p, params);
+    const QbVec3f& m = (*landmarksModel)[i];
+    const float dx = m.x - p.x, dy = m.y - p.y, dz = m.z - p.z;
+    s -= dx * dx + dy * dy + dz * dz;
+  }
+  return s / numLandmarks;
+}
+
+void RegElasticFunctionalRegularThread::run() {
+  const int n = transform->getParamVectorDim();
+  if (n <= threadIndex)
+    return;
+  const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
+  for (int i = threadIndex; i < n; i += functional->numThreads) {
+    const float s = paramSteps[i];
+    if (!(s > 0) && !std::isnan(s)) {
+      gradient[i] = 0.0;
+      continue;
+    }
+    const float saved = (float)params[i];
+    const float d = s * step;
+    params[i] += (double)d;
+    const double upper =
+        regularized ? evaluateIncrementalWithRegularizer(i, d) : evaluateIncremental(i, d);
+    params[i] = (double)(saved - d);
+    const double lower =
+        regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateIncremental(i, -d);
+    params[i] = (double)saved;
+    // Folded probes give 0 here; the replacement by the largest entry belongs
+    // to the serial loop.
+    if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE)
+      gradient[i] = 0.0;
+    else if (keepAll == 0 && !(upper > base) && !(lower > base))
+      gradient[i] = 0.0;
+    else
+      gradient[i] = (upper - lower) / d;
+  }
+}

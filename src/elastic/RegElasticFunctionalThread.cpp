@@ -1,0 +1,179 @@
+#include "RegElasticFunctionalThread.h"
+
+#include "RegElasticFunctional.h"
+#include "RegMetric.h"
+#include "RegVoxelCubicSplineTransform.h"
+#include "ZrMessage.h"
+#include "qbmalloc.h"
+#include "reg_evaluate_thread.h"
+
+#include <cmath>
+#include <cstdlib>
+
+RegElasticFunctionalThread::RegElasticFunctionalThread(
+    RegElasticFunctional* functional, int threadIndex, float* paramSteps,
+    ZrFieldEvaluator* evaluator, ZrLocation3* location, QbPrimType primType, void* voxels,
+    int* dims, QbDArray<QbVec3f>* landmarksModel, int numLandmarks, float landmarkWeight)
+    : functional(functional), threadIndex((short)threadIndex), landmarksModel(landmarksModel),
+      numLandmarks(numLandmarks), landmarkWeight(landmarkWeight), voxels(voxels),
+      primType(primType), paramSteps(paramSteps), evaluator(evaluator), location(location),
+      dims(dims) {}
+
+RegElasticFunctionalThread::~RegElasticFunctionalThread() {
+  try {
+    wait();
+  } catch (...) {
+  }
+  delete metric;
+  freeBuffers();
+}
+
+void RegElasticFunctionalThread::freeBuffers() {
+  for (QbVec3d*& l : lineBuffers) {
+    qbfree(l);
+    l = nullptr;
+  }
+  if (ownsGrid)
+    qbfree(grid);
+  grid = nullptr;
+  ownsGrid = false;
+  qbfree(incGrid);
+  incGrid = nullptr;
+  qbfree(incPlane);
+  incPlane = nullptr;
+  qbfree(incLine);
+  incLine = nullptr;
+}
+
+void RegElasticFunctionalThread::init(QbDVector<double> params, double* gradient, double step,
+                                      int keepAll, double base, long numVoxels, float* cachedEnergy,
+                                      float* cachedJacobian, int* maxInfluence, QbVec3f* grid,
+                                      double energySum, double jacobianSum, float energyWeight,
+                                      float jacobianWeight) {
+  // The clone of the previous gradient is released before it is replaced.
+  delete metric;
+  metric = nullptr;
+  metric = functional->metric->clone();
+  this->params = params;
+  this->gradient = gradient;
+  this->step = (float)step;
+  this->keepAll = keepAll;
+  this->base = base;
+  this->numVoxels = numVoxels;
+  this->cachedEnergy = cachedEnergy;
+  this->cachedJacobian = cachedJacobian;
+  this->maxInfluence = maxInfluence;
+  this->energySum = energySum;
+  this->jacobianSum = jacobianSum;
+  this->energyWeight = energyWeight;
+  this->jacobianWeight = jacobianWeight;
+  regularizerMode = 0;
+  if (energyWeight > 0)
+    regularizerMode = 1;
+  if (jacobianWeight > 0)
+    regularizerMode = energyWeight > 0 ? 3 : 2;
+
+  freeBuffers();
+  // A failed allocation is reported and the worker runs on: its probes then
+  // find null buffers, which is not tested for.
+  try {
+    const size_t nx = (size_t)dims[0];
+    const size_t M = (size_t)maxInfluence[0] * maxInfluence[1] * maxInfluence[2];
+    if (energyWeight > 0 || jacobianWeight > 0) {
+      for (QbVec3d*& l : lineBuffers)
+        l = (QbVec3d*)qbmalloc(nx * sizeof(QbVec3d));
+      this->grid = (QbVec3f*)qbmalloc(nx * sizeof(QbVec3f));
+      ownsGrid = true;
+    } else {
+      this->grid = grid;
+      incGrid = (QbVec3f*)qbmalloc(M * sizeof(QbVec3f));
+      for (size_t k = 0; k < M; k++)
+        incGrid[k].z = 0.0f;
+      incPlane = (float*)qbmalloc(3 * sizeof(float) * maxInfluence[0] * maxInfluence[1]);
+      incLine = (float*)qbmalloc(3 * sizeof(float) * maxInfluence[0]);
+    }
+  } catch (QbMemoryException& e) {
+    ZrMessage::getTheMsg()->printf("Error: Allocation of %d bytes failed!", (int)e.getNumBytes());
+  }
+}
+
+#define REG_THREAD_DISPATCH(call)                                                                  \
+  do {                                                                                             \
+    if (!qbDispatchVoxelType(primType, [&](auto tag) {                                             \
+          typedef decltype(tag) T;                                                                 \
+          T* ref = (T*)voxels;                                                                     \
+          result = call;                                                                           \
+        }))                                                                                        \
+      abort();                                                                                     \
+  } while (0)
+
+double RegElasticFunctionalThread::evaluateIncremental(int index, float delta) {
+  // The functional's metric holds the cached statistics and is only read.
+  reg_restoreCachedState(functional->metric, metric);
+  double result = 0.0;
+  REG_THREAD_DISPATCH(reg_evaluateIncremental_thread<T>(
+      ref, params, dims, index, functional->influenceBoxes, functional->cachedSamples, metric,
+      functional->splineTransform, location, evaluator, this, grid, incGrid, incPlane, incLine,
+      delta));
+  return result;
+}
+
+double RegElasticFunctionalThread::evaluateIncrementalWithRegularizer(int index) {
+  reg_restoreCachedState(functional->metric, metric);
+  double result = 0.0;
+  REG_THREAD_DISPATCH(reg_evaluateIncremental_threadWithRegularizer<T>(
+      ref, params, dims, index, functional->influenceBoxes, functional->cachedSamples, cachedEnergy,
+      cachedJacobian, metric, functional->splineTransform, location, evaluator, this, grid,
+      lineBuffers, numVoxels, energySum, energyWeight, jacobianSum, jacobianWeight));
+  return result;
+}
+
+double RegElasticFunctionalThread::getWeightedResult(double result) const {
+  if (numLandmarks != 0 && landmarkWeight > 0)
+    return result + (double)landmarkWeight * evaluateLandmarks();
+  return result;
+}
+
+double RegElasticFunctionalThread::evaluateLandmarks() const {
+  RegVoxelCubicSplineTransform* cubic =
+      static_cast<RegVoxelCubicSplineTransform*>(functional->splineTransform);
+  double s = 0.0;
+  for (int i = 0; i < numLandmarks; i++) {
+    int l = i;
+    QbVec3f p;
+    cubic->getTransformedGridLandmark(&l, p, params);
+    const QbVec3f& m = (*landmarksModel)[i];
+    const float dx = m.x - p.x, dy = m.y - p.y, dz = m.z - p.z;
+    s -= dx * dx + dy * dy + dz * dz;
+  }
+  return s / numLandmarks;
+}
+
+void RegElasticFunctionalThread::run() {
+  const int n = functional->transform->getParamVectorDim();
+  if (n <= threadIndex)
+    return;
+  const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
+  for (int i = threadIndex; i < n; i += functional->numThreads) {
+    const float s = paramSteps[i];
+    if (!(s > 0) && !std::isnan(s)) {
+      gradient[i] = 0.0;
+      continue;
+    }
+    const float saved = (float)params[i];
+    const float d = s * step;
+    params[i] += (double)d;
+    const double upper =
+        regularized ? evaluateIncrementalWithRegularizer(i) : evaluateIncremental(i, d);
+    params[i] = (double)(saved - d);
+    const double lower =
+        regularized ? evaluateIncrementalWithRegularizer(i) : evaluateIncremental(i, -d);
+    params[i] = (double)saved;
+    if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE)
+      gradient[i] = 0.0;
+    else if (keepAll == 0 && !(upper > base) && !(lower > base))
+      gradient[i] = 0.0;
+    else
+      gradient[i] = (upper - lower) / d;
+  }
+}

@@ -1,0 +1,275 @@
+#pragma once
+// Inner loops shared by the elastic template families: the two ways of
+// sampling the model (field evaluator, or raw voxels through the metric's
+// sampler), the per-voxel penalty terms, and the walks of a full pass and of
+// one box. The named families (reg_evaluate, reg_evaluateRegular, their
+// regularised and _thread forms) are thin instantiations of these walks, so
+// that the serial functionals and the workers run literally the same loop.
+//
+// Nothing here allocates, and the voxel type and the sampler are template
+// parameters: the per-voxel work is one sampler call (one virtual increment of
+// the metric) and, with a regulariser, a few products.
+#include "QbDVector.h"
+#include "QbVec3d.h"
+#include "QbVec3f.h"
+#include "RegCorrelationRatio.h"
+#include "RegLabelDifference.h"
+#include "RegMetric.h"
+#include "RegVoxelCubicSplineTransform.h"
+#include "ZrFieldEvaluator.h"
+#include "ZrLocation3.h"
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+
+// Restores `work` to the statistics that `cache` holds. The correlation
+// metric keeps its sums relative to running offsets, which its getResult()
+// moves; its offsets are copied as well, so that a probe decrements exactly
+// what the caching pass incremented.
+inline void reg_restoreCachedState(const RegMetric* cache, RegMetric* work) {
+  cache->getState(work);
+  if (const RegCorrelationRatio* c = dynamic_cast<const RegCorrelationRatio*>(cache)) {
+    RegCorrelationRatio* w = static_cast<RegCorrelationRatio*>(work);
+    w->refOffset = c->refOffset;
+    w->modelOffset = c->modelOffset;
+  }
+}
+
+// The value of a caching pass, taken on the work copy. A metric's
+// getResult() may change the metric (the correlation turns two sums into
+// means in place), and `metric` must keep the pure statistics of the pass
+// for the probes that follow.
+inline double reg_cachedResult(RegMetric* metric, RegMetric* work) {
+  reg_restoreCachedState(metric, work);
+  return work->getResult();
+}
+
+// Samples the model through a field evaluator: set the location, evaluate,
+// increment. The result of setting the location is not looked at; the
+// evaluator delivers 0 outside the field.
+struct RegElasticFieldSampler {
+  RegMetric* metric;
+  ZrLocation3* location;
+  ZrFieldEvaluator* evaluator;
+  inline void operator()(double ref, float& sample, QbVec3f& p) const {
+    location->set(p.x, p.y, p.z);
+    evaluator->eval(location, &sample);
+    metric->increment(ref, sample);
+  }
+};
+
+// Samples a uniform model's raw voxels with the metric's own sampler, which
+// interpolates, clamps to the lattice and increments in one call. The nearest
+// voxel for label difference, trilinear for every other metric (and for a null
+// one). The choice is made once, before any loop.
+template <class T> struct RegElasticVoxelSampler {
+  typedef void (RegMetric::*Fn)(float, float&, T*, QbVec3f*);
+  RegMetric* metric;
+  T* model;
+  Fn fn;
+  RegElasticVoxelSampler(RegMetric* metric, T* model) : metric(metric), model(model) {
+    if (dynamic_cast<RegLabelDifference*>(metric))
+      fn = &RegMetric::evalAndIncrementLabel<T>;
+    else
+      fn = &RegMetric::evalAndIncrementGrey<T>;
+  }
+  // The reference value reaches the sampler in single precision.
+  inline void operator()(double ref, float& sample, QbVec3f& p) const {
+    (metric->*fn)((float)ref, sample, model, &p);
+  }
+};
+
+// Bending energy density and Jacobian determinant of the deformation at one
+// voxel, from the spline's derivatives per lattice cell. The inverse spacings
+// scale them to world units; their products are formed in single precision.
+class RegElasticPenalty {
+public:
+  double sxx, syy, szz, sxy, sxz, syz;
+  double detScale;
+  double volumeScale;
+
+  // In two dimensions the determinant takes sx * sy only.
+  RegElasticPenalty(const float* inv, double modelVolumeScale, bool twoD)
+      : volumeScale(modelVolumeScale) {
+    const float sx = inv[0], sy = inv[1], sz = inv[2];
+    sxx = (double)(sx * sx);
+    syy = (double)(sy * sy);
+    szz = (double)(sz * sz);
+    sxy = (double)(sx * sy);
+    sxz = (double)(sx * sz);
+    syz = (double)(sy * sz);
+    detScale = twoD ? (double)(sx * sy) : (double)(sx * sy * sz);
+  }
+  static inline double sq(const QbVec3d& v) { return v.x * v.x + v.y * v.y + v.z * v.z; }
+  inline double energy(const QbVec3d& xx, const QbVec3d& yy, const QbVec3d& zz, const QbVec3d& xy,
+                       const QbVec3d& xz, const QbVec3d& yz) const {
+    return sxx * sq(xx) + syy * sq(yy) + szz * sq(zz) +
+           2.0 * (sxy * sq(xy) + sxz * sq(xz) + syz * sq(yz));
+  }
+  // Scaled determinant of the columns a = Tx, b = Ty, c = Tz.
+  inline double determinant(const QbVec3d& a, const QbVec3d& b, const QbVec3d& c) const {
+    return detScale * (a.x * b.y * c.z + a.y * b.z * c.x + a.z * b.x * c.y - c.x * b.y * a.z -
+                       c.y * a.x * b.z - c.z * a.y * b.x);
+  }
+  // 0 where the volume change matches the model's own scale.
+  inline double jacobian(double det) const { return std::fabs(std::log(det / volumeScale)); }
+};
+
+// The nine one-line derivative buffers of the three-dimensional regularised
+// forms, in the order of getTransformedGridSequence.
+struct RegElasticLines {
+  QbVec3d *dxx, *dyy, *dzz, *dxy, *dxz, *dyz, *dx, *dy, *dz;
+};
+
+inline bool reg_boxIsEmpty(const int* box) {
+  return box[1] < box[0] || box[3] < box[2] || box[5] < box[4];
+}
+
+// Samples every reference voxel at `grid` (voxel order), optionally keeping
+// the samples in `cache`.
+template <class T, bool Cache, class S>
+inline void reg_evaluateElasticWalk(const T* ref, const int* dims, const S& sampler, QbVec3f* grid,
+                                    float* cache) {
+  const size_t n = (size_t)dims[0] * dims[1] * dims[2];
+  float sample = 0.0f;
+  for (size_t v = 0; v < n; v++) {
+    sampler((double)ref[v], sample, grid[v]);
+    if (Cache)
+      cache[v] = sample;
+  }
+}
+
+// One probe of the unregularised forms: the new positions of the box of
+// parameter `index` moved by `delta` come from the cached grid, and each voxel
+// of the box swaps its cached sample for a new one in `metric`.
+template <class T, class S>
+inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, const int* box,
+                                   const float* cachedSamples, RegMetric* metric, const S& sampler,
+                                   RegVoxelCubicSplineTransform* transform,
+                                   QbDVector<double>& params, const QbVec3f* grid, QbVec3f* incGrid,
+                                   float* plane, float* line, float delta) {
+  // A control point whose cells hold no voxel changes nothing.
+  if (reg_boxIsEmpty(box))
+    return;
+  const int nx = dims[0], ny = dims[1];
+  const int x0 = box[0], x1 = box[1], y0 = box[2], y1 = box[3], z0 = box[4], z1 = box[5];
+  if (transform->modelTransformed)
+    transform->applyModelTransformInv(params);
+  transform->getTransformedGridIncremental(params, index, incGrid, grid, box, plane, line, delta);
+  size_t v = ((size_t)z0 * ny + y0) * nx + x0;
+  const size_t rowSkip = (size_t)(nx - 1 + x0 - x1);
+  const size_t planeSkip = (size_t)(ny - 1 + y0 - y1) * nx;
+  QbVec3f* p = incGrid;
+  float sample = 0.0f;
+  for (int z = z0; z <= z1; z++, v += planeSkip)
+    for (int y = y0; y <= y1; y++, v += rowSkip)
+      for (int x = x0; x <= x1; x++, v++, p++) {
+        const double r = (double)ref[v];
+        metric->decrement(r, (double)cachedSamples[v]);
+        sampler(r, sample, *p);
+      }
+  if (transform->modelTransformed)
+    transform->applyModelTransform(params);
+}
+
+// Full three-dimensional regularised pass, line by line. With Cache set the
+// samples and penalty terms are kept and the sums and count go to the
+// functional's fields (E, J, n by reference). Returns false on a fold, with
+// the model bracket left open as it stands at that voxel.
+template <class T, bool Cache, class S>
+inline bool
+reg_evaluateElasticRegularizedPass(const T* ref, const int* dims, const S& sampler,
+                                   RegVoxelCubicSplineTransform* transform, QbVec3f* grid,
+                                   const RegElasticLines& l, float energyWeight,
+                                   float jacobianWeight, float* cachedSamples, float* cachedEnergy,
+                                   float* cachedJacobian, double& E, double& J, int64_t& n) {
+  const RegElasticPenalty pen(transform->invGridSpacing, transform->modelVolumeScale, false);
+  const int nx = dims[0], ny = dims[1], nz = dims[2];
+  const bool wantE = energyWeight > 0, wantJ = jacobianWeight > 0;
+  // Only the derivative groups a term needs are computed; the others are
+  // never read.
+  QbVec3d* dxx = wantE ? l.dxx : nullptr;
+  QbVec3d* dx = wantJ ? l.dx : nullptr;
+  if (transform->modelTransformed)
+    transform->applyModelTransformInv();
+  float sample = 0.0f;
+  size_t v = 0;
+  for (int z = 0; z < nz; z++)
+    for (int y = 0; y < ny; y++) {
+      int start[3] = {0, y, z};
+      transform->getTransformedGridSequence(grid, dxx, l.dyy, l.dzz, l.dxy, l.dxz, l.dyz, dx, l.dy,
+                                            l.dz, nx, start);
+      for (int x = 0; x < nx; x++, v++) {
+        sampler((double)ref[v], sample, grid[x]);
+        if (Cache)
+          cachedSamples[v] = sample;
+        n++;
+        if (wantE) {
+          const double e = pen.energy(l.dxx[x], l.dyy[x], l.dzz[x], l.dxy[x], l.dxz[x], l.dyz[x]);
+          E -= e;
+          if (Cache)
+            cachedEnergy[v] = (float)e;
+        }
+        if (wantJ) {
+          const double d = pen.determinant(l.dx[x], l.dy[x], l.dz[x]);
+          if (d <= 0.0)
+            return false;
+          const double j = pen.jacobian(d);
+          J -= j;
+          if (Cache)
+            cachedJacobian[v] = (float)j;
+        }
+      }
+    }
+  if (transform->modelTransformed)
+    transform->applyModelTransform();
+  return true;
+}
+
+// One three-dimensional regularised probe: each line of the box is recomputed
+// from `params` with its derivatives, and every voxel replaces its cached
+// sample and penalty terms by the new ones. E and J start from the sums of the
+// caching pass. Returns false on a fold.
+template <class T, class S>
+inline bool reg_evaluateElasticRegularizedBox(
+    const T* ref, const int* dims, int index, const int* box, const float* cachedSamples,
+    const float* cachedEnergy, const float* cachedJacobian, RegMetric* metric, const S& sampler,
+    RegVoxelCubicSplineTransform* transform, QbDVector<double>& params, QbVec3f* grid,
+    const RegElasticLines& l, float energyWeight, float jacobianWeight, double& E, double& J) {
+  if (reg_boxIsEmpty(box))
+    return true;
+  const RegElasticPenalty pen(transform->invGridSpacing, transform->modelVolumeScale, false);
+  const int nx = dims[0], ny = dims[1];
+  const int x0 = box[0], x1 = box[1], y0 = box[2], y1 = box[3], z0 = box[4], z1 = box[5];
+  const bool wantE = energyWeight > 0, wantJ = jacobianWeight > 0;
+  QbVec3d* dxx = wantE ? l.dxx : nullptr;
+  QbVec3d* dx = wantJ ? l.dx : nullptr;
+  if (transform->modelTransformed)
+    transform->applyModelTransformInv(params);
+  float sample = 0.0f;
+  for (int z = z0; z <= z1; z++)
+    for (int y = y0; y <= y1; y++) {
+      int start[3] = {x0, y, z};
+      transform->getTransformedGridSequence(grid, dxx, l.dyy, l.dzz, l.dxy, l.dxz, l.dyz, dx, l.dy,
+                                            l.dz, x1 - x0 + 1, start, params);
+      size_t v = ((size_t)z * ny + y) * nx + x0;
+      for (int i = 0; i <= x1 - x0; i++, v++) {
+        const double r = (double)ref[v];
+        metric->decrement(r, (double)cachedSamples[v]);
+        sampler(r, sample, grid[i]);
+        if (wantE)
+          E = ((double)cachedEnergy[v] + E) -
+              pen.energy(l.dxx[i], l.dyy[i], l.dzz[i], l.dxy[i], l.dxz[i], l.dyz[i]);
+        if (wantJ) {
+          const double d = pen.determinant(l.dx[i], l.dy[i], l.dz[i]);
+          if (d <= 0.0)
+            return false;
+          J = ((double)cachedJacobian[v] + J) - pen.jacobian(d);
+        }
+      }
+    }
+  if (transform->modelTransformed)
+    transform->applyModelTransform(params);
+  return true;
+}

@@ -1,0 +1,257 @@
+// The elastic functionals on synthetic volumes: the cache and the incremental
+// probe against full evaluations, the gradient against central differences,
+// the keepAll rule, the landmark term, and the refusal of a two-dimensional
+// regularised run on the general class.
+#include "ElasticTestSupport.h"
+
+#include "ZrWorkArea.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+
+using namespace elastictest;
+
+namespace {
+
+struct Case {
+  bool twoD;
+  bool regular;
+  MetricKind kind;
+};
+
+std::string caseName(const ::testing::TestParamInfo<Case>& info) {
+  return std::string(info.param.regular ? "Regular" : "General") + (info.param.twoD ? "2D" : "3D") +
+         metricName(info.param.kind);
+}
+
+// Relative closeness for objective values, which differ only by the float
+// rounding of incrementally updated positions.
+void expectClose(double expected, double actual, double rel, const std::string& what) {
+  EXPECT_NEAR(expected, actual, rel * std::max(1.0, std::fabs(expected))) << what;
+}
+
+class ElasticConsistency : public ::testing::TestWithParam<Case> {};
+
+// After a caching pass, a probe of one moved parameter equals a full
+// evaluation at the moved parameters; each probe starts from the cache, not
+// from the previous probe.
+TEST_P(ElasticConsistency, ProbeEqualsFullEvaluation) {
+  const Case c = GetParam();
+  ElasticSetup s;
+  s.build(c.twoD, c.regular, c.kind);
+  RegElasticFunctional& f = *s.functional;
+  QbDVector<double>& p = s.transform->paramVector;
+  const double cached = f.evaluateAndCache();
+  EXPECT_NEAR(cached, f.evaluate(), 1e-12 * std::max(1.0, std::fabs(cached)));
+
+  // Control points inside the lattice, with boxes of influence full of voxels.
+  const int n = s.transform->gridSize[0];
+  const int cp = c.twoD ? 2 * n + 2 : (2 * n + 2) * n + 3;
+  // Labels change only where a sample crosses to another voxel: a larger move.
+  const float d = c.kind == LABEL ? 3.0f : 0.375f;
+  int changed = 0;
+  for (int axis = 0; axis < (c.twoD ? 2 : 3); axis++) {
+    const int i = 3 * cp + axis;
+    f.evaluateAndCache();
+    // A probe of another parameter first: it must leave no trace.
+    const int other = 3 * (cp + 1) + axis;
+    p[other] += d;
+    f.evaluateIncremental(other, d);
+    p[other] -= d;
+
+    p[i] += d;
+    const double probe = f.evaluateIncremental(i, d);
+    const double full = f.evaluate();
+    p[i] -= d;
+    expectClose(full, probe, 2e-5, "axis " + std::to_string(axis));
+    changed += cached != full;
+  }
+  // The moves changed something, so the comparisons mean something.
+  EXPECT_GT(changed, 0);
+}
+
+// The gradient entry is (f(p + d) - f(p - d)) / d, that is twice the central
+// difference quotient, with d the step in single precision; the parameters
+// come back as they were (they are float values here), and the value is that
+// of the caching pass.
+TEST_P(ElasticConsistency, GradientMatchesCentralDifferences) {
+  const Case c = GetParam();
+  ElasticSetup s;
+  s.build(c.twoD, c.regular, c.kind);
+  RegElasticFunctional& f = *s.functional;
+  QbDVector<double>& p = s.transform->paramVector;
+  const QbDVector<double> before = p;
+  const double step = c.kind == LABEL ? 3.0 : 0.3;
+  const float d = (float)step;
+  QbDVector<double> g(p.size());
+  const double value = f.evaluate(g, step, 1);
+  EXPECT_EQ(before, p);
+  EXPECT_NEAR(value, f.evaluate(), 1e-12 * std::max(1.0, std::fabs(value)));
+
+  int nonZero = 0;
+  double scale = 0;
+  for (int i = 0; i < p.size(); i++)
+    scale = std::max(scale, std::fabs(g[i]));
+  ASSERT_GT(scale, 0.0);
+  for (int i = 0; i < p.size(); i++) {
+    if (c.twoD && i % 3 == 2) {
+      EXPECT_EQ(0.0, g[i]) << "z parameter " << i;
+      continue;
+    }
+    p[i] = before[i] + d;
+    const double up = f.evaluate();
+    p[i] = (double)((float)before[i] - d);
+    const double down = f.evaluate();
+    p[i] = before[i];
+    const double expected = (up - down) / d;
+    EXPECT_NEAR(expected, g[i], 1e-4 * scale + 1e-6) << "parameter " << i;
+    nonZero += g[i] != 0.0;
+  }
+  EXPECT_GT(nonZero, p.size() / 4);
+}
+
+std::vector<Case> allCases() {
+  std::vector<Case> cases;
+  for (bool twoD : {false, true}) {
+    for (MetricKind k : {MSD, NMI, MI, LABEL})
+      cases.push_back({twoD, true, k});
+    cases.push_back({twoD, false, CORR});
+    cases.push_back({twoD, false, MSD});
+  }
+  return cases;
+}
+
+INSTANTIATE_TEST_SUITE_P(AllMetrics, ElasticConsistency, ::testing::ValuesIn(allCases()), caseName);
+
+// At the optimum (model equals reference, lattice at rest) no probe improves
+// on the base: keepAll 0 gives exact zeros, keepAll 1 the raw differences.
+// (The regular class clamps into the model; the general one would read 0 for
+// border voxels that the rest lattice puts a rounding error outside.)
+TEST(ElasticGradient, KeepAllZeroAtOptimumGivesZeros) {
+  for (bool regular : {true}) {
+    ElasticSetup s;
+    s.makeData(false, MSD);
+    s.models[0] = s.reference.get();
+    s.makeTransform(6, false);
+    s.makeFunctional(regular, MSD);
+    QbDVector<double> g0(s.transform->paramVector.size()), g1(g0.size());
+    const double v0 = s.functional->evaluate(g0, 0.4, 0);
+    const double v1 = s.functional->evaluate(g1, 0.4, 1);
+    EXPECT_NEAR(0.0, v0, 1e-6);
+    EXPECT_EQ(v0, v1);
+    int nonZero = 0;
+    for (int i = 0; i < g0.size(); i++) {
+      EXPECT_EQ(0.0, g0[i]) << i;
+      nonZero += g1[i] != 0.0;
+    }
+    EXPECT_GT(nonZero, 0) << "keepAll 1 keeps the differences";
+  }
+}
+
+// A frozen coordinate gets 0 without any probe, and a stop requested during
+// the gradient gives the invalid value.
+TEST(ElasticGradient, FrozenParametersAndInterrupt) {
+  ElasticSetup s;
+  s.build(false, true, MSD);
+  s.transform->setControlPointInactive(3 * 40);
+  s.functional->init();
+  QbDVector<double> g(s.transform->paramVector.size(), 7.0);
+  s.functional->evaluate(g, 0.3, 1);
+  for (int i = 120; i < 123; i++)
+    EXPECT_EQ(0.0, g[i]);
+
+  ZrWorkArea::getTheWorkArea()->requestInterrupt();
+  QbDVector<double> h(g.size(), 7.0);
+  const double v = s.functional->evaluate(h, 0.3, 1);
+  ZrWorkArea::getTheWorkArea()->clearInterrupt();
+  EXPECT_EQ(REG_INVALID_VALUE, v);
+  // The loop ends after the first parameter that was probed.
+  EXPECT_NE(7.0, h[0]);
+  EXPECT_EQ(7.0, h[1]);
+}
+
+// Landmarks: the term is minus the mean squared distance between transformed
+// reference markers and model markers. The general class's gradient returns
+// the caching value with the term added once more; the regular class does not.
+TEST(ElasticLandmarks, TermCountedTwiceByGeneralOnceByRegular) {
+  for (bool regular : {false, true}) {
+    ElasticSetup s;
+    s.makeData(false, MSD);
+    s.landmarks = std::make_unique<ZrLandmarkSet>(2);
+    const QbVec3f pairs[3][2] = {
+        {{4, 5, 6}, {4.5f, 5, 6}}, {{10, 3, 7}, {10, 4, 7}}, {{8, 9, 2}, {8, 9, 3.5f}}};
+    for (auto& pr : pairs)
+      s.landmarks->appendLandmark(pr, 2);
+    s.makeTransform(6, false);
+    s.transform->setLandmarks(s.landmarks.get());
+    s.makeFunctional(regular, MSD, 0, 0, RegDataClassGrey, false, 0.25f);
+    RegElasticFunctional& f = *s.functional;
+    // At rest the transformed reference markers (set 1) stay where they are,
+    // and the model markers are set 0.
+    const double expectedTerm = -(0.25 + 1.0 + 2.25) / 3.0;
+    EXPECT_NEAR(expectedTerm, f.evaluateLandmarks(), 1e-5);
+
+    f.landmarkWeight = 0.0f;
+    const double metricOnly = f.evaluate();
+    f.landmarkWeight = 0.25f;
+    const double withTerm = f.evaluate();
+    EXPECT_NEAR(metricOnly + 0.25 * expectedTerm, withTerm, 1e-6);
+    EXPECT_NEAR(withTerm, f.evaluateAndCache(), 1e-6);
+    QbDVector<double> g(s.transform->paramVector.size());
+    const double gradValue = f.evaluate(g, 0.3, 1);
+    const double times = regular ? 1.0 : 2.0;
+    EXPECT_NEAR(metricOnly + times * 0.25 * expectedTerm, gradValue, 1e-6)
+        << (regular ? "regular" : "general");
+  }
+}
+
+// resetEval sets the sampling state on both metrics of the regular class; an
+// axis without extent gets scale 0. Bit 0 of the box flags looks at the low
+// eight bits of the truncated x extent only, so 256 leaves it clear.
+TEST(ElasticRegular, SamplingStateAndBoxFlags) {
+  ElasticSetup s;
+  s.build(true, true, MSD);
+  auto* r = static_cast<RegElasticFunctionalRegular*>(s.functional.get());
+  EXPECT_EQ(0.0f, r->scaleZ);
+  EXPECT_FLOAT_EQ(1.0f, r->scaleX);
+  EXPECT_EQ(3, r->boxFlags);
+  for (RegMetric* m : {r->metric, r->metricWork}) {
+    EXPECT_EQ(r->modelBox, m->box);
+    EXPECT_EQ(r->modelDims, m->dims);
+    EXPECT_EQ(0.0f, m->boxSize[2]);
+    EXPECT_EQ(1, m->inside);
+  }
+
+  ElasticSetup w;
+  w.makeData(false, MSD);
+  const int dims[3] = {5, 5, 5};
+  const float box[6] = {0, 256, 0, 13, 0, 11};
+  auto wide = std::make_unique<ZrUniformScalarField3>(dims, QB_FLOAT, box);
+  w.models[0] = wide.get();
+  w.makeTransform(4, false);
+  w.makeFunctional(true, MSD);
+  auto* rw = static_cast<RegElasticFunctionalRegular*>(w.functional.get());
+  EXPECT_EQ(6, rw->boxFlags);
+  EXPECT_FLOAT_EQ(4.0f / 256.0f, rw->scaleX);
+  w.functional.reset();
+}
+
+// The general class has no two-dimensional regularised form: the check
+// refuses it with a message, and init drops the weights as a last guard.
+TEST(ElasticRefusal, TwoDimensionalRegularizerOnGeneralClass) {
+  ElasticSetup s;
+  s.makeData(true, CORR);
+  s.makeTransform(6, true);
+  EXPECT_TRUE(RegElasticFunctional::checkRegularizer(s.reference.get(), 0.5f, 0.0f, true));
+  EXPECT_TRUE(RegElasticFunctional::checkRegularizer(s.reference.get(), 0.0f, 0.0f, false));
+  s.messages.text.clear();
+  EXPECT_FALSE(RegElasticFunctional::checkRegularizer(s.reference.get(), 0.5f, 0.0f, false));
+  EXPECT_NE(std::string::npos, s.messages.text.find("two-dimensional"));
+  s.makeFunctional(false, CORR, 0.5f, 0.5f);
+  EXPECT_EQ(0, s.functional->regularizerMode);
+  EXPECT_TRUE(std::isfinite(s.functional->evaluate()));
+}
+
+} // namespace

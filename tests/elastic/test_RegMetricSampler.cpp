@@ -1,0 +1,122 @@
+// The metric's sampler: nearest-voxel rounding, trilinear interpolation in
+// its fixed order, clamping at the lattice border, the inside flag, and an
+// axis of no extent.
+#include "RegMeanSquaredDifference.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+// A 5 x 4 x 3 lattice over [0, 8] x [0, 3] x [0, 4]: voxel sizes 2, 1, 2. The
+// voxel (i, j, k) holds i + 10 j + 100 k, a linear function that trilinear
+// interpolation reproduces.
+class SamplerTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    for (int k = 0; k < dims[2]; k++)
+      for (int j = 0; j < dims[1]; j++)
+        for (int i = 0; i < dims[0]; i++)
+          data.push_back((float)(i + 10 * j + 100 * k));
+    prepare(metric);
+  }
+  void prepare(RegMetric& m) {
+    m.box = box;
+    m.dims = dims;
+    for (int a = 0; a < 3; a++) {
+      m.boxSize[a] = box[2 * a + 1] - box[2 * a];
+      m.scale[a] = m.boxSize[a] > 0 ? (dims[a] - 1) / m.boxSize[a] : 0.0f;
+    }
+    m.inside = 1;
+    m.reset();
+  }
+  float grey(float x, float y, float z) {
+    QbVec3f p(x, y, z);
+    float v = -1;
+    metric.evalAndIncrementGrey<float>(0.0f, v, data.data(), &p);
+    return v;
+  }
+  float label(float x, float y, float z) {
+    QbVec3f p(x, y, z);
+    float v = -1;
+    metric.evalAndIncrementLabel<float>(0.0f, v, data.data(), &p);
+    return v;
+  }
+
+  float box[6] = {0, 8, 0, 3, 0, 4};
+  int dims[3] = {5, 4, 3};
+  std::vector<float> data;
+  RegMeanSquaredDifference metric{0.0};
+};
+
+TEST_F(SamplerTest, LabelRoundsToNearestVoxelAndClamps) {
+  // 2.4 and 2.6 voxels along x (voxel size 2).
+  EXPECT_EQ(2.0f, label(4.8f, 0, 0));
+  EXPECT_EQ(3.0f, label(5.2f, 0, 0));
+  EXPECT_EQ(12.0f, label(4.8f, 0.6f, 0)); // y rounds up to 1
+  EXPECT_EQ(0.0f, label(-5.0f, -1.0f, -3.0f));
+  EXPECT_EQ(4.0f + 30.0f + 200.0f, label(50.0f, 9.0f, 11.0f));
+  // The flag belongs to the trilinear sampler only.
+  EXPECT_EQ(1, metric.inside);
+  EXPECT_EQ(5, metric.numInside);
+}
+
+TEST_F(SamplerTest, GreyInterpolatesInTheFixedOrder) {
+  // Inside: the linear function is reproduced.
+  EXPECT_NEAR(1.25 + 10 * 2.5 + 100 * 1.5, grey(2.5f, 2.5f, 3.0f), 1e-4);
+  EXPECT_NEAR(3.5 + 10 * 0.25 + 100 * 0.75, grey(7.0f, 0.25f, 1.5f), 1e-4);
+  // The corners and edges of the last sample are kept.
+  EXPECT_EQ(3.0f + 0 + 0, metric.corner[0]);
+  EXPECT_EQ(4.0f, metric.corner[1]);
+  EXPECT_EQ(metric.edge[4] + (metric.edge[5] - metric.edge[4]) * metric.frac[2],
+            grey(7.0f, 0.25f, 1.5f));
+  // Exactly on the last voxel centre of every axis: voxel dim - 1, no step.
+  EXPECT_EQ(4.0f + 30.0f + 200.0f, grey(8.0f, 3.0f, 4.0f));
+  EXPECT_EQ(4, metric.voxel[0]);
+  EXPECT_EQ(0.0f, metric.frac[0]);
+  EXPECT_EQ(0, metric.stepX);
+  EXPECT_EQ(0, metric.stepY);
+  EXPECT_EQ(0, metric.stepZ);
+  // The sample pair reaches the metric: ref 0 against the value.
+  metric.reset();
+  const float v = grey(2.0f, 1.0f, 2.0f);
+  EXPECT_EQ(1, metric.numInside);
+  EXPECT_DOUBLE_EQ(-(double)v * v, metric.sum);
+}
+
+TEST_F(SamplerTest, InsideFlagHalfAVoxelBeyondTheLattice) {
+  // 0.4 voxel beyond either end: clamped, still inside.
+  EXPECT_EQ(0.0f, grey(-0.8f, 0, 0));
+  EXPECT_EQ(4.0f, grey(8.8f, 0, 0));
+  EXPECT_EQ(1, metric.inside);
+  // 0.6 voxel below: cleared, the border value all the same.
+  EXPECT_EQ(0.0f, grey(-1.2f, 0, 0));
+  EXPECT_EQ(0, metric.inside);
+  metric.inside = 1;
+  EXPECT_EQ(4.0f, grey(9.2f, 0, 0));
+  EXPECT_EQ(0, metric.inside);
+  metric.inside = 1;
+  EXPECT_EQ(30.0f, grey(0, 3.6f, 0));
+  EXPECT_EQ(0, metric.inside);
+}
+
+TEST_F(SamplerTest, AxisWithoutExtent) {
+  box[4] = box[5] = 2.0f;
+  dims[2] = 1;
+  prepare(metric);
+  EXPECT_EQ(0.0f, metric.scale[2]);
+  EXPECT_NEAR(2.5f + 10.0f, grey(5.0f, 1.0f, -40.0f), 1e-5);
+  EXPECT_NEAR(2.5f + 10.0f, grey(5.0f, 1.0f, 40.0f), 1e-5);
+  EXPECT_EQ(1, metric.inside);
+  EXPECT_EQ(3.0f, label(5.2f, 0.0f, 17.0f));
+}
+
+TEST_F(SamplerTest, CloneCarriesNoSamplingState) {
+  RegMetric* c = metric.clone();
+  EXPECT_EQ(nullptr, c->box);
+  EXPECT_EQ(nullptr, c->dims);
+  delete c;
+}
+
+} // namespace
