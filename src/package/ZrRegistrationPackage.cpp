@@ -3,6 +3,9 @@
 #include "ZrRegistrationPackage.h"
 
 #include "ZrAffineRegistration.h"
+#include "ZrApplyBSplineTransform.h"
+#include "ZrApplyDeformation.h"
+#include "ZrElasticRegistration.h"
 
 #define ZR_STR2(x) #x
 #define ZR_STR(x) ZR_STR2(x)
@@ -62,7 +65,10 @@ void torvipackage_zrregistration_init() {
   // ZrApplyDeformation, ZrAffineRegistration, ZrElasticRegistration,
   // ZrApplyBSplineTransform. Each record also exists from the moment the
   // library is loaded, through the static variable in the class's source.
+  ZrApplyDeformation::initClass();
   ZrAffineRegistration::initClass();
+  ZrElasticRegistration::initClass();
+  ZrApplyBSplineTransform::initClass();
 }
 
 void torvipackage_zrregistration_finish() {

@@ -1,0 +1,367 @@
+// The elastic registration module's side that needs no optimisation: ports
+// and their reactions, the refinement plan, the final grid size, and the
+// schedule of refinements and penalty weights over a run whose levels are
+// entered and left without optimising.
+#include "ElasticTestSupport.h"
+#include "RegElasticFunctional.h"
+#include "RegVoxelCubicSplineTransform.h"
+#include "ZrElasticRegistration.h"
+#include "ZrLandmarkSet.h"
+#include "ZrMessage.h"
+#include "ZrRegVectorField3.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+using namespace elastic_test;
+
+namespace {
+
+std::vector<int> plan(int levels, int refinements) {
+  QbDArray<int> p;
+  ZrElasticRegistration::planRefinements(p, levels, refinements);
+  return std::vector<int>(p.begin(), p.end());
+}
+
+// Enters and leaves each level as the driver does, without optimising, and
+// records what the schedule set.
+class ScheduleModule : public ZrElasticRegistration {
+public:
+  struct Pass {
+    int level, refinementsDone, grid[3];
+    float energy, jacobian, landmark;
+  };
+  std::vector<Pass> passes;
+
+  void doResolution(int level, int numLevels, RegFunctional* functional, double, double) override {
+    for (;;) {
+      enterResolution(level, numLevels, functional);
+      RegElasticFunctional* f = dynamic_cast<RegElasticFunctional*>(functional);
+      passes.push_back({level,
+                        refinementsDone,
+                        {splineTransform->gridSize[0], splineTransform->gridSize[1],
+                         splineTransform->gridSize[2]},
+                        f ? f->energyWeight : -1.0f,
+                        f ? f->jacobianWeight : -1.0f,
+                        f ? f->landmarkWeight : -1.0f});
+      if (doneResolution(level, numLevels))
+        return;
+    }
+  }
+};
+
+class ElasticModuleTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    oldSink = ZrMessage::getTheMsg()->setSink([this](const std::string& t) { messages += t; });
+  }
+  void TearDown() override {
+    ZrMessage::getTheMsg()->setSink(oldSink);
+    ZrObjectPool::getTheObjectPool()->clear();
+  }
+  template <class M = ZrElasticRegistration> M* makeModule(const int dims[3]) {
+    M* m = new M;
+    addToPool(m, "ElasticRegistration");
+    ZrUniformScalarField3* model = makeModel(dims);
+    ZrUniformScalarField3* reference = makeModel(dims);
+    addToPool(model, "model");
+    addToPool(reference, "reference");
+    EXPECT_TRUE(m->portReference.connect(reference));
+    EXPECT_TRUE(m->portData.connect(model));
+    m->fire(1);
+    return m;
+  }
+  ZrMessage::Sink oldSink;
+  std::string messages;
+};
+
+} // namespace
+
+TEST(ElasticPlanning, RefinementPlansAndFinalGridSize) {
+  EXPECT_EQ(plan(3, 3), (std::vector<int>{2, 1, 0}));
+  EXPECT_EQ(plan(3, 4), (std::vector<int>{2, 1, 1}));
+  EXPECT_EQ(plan(1, 2), (std::vector<int>{2})) << "the first round leaves out the finest";
+  EXPECT_EQ(plan(2, 0), (std::vector<int>{0, 0}));
+  EXPECT_EQ(plan(2, 3), (std::vector<int>{3, 0}));
+  EXPECT_EQ(plan(3, 6), (std::vector<int>{3, 1, 2}));
+  EXPECT_TRUE(plan(0, 3).empty()) << "no level takes nothing and does not hang";
+
+  ZrElasticRegistration m;
+  EXPECT_EQ(m.computeFinalGridSize(0), 11) << "4 refined 3 times: 5, 7, 11";
+  m.portRefineGrid.setValue(0, 4);
+  EXPECT_EQ(m.computeFinalGridSize(1), 19);
+  m.portInitialGridSize.setValue(2, 6);
+  m.portRefineGrid.setValue(0, 0);
+  EXPECT_EQ(m.computeFinalGridSize(2), 6);
+}
+
+TEST_F(ElasticModuleTest, DefaultsAndPortReactions) {
+  ZrElasticRegistration fresh;
+  EXPECT_STREQ(ZrElasticRegistration::getClassTypeId()->getName(), "ZrElasticRegistration");
+  EXPECT_TRUE(fresh.isOfType(ZrCompModule::getClassTypeId()));
+  EXPECT_EQ(fresh.samplingFactor, 2);
+  EXPECT_EQ(fresh.portOptimizer.getIndex(0), 4);
+  EXPECT_FALSE(fresh.portOptimizer.getItemSensitivity(0, 0));
+  EXPECT_FALSE(fresh.portOptimizer.getItemSensitivity(0, 1));
+  EXPECT_TRUE(fresh.portOptimizer.getItemSensitivity(0, 2));
+  for (int i = 0; i < 3; i++)
+    EXPECT_FALSE(fresh.portAction.isSensitive(i));
+  EXPECT_STREQ(fresh.portAction.getLabel(0), "Register");
+  EXPECT_STREQ(fresh.portResult.getLabel(0), "Save transform");
+  EXPECT_FALSE(fresh.portResult.isVisible());
+  EXPECT_EQ(fresh.portInitialGridSize.getValue(2), 4);
+  EXPECT_EQ(fresh.portInitialGridSize.getMinValue(0), 4);
+  EXPECT_EQ(fresh.portRefineGrid.getValue(0), 3);
+  EXPECT_EQ(fresh.portRefineGrid.getMaxValue(0), 10);
+  EXPECT_STREQ(fresh.portRegularization.getLabel(1), "Grid energy:");
+  EXPECT_FALSE(fresh.portRegularization.isSensitive(3));
+  EXPECT_STREQ(fresh.portOptions.getLabel(1), "Fix control points in low entropy regions");
+  EXPECT_STREQ(fresh.portOptions2.getLabel(1), "Fast mode");
+  EXPECT_FALSE(fresh.portOptions2.isVisible());
+  EXPECT_NE(fresh.getPort("controlPoints"), nullptr);
+  EXPECT_NE(fresh.getPort("landmarks"), nullptr);
+
+  const int dims[3] = {32, 32, 24};
+  ZrElasticRegistration* m = makeModule(dims);
+  EXPECT_EQ(m->dimensionMode, 3);
+  for (int i = 0; i < 3; i++)
+    EXPECT_TRUE(m->portAction.isSensitive(i));
+  EXPECT_EQ(m->portInitialGridSize.getNum(), 3);
+  EXPECT_EQ(m->portOptions.getValue(0), 1);
+  // The affine default of the first step (largest extent / 5), a quarter of it.
+  EXPECT_FLOAT_EQ(m->portStep.getValue(0), 32.0f * 1.0f / 5.0f * 0.25f);
+  EXPECT_EQ(m->portNLevelsGradient.getMaxValue(0), 100.0f);
+
+  messages.clear();
+  m->portRefineGrid.setValue(0, 3);
+  m->fire(1);
+  EXPECT_EQ(messages, "Final grid size will be: 11x11x11");
+
+  m->portCoarsestResolution.setValue(0, 3);
+  m->portCoarsestResolution.setValue(1, 5);
+  m->fire(1);
+  EXPECT_EQ(m->portCoarsestResolution.getValue(0), 4);
+  EXPECT_EQ(m->portCoarsestResolution.getValue(1), 8);
+
+  // Fixing control points goes with smoothing, and not with correlation.
+  m->portOptions.setValue(1, 1);
+  m->fire(1);
+  EXPECT_TRUE(m->portRegularization.isSensitive(3));
+  EXPECT_FLOAT_EQ(m->portRegularization.getValue(3), 2.0f);
+  m->portMetric.setIndex(0, 3);
+  m->fire(1);
+  EXPECT_EQ(m->portOptions.getValue(1), 0);
+  EXPECT_FALSE(m->portOptions.isSensitive(1));
+  EXPECT_FALSE(m->portRegularization.isSensitive(3));
+  EXPECT_FLOAT_EQ(m->portRegularization.getValue(3), 0.0f);
+  m->portMetric.setIndex(0, 0);
+  m->fire(1);
+  EXPECT_TRUE(m->portOptions.isSensitive(1));
+
+  // Landmarks bring their weight and, with a transform, the validation.
+  ZrLandmarkSet* lm = new ZrLandmarkSet(2);
+  lm->setNumMarkers(3);
+  addToPool(lm, "landmarks");
+  ASSERT_TRUE(m->portLandmarks.connect(lm));
+  m->fire(1);
+  EXPECT_TRUE(m->portRegularization.isSensitive(2));
+  EXPECT_FLOAT_EQ(m->portRegularization.getValue(2), 0.5f);
+  EXPECT_FALSE(m->portResult.isSensitive(2)) << "nothing to validate without a transform";
+  ASSERT_TRUE(m->portLandmarks.connect(nullptr));
+  m->fire(1);
+  EXPECT_FALSE(m->portRegularization.isSensitive(2));
+  EXPECT_FLOAT_EQ(m->portRegularization.getValue(2), 0.0f);
+
+  // A flat pair has two grid sizes and a two-part message.
+  const int flatDims[3] = {32, 28, 1};
+  ZrUniformScalarField3* flatModel = makeModel(flatDims);
+  ZrUniformScalarField3* flatReference = makeModel(flatDims);
+  addToPool(flatModel, "flatModel");
+  addToPool(flatReference, "flatReference");
+  ASSERT_TRUE(m->portReference.connect(flatReference));
+  ASSERT_TRUE(m->portData.connect(flatModel));
+  m->fire(1);
+  EXPECT_EQ(m->dimensionMode, 2);
+  EXPECT_EQ(m->portInitialGridSize.getNum(), 2);
+  messages.clear();
+  m->portRefineGrid.setValue(0, 2);
+  m->fire(1);
+  EXPECT_EQ(messages, "Final grid size will be: 7x7");
+}
+
+TEST_F(ElasticModuleTest, SaveAndShowControlPointsWithoutRun) {
+  const int dims[3] = {32, 32, 24};
+  ZrElasticRegistration* m = makeModule(dims);
+  ASSERT_TRUE(m->portResult.hit(0)); // "Save transform"
+  m->fire(1);
+  ASSERT_NE(m->splineTransform, nullptr);
+  EXPECT_EQ(m->transform, m->splineTransform);
+  ZrRegVectorField3* grid = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
+  ASSERT_NE(grid, nullptr);
+  EXPECT_STREQ(grid->getName(), "ControlGridVectors");
+  EXPECT_EQ(grid->coordType(), ZR_COORD_UNIFORM);
+  // At rest every displacement is 0, and the box is the interpolated box
+  // widened by one spacing: the reference box, one voxel more on each side,
+  // and one spacing of 33 / 1 more.
+  for (size_t i = 0; i < grid->lattice.numNodes() * 3; i++)
+    EXPECT_NEAR(grid->floatData()[i], 0.0f, 1e-4f);
+  float box[6];
+  grid->getBoundingBox(box);
+  EXPECT_NEAR(box[0], -1.0f - 33.0f, 1e-4f);
+  EXPECT_NEAR(box[1], 32.0f + 33.0f, 1e-4f);
+  EXPECT_NEAR(box[5], 24.0f + 25.0f, 1e-4f);
+  ZrLandmarkSet* live =
+      dynamic_cast<ZrLandmarkSet*>(ZrObjectPool::getTheObjectPool()->findObject("Control-points"));
+  ASSERT_NE(live, nullptr);
+  EXPECT_EQ(live, m->controlPointSet);
+  EXPECT_FALSE(live->isIconVisible());
+  EXPECT_EQ(live->getNumMarkers(), 64);
+
+  // "Control points" connects and shows the live set; the grid size is then
+  // the set's business.
+  ASSERT_TRUE(m->portAction.hit(2));
+  m->fire(1);
+  EXPECT_EQ(m->portControlPoints.getSource(), live);
+  EXPECT_TRUE(live->isIconVisible());
+  EXPECT_FALSE(m->portInitialGridSize.isVisible());
+  EXPECT_FALSE(m->portAction.isSensitive(2));
+  EXPECT_TRUE(m->portResult.isVisible());
+  EXPECT_NE(m->transform, nullptr) << "connecting its own set keeps the transform";
+}
+
+TEST_F(ElasticModuleTest, ScheduleOfRefinementsAndWeights) {
+  const int dims[3] = {32, 32, 24};
+  for (int refinements : {3, 4}) {
+    ScheduleModule* m = makeModule<ScheduleModule>(dims);
+    // Three levels, all optimised.
+    m->portCoarsestResolution.setValue(0, 4);
+    m->portCoarsestResolution.setValue(1, 4);
+    m->portCoarsestResolution.setValue(2, 4);
+    m->portOptions.setValue(0, 0);
+    m->portRefineGrid.setValue(0, refinements);
+    m->portRegularization.setValue(0, 2.0f); // Jacobian
+    m->portRegularization.setValue(1, 5.0f); // grid energy
+    ZrLandmarkSet* lm = new ZrLandmarkSet(2);
+    lm->setNumMarkers(2);
+    lm->setPosition(QbVec3f(10, 12, 8), 0, 0);
+    lm->setPosition(QbVec3f(10, 12, 8), 0, 1);
+    lm->setPosition(QbVec3f(20, 15, 14), 1, 0);
+    lm->setPosition(QbVec3f(20, 15, 14), 1, 1);
+    addToPool(lm, "landmarks");
+    ASSERT_TRUE(m->portLandmarks.connect(lm));
+    m->fire(1);
+    m->portRegularization.setValue(2, 3.0f); // landmarks
+    ASSERT_TRUE(m->portAction.hit(0));
+    m->fire(1);
+
+    const std::vector<int> wantPlan =
+        refinements == 3 ? std::vector<int>{2, 1, 0} : std::vector<int>{2, 1, 1};
+    ASSERT_EQ(m->refinePlan.size(), 3);
+    EXPECT_EQ(std::vector<int>(m->refinePlan.begin(), m->refinePlan.end()), wantPlan);
+    // Levels 0 and 1 run once per refinement; the last level with a
+    // refinement runs once more after it.
+    const std::vector<int> wantLevels =
+        refinements == 3 ? std::vector<int>{0, 0, 1, 2} : std::vector<int>{0, 0, 1, 2, 2};
+    ASSERT_EQ(m->passes.size(), wantLevels.size()) << "refinements " << refinements;
+    const int sizes[] = {4, 5, 7, 11, 19};
+    for (size_t i = 0; i < m->passes.size(); i++) {
+      const ScheduleModule::Pass& p = m->passes[i];
+      SCOPED_TRACE(testing::Message() << "refinements " << refinements << " pass " << i);
+      EXPECT_EQ(p.level, wantLevels[i]);
+      EXPECT_EQ(p.refinementsDone, (int)i);
+      EXPECT_EQ(p.grid[0], sizes[i]);
+      EXPECT_EQ(p.grid[2], sizes[i]);
+      const int left = refinements - p.refinementsDone;
+      // Energy: untouched (0) while more than 2 refinements are left, then
+      // a fifth per refinement still to come.
+      const float energy = left > 2 ? 0.0f : (float)(5.0 * std::pow(0.2, left));
+      EXPECT_FLOAT_EQ(p.energy, energy);
+      EXPECT_FLOAT_EQ(p.jacobian, (float)(2.0 * (1.0 - (p.level / 3.0f) * 0.9)));
+      float landmark = 0.0f;
+      if (left >= 1) {
+        landmark = 3.0f;
+        for (int d = 0; d <= p.refinementsDone; d++)
+          landmark /= (float)(2 * d + 1);
+      }
+      EXPECT_FLOAT_EQ(p.landmark, landmark);
+    }
+    EXPECT_EQ(m->gridSize[0], m->computeFinalGridSize(0));
+    EXPECT_EQ(m->splineTransform->gridSize[1], m->computeFinalGridSize(1));
+    EXPECT_EQ(m->refinementsDone, refinements);
+    // Every level left a visible result, and the run its warp and grid.
+    EXPECT_NE(ZrObjectPool::getTheObjectPool()->findObject("result"), nullptr);
+    EXPECT_NE(m->getResult(0), nullptr);
+    ZrRegVectorField3* grid = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
+    ASSERT_NE(grid, nullptr);
+    EXPECT_EQ(grid->getDims()[0], sizes[m->passes.size() - 1]);
+    EXPECT_TRUE(m->portResult.isVisible());
+    EXPECT_TRUE(m->portResult.isSensitive(2)) << "landmarks are connected";
+    ZrObjectPool::getTheObjectPool()->clear();
+  }
+}
+
+TEST(ElasticModuleTypes, CreatedByClassName) {
+  for (const char* name :
+       {"ZrElasticRegistration", "ZrApplyBSplineTransform", "ZrApplyDeformation"}) {
+    const QbTypeInfo* type = QbTypeInfo::fromName(name);
+    ASSERT_NE(type, nullptr) << name << " is registered once the library is loaded";
+    EXPECT_EQ(type->getParent(), ZrCompModule::getClassTypeId());
+    QbInterfaceOwner* object = type->createInstance();
+    ZrCompModule* module = dynamic_cast<ZrCompModule*>(object);
+    ASSERT_NE(module, nullptr) << name;
+    EXPECT_EQ(module->getTypeId(), type);
+    EXPECT_NE(module->getPort("action"), nullptr) << name;
+    delete object;
+  }
+}
+
+namespace {
+// Asks for a stop as soon as the first level is entered.
+class InterruptedModule : public ZrElasticRegistration {
+public:
+  int entered = 0;
+  void enterResolution(int level, int numLevels, RegFunctional* functional) override {
+    ZrElasticRegistration::enterResolution(level, numLevels, functional);
+    if (entered++ == 0)
+      ZrWorkArea::getTheWorkArea()->requestInterrupt();
+  }
+};
+} // namespace
+
+TEST_F(ElasticModuleTest, StopDuringRunLeavesResults) {
+  const int dims[3] = {24, 24, 16};
+  InterruptedModule* m = makeModule<InterruptedModule>(dims);
+  for (int a = 0; a < 3; a++)
+    m->portCoarsestResolution.setValue(a, 2);
+  m->portMetric.setIndex(0, 2);
+  m->fire(1);
+  ASSERT_TRUE(m->portAction.hit(0));
+  m->fire(1);
+  ZrWorkArea::getTheWorkArea()->clearInterrupt();
+  EXPECT_EQ(m->entered, 1) << "no level after the stop";
+  EXPECT_EQ(m->functionals, nullptr);
+  EXPECT_EQ(m->currentFunctional, nullptr);
+  EXPECT_EQ(m->optimizer, nullptr);
+  ZrRegScalarField3* warp = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
+  ASSERT_NE(warp, nullptr);
+  EXPECT_EQ(warp->getDims()[0], 24) << "the result is shown on the full reference";
+  EXPECT_NE(m->transform, nullptr) << "a later run continues from here";
+  EXPECT_TRUE(m->portResult.isVisible());
+}
+
+TEST_F(ElasticModuleTest, FlatRunWithPenaltiesNeedsTheRegularGridPath) {
+  const int dims[3] = {24, 24, 1};
+  ZrElasticRegistration* m = makeModule(dims);
+  for (int a = 0; a < 3; a++)
+    m->portCoarsestResolution.setValue(a, 2);
+  m->portMetric.setIndex(0, 3); // the correlation ratio has no regular-grid path
+  m->portRegularization.setValue(1, 0.5f);
+  m->fire(1);
+  messages.clear();
+  ASSERT_TRUE(m->portAction.hit(0));
+  m->fire(1);
+  EXPECT_NE(messages.find("not available for two-dimensional data"), std::string::npos) << messages;
+  EXPECT_EQ(m->getResult(0), nullptr) << "the run was refused";
+  EXPECT_EQ(m->functionals, nullptr);
+}

@@ -1,0 +1,401 @@
+// Whole elastic registrations driven through the module's ports, as a script
+// would: a smooth volume and its copy under a known smooth deformation are
+// registered with each metric of the menu; the warped model must approach
+// the reference, and the transformed positions the known deformation. Flat
+// pairs with both penalties, label pairs, landmarks and their check, and
+// the saved lattice applied again outside the run.
+#include "ElasticTestSupport.h"
+#include "RegVoxelCubicSplineTransform.h"
+#include "ZrApplyBSplineTransform.h"
+#include "ZrApplyDeformation.h"
+#include "ZrCurvilinearCoord3.h"
+#include "ZrElasticRegistration.h"
+#include "ZrLandmarkSet.h"
+#include "ZrMessage.h"
+#include "ZrRegVectorField3.h"
+#include "ZrVertexSet.h"
+
+#include <cmath>
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+using namespace elastic_test;
+
+namespace {
+
+struct Outcome {
+  double ssdBefore = 0, ssdAfter = 0;
+  // Mean distance of the transformed positions from p + u(p) over the
+  // object, in voxels.
+  double meanError = 0;
+  ZrElasticRegistration* module = nullptr;
+};
+
+class ElasticRunTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    oldSink = ZrMessage::getTheMsg()->setSink([this](const std::string& t) { messages += t; });
+  }
+  void TearDown() override {
+    ZrMessage::getTheMsg()->setSink(oldSink);
+    ZrObjectPool::getTheObjectPool()->clear();
+  }
+
+  // Registers model to reference through the ports; `configure` sets ports
+  // after the inputs are connected.
+  Outcome run(ZrRegScalarField3* reference, ZrRegScalarField3* model, const Deformation& u,
+              double spacing, const std::function<void(ZrElasticRegistration*)>& configure,
+              double zShift = 0.0) {
+    Outcome o;
+    ZrElasticRegistration* m = new ZrElasticRegistration;
+    o.module = m;
+    addToPool(m, "ElasticRegistration");
+    addToPool(reference, "reference");
+    addToPool(model, "model");
+    EXPECT_TRUE(m->portReference.connect(reference));
+    EXPECT_TRUE(m->portData.connect(model));
+    m->fire(1);
+    if (configure) {
+      configure(m);
+      m->fire(1);
+    }
+    EXPECT_TRUE(m->portAction.hit(0));
+    m->fire(1);
+    ZrRegScalarField3* warp = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
+    EXPECT_NE(warp, nullptr);
+    if (!warp)
+      return o;
+    EXPECT_TRUE(m->portResult.hit(1)); // "Vector field"
+    m->fire(1);
+    ZrRegVectorField3* field = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
+    EXPECT_NE(field, nullptr);
+
+    const int* d = reference->getDims();
+    // The object: the blobs, two voxels or more inside the lattice (nearer to
+    // a face a transformed position may leave the model, which then reads 0).
+    auto inside = [&](int i, int j, int k) {
+      const int idx[3] = {i, j, k};
+      for (int a = 0; a < 3; a++)
+        if (d[a] > 1 && (idx[a] < 2 || idx[a] > d[a] - 3))
+          return false;
+      return blobImage(i * spacing, j * spacing, k * spacing + zShift) > 70.0;
+    };
+    o.ssdBefore = squaredDifference(*model, *reference, inside);
+    o.ssdAfter = squaredDifference(*warp, *reference, inside);
+    double sum = 0;
+    long count = 0;
+    size_t n = 0;
+    for (int k = 0; k < d[2]; k++)
+      for (int j = 0; j < d[1]; j++)
+        for (int i = 0; i < d[0]; i++, n++) {
+          if (!field || !inside(i, j, k))
+            continue;
+          const double p[3] = {i * spacing, j * spacing, k * spacing};
+          double want[3];
+          u(p, want);
+          float q[3];
+          field->lattice.coords()->pos(i, j, k, q);
+          double e = 0;
+          for (int c = 0; c < 3; c++)
+            e += (q[c] - p[c] - want[c]) * (q[c] - p[c] - want[c]);
+          sum += std::sqrt(e);
+          count++;
+        }
+    o.meanError = count ? sum / count / spacing : 0.0;
+    std::printf("ssd %.4g -> %.4g (%.1f %%), mean position error %.3f voxels\n", o.ssdBefore,
+                o.ssdAfter, 100.0 * o.ssdAfter / o.ssdBefore, o.meanError);
+    return o;
+  }
+
+  ZrMessage::Sink oldSink;
+  std::string messages;
+};
+
+Deformation deformationFor(const int dims[3], double spacing) {
+  Deformation u;
+  for (int a = 0; a < 3; a++)
+    u.extent[a] = (dims[a] - 1) * spacing;
+  return u;
+}
+
+// Two pyramid levels of which the coarser is optimised.
+void twoLevels(ZrElasticRegistration* m) {
+  for (int a = 0; a < 3; a++)
+    m->portCoarsestResolution.setValue(a, 2);
+}
+
+} // namespace
+
+TEST_F(ElasticRunTest, DefaultsRecoverKnownDeformation) {
+  // 8-bit data of a modest range, so that the default histogram is small.
+  // Apart from the coarsest factors (48 voxels would give one level, which
+  // "Ignore finest resolution" leaves out) everything is as the module sets
+  // it: normalized mutual information, line search, 4 control points
+  // refined 3 times.
+  const int dims[3] = {48, 48, 36};
+  const double spacing = 2.0 / 3.0;
+  const Deformation u = deformationFor(dims, spacing);
+  Outcome o = run(makeReference(dims, u, QB_UINT8, spacing, 0.33),
+                  makeModel(dims, QB_UINT8, spacing, 0.33), u, spacing, twoLevels);
+  EXPECT_EQ(o.module->portMetric.getIndex(0), 0);
+  EXPECT_EQ(o.module->portOptimizer.getIndex(0), 4);
+  EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
+  EXPECT_LT(o.meanError, 0.5);
+  EXPECT_EQ(o.module->gridSize[0], 11);
+  EXPECT_EQ(o.module->splineTransform->gridSize[2], 11);
+  EXPECT_NE(messages.find("elapsed time:"), std::string::npos);
+}
+
+TEST_F(ElasticRunTest, EachMetricOfTheMenu) {
+  const int dims[3] = {32, 32, 24};
+  const Deformation u = deformationFor(dims, 1.0);
+  for (int metric = 0; metric < 4; metric++) {
+    SCOPED_TRACE(testing::Message() << "metric " << metric);
+    Outcome o = run(makeReference(dims, u), makeModel(dims), u, 1.0, [&](ZrElasticRegistration* m) {
+      twoLevels(m);
+      m->portMetric.setIndex(0, metric);
+      // Float data get 256 bins; 32 keep the histograms quick.
+      m->portHistogramBins.setValue(32);
+    });
+    EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
+    EXPECT_LT(o.meanError, 0.5);
+    ZrObjectPool::getTheObjectPool()->clear();
+  }
+}
+
+TEST_F(ElasticRunTest, FlatPairWithBothPenalties) {
+  const int dims[3] = {64, 64, 1};
+  const Deformation u = deformationFor(dims, 1.0);
+  Outcome o = run(
+      makeReference(dims, u, QB_FLOAT, 1.0, 1.0, 12.0), makeModel(dims, QB_FLOAT, 1.0, 1.0, 12.0),
+      u, 1.0,
+      [](ZrElasticRegistration* m) {
+        twoLevels(m);
+        m->portHistogramBins.setValue(32);
+        m->portRegularization.setValue(0, 0.01f); // Jacobian constraint
+        m->portRegularization.setValue(1, 0.01f); // grid energy
+      },
+      12.0);
+  EXPECT_EQ(o.module->dimensionMode, 2);
+  EXPECT_EQ(o.module->splineTransform->gridSize[2], 1);
+  EXPECT_EQ(o.module->splineTransform->gridSize[0], 11);
+  EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
+  EXPECT_LT(o.meanError, 0.5);
+}
+
+TEST_F(ElasticRunTest, LabelPairWithLabelDifference) {
+  const int dims[3] = {32, 32, 24};
+  const Deformation u = deformationFor(dims, 1.0);
+  auto labels = [&](bool deformed) {
+    return makeField(
+        dims, QB_UINT8,
+        [&](double x, double y, double z) {
+          double d[3] = {0, 0, 0};
+          const double p[3] = {x, y, z};
+          if (deformed)
+            u(p, d);
+          return labelOf(blobImage(x + d[0], y + d[1], z + d[2]));
+        },
+        true);
+  };
+  ZrUniformScalarField3* reference = labels(true);
+  ZrUniformScalarField3* model = labels(false);
+  auto mismatches = [&](const ZrRegScalarField3& a) {
+    long n = 0;
+    for (size_t i = 0; i < a.lattice.numNodes(); i++)
+      n += a.lattice.getValueAsDouble(i) != reference->lattice.getValueAsDouble(i);
+    return n;
+  };
+  const long before = mismatches(*model);
+  // Thresholded labels leave a flat objective on the coarse level; the
+  // finest level is optimised as well.
+  Outcome o = run(reference, model, u, 1.0, [](ZrElasticRegistration* m) {
+    twoLevels(m);
+    m->portOptions.setValue(0, 0);
+  });
+  ZrElasticRegistration* m = o.module;
+  EXPECT_EQ(m->portMetric.getIndex(0), 4);
+  EXPECT_STREQ(m->portMetric.getLabel(0, 4), "Label difference");
+  EXPECT_EQ((int)m->interpolator, 1) << "the nearest-voxel sampler";
+  ZrRegScalarField3* warp = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
+  ASSERT_NE(warp, nullptr);
+  for (size_t i = 0; i < warp->lattice.numNodes(); i++) {
+    const double v = warp->lattice.getValueAsDouble(i);
+    ASSERT_TRUE(v == 0 || v == 1 || v == 2) << "invented label " << v;
+  }
+  const long after = mismatches(*warp);
+  std::printf("label mismatches %ld -> %ld\n", before, after);
+  EXPECT_LT(after, before * 6 / 10);
+}
+
+TEST_F(ElasticRunTest, LandmarksChangeTheResultAndValidate) {
+  const int dims[3] = {32, 32, 24};
+  const Deformation u = deformationFor(dims, 1.0);
+  auto configure = [](ZrElasticRegistration* m) {
+    twoLevels(m);
+    m->portMetric.setIndex(0, 2);
+  };
+  Outcome plain = run(makeReference(dims, u), makeModel(dims), u, 1.0, configure);
+  const QbDVector<double> withoutLandmarks = plain.module->splineTransform->paramVector;
+  ZrObjectPool::getTheObjectPool()->clear();
+
+  // Pairs of the known correspondence: set 1 in the reference, set 0 where
+  // the deformation takes it in the model.
+  ZrLandmarkSet* lm = new ZrLandmarkSet(2);
+  const double at[5][3] = {{11, 13, 11}, {21, 10, 13}, {15, 22, 10}, {20, 20, 16}, {8, 20, 8}};
+  for (const auto& p : at) {
+    double d[3];
+    u(p, d);
+    const QbVec3f pos[2] = {
+        QbVec3f((float)(p[0] + d[0]), (float)(p[1] + d[1]), (float)(p[2] + d[2])),
+        QbVec3f((float)p[0], (float)p[1], (float)p[2])};
+    lm->appendLandmark(pos, 2);
+  }
+  addToPool(lm, "landmarks");
+  Outcome o = run(makeReference(dims, u), makeModel(dims), u, 1.0, [&](ZrElasticRegistration* m) {
+    configure(m);
+    ASSERT_TRUE(m->portLandmarks.connect(lm));
+    m->fire(1);
+    EXPECT_FLOAT_EQ(m->portRegularization.getValue(2), 0.5f);
+  });
+  ZrElasticRegistration* m = o.module;
+  EXPECT_LT(o.meanError, 0.5);
+  ASSERT_EQ(m->splineTransform->paramVector.size(), withoutLandmarks.size());
+  double change = 0.0;
+  for (int i = 0; i < withoutLandmarks.size(); i++)
+    change = std::max(change, std::fabs(m->splineTransform->paramVector[i] - withoutLandmarks[i]));
+  EXPECT_GT(change, 1e-3) << "the landmark term takes part in the search";
+
+  // The run offers the check; the first one measures the mapping of the run.
+  EXPECT_TRUE(m->portResult.isSensitive(2));
+  EXPECT_TRUE(m->portAboveThreshold.isVisible());
+  ASSERT_TRUE(m->portResult.hit(2));
+  m->fire(1);
+  float mean, dev, rms, max, median, above;
+  ASSERT_EQ(std::sscanf(m->portStatistics.getValue(), "mean %g dev %g rms %g max %g", &mean, &dev,
+                        &rms, &max),
+            4)
+      << m->portStatistics.getValue();
+  ASSERT_EQ(
+      std::sscanf(m->portStatistics2.getValue(), "median %g aboveThresh %g %%", &median, &above), 2)
+      << m->portStatistics2.getValue();
+  EXPECT_TRUE(std::isfinite(mean) && std::isfinite(dev) && std::isfinite(max));
+  EXPECT_LE(mean, max);
+  EXPECT_LE(median, max);
+  EXPECT_GE(above, 0.0f);
+  EXPECT_LE(above, 100.0f);
+  EXPECT_TRUE(m->portStatistics2.isVisible());
+
+  // A single marker: the deviation is not a number, and nothing breaks.
+  ZrLandmarkSet* one = new ZrLandmarkSet(2);
+  const QbVec3f pair[2] = {QbVec3f(12, 12, 12), QbVec3f(12.5f, 12, 12)};
+  one->appendLandmark(pair, 2);
+  addToPool(one, "oneLandmark");
+  ASSERT_TRUE(m->portLandmarks.connect(one));
+  m->fire(1);
+  ASSERT_TRUE(m->portResult.hit(2));
+  m->fire(1);
+  ASSERT_TRUE(m->portResult.hit(2));
+  m->fire(1);
+  EXPECT_NE(std::string(m->portStatistics.getValue()).find("nan"), std::string::npos)
+      << m->portStatistics.getValue();
+}
+
+TEST_F(ElasticRunTest, SavedLatticeAppliedAgain) {
+  const int dims[3] = {32, 32, 24};
+  const Deformation u = deformationFor(dims, 1.0);
+  ZrUniformScalarField3* reference = makeReference(dims, u);
+  ZrUniformScalarField3* model = makeModel(dims);
+  Outcome o = run(reference, model, u, 1.0, [](ZrElasticRegistration* m) {
+    twoLevels(m);
+    m->portMetric.setIndex(0, 2);
+  });
+  ZrElasticRegistration* m = o.module;
+  ZrRegScalarField3* regWarp = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
+  ZrRegVectorField3* regField = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
+  ASSERT_TRUE(regWarp && regField);
+  regWarp->ref();
+  regField->ref();
+  ASSERT_TRUE(m->portResult.hit(0)); // "Save transform" replaces "VectorField"
+  m->fire(1);
+  ZrRegVectorField3* grid = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
+  ASSERT_NE(grid, nullptr);
+  EXPECT_STREQ(grid->getName(), "ControlGridVectors");
+  EXPECT_EQ(grid->getDims()[0], 11);
+
+  ZrApplyBSplineTransform* app = new ZrApplyBSplineTransform;
+  addToPool(app, "ApplyBSplineTransform");
+  ASSERT_TRUE(app->portData.connect(model));
+  ASSERT_TRUE(app->portControlPoints.connect(grid));
+  ASSERT_TRUE(app->portReference.connect(reference));
+  app->fire(1);
+  ASSERT_TRUE(app->portAction.hit(0));
+  app->fire(1);
+  const RegVoxelCubicSplineTransform* a = app->splineTransform;
+  const RegVoxelCubicSplineTransform* r = m->splineTransform;
+  for (int i = 0; i < 6; i++)
+    EXPECT_NEAR(a->interpolatedSpaceBoundary[i], r->interpolatedSpaceBoundary[i],
+                1e-5 * (1.0 + std::fabs(r->interpolatedSpaceBoundary[i])));
+  ASSERT_EQ(a->paramVector.size(), r->paramVector.size());
+  for (int i = 0; i < r->paramVector.size(); i++)
+    ASSERT_NEAR(a->paramVector[i], r->paramVector[i], 2e-6 * (1.0 + std::fabs(r->paramVector[i])))
+        << "parameter " << i;
+  ZrRegScalarField3* warp = dynamic_cast<ZrRegScalarField3*>(app->getResult(0));
+  ASSERT_NE(warp, nullptr);
+  double worst = 0.0;
+  for (size_t i = 0; i < warp->lattice.numNodes(); i++)
+    worst = std::max(
+        worst, std::fabs(warp->lattice.getValueAsDouble(i) - regWarp->lattice.getValueAsDouble(i)));
+  EXPECT_LT(worst, 0.05) << "the saved lattice warps as the run did";
+
+  // Both buttons: p - q, and q - p for "referenceToModel", at q.
+  ASSERT_TRUE(app->portResult.hit(0));
+  app->fire(1);
+  ZrRegVectorField3* forward = dynamic_cast<ZrRegVectorField3*>(app->getResult(1));
+  ASSERT_NE(forward, nullptr);
+  forward->ref();
+  ASSERT_TRUE(app->portResult.hit(1));
+  app->fire(1);
+  ZrRegVectorField3* backward = dynamic_cast<ZrRegVectorField3*>(app->getResult(1));
+  ASSERT_NE(backward, nullptr);
+  worst = 0.0;
+  const size_t n = forward->lattice.numNodes();
+  const float* qf = static_cast<ZrCurvilinearCoord3*>(forward->lattice.coords())->getPositions();
+  const float* qr = static_cast<ZrCurvilinearCoord3*>(regField->lattice.coords())->getPositions();
+  for (size_t i = 0; i < 3 * n; i++) {
+    worst = std::max(worst, (double)std::fabs(forward->floatData()[i] - regField->floatData()[i]));
+    worst = std::max(worst, (double)std::fabs(backward->floatData()[i] + forward->floatData()[i]));
+    worst = std::max(worst, (double)std::fabs(qf[i] - qr[i]));
+  }
+  EXPECT_LT(worst, 1e-3);
+
+  // Moving the transformed positions by "VectorField" takes them back to the
+  // reference nodes: the field holds p - q at q. A second press starts from
+  // the input again.
+  ZrVertexSet* points = new ZrVertexSet;
+  const int nodes[4][3] = {{10, 12, 8}, {20, 15, 12}, {14, 22, 16}, {6, 9, 5}};
+  for (const auto& v : nodes) {
+    float q[3];
+    forward->lattice.coords()->pos(v[0], v[1], v[2], q);
+    points->appendPoint(QbVec3f(q));
+  }
+  addToPool(points, "points");
+  ZrApplyDeformation* mover = new ZrApplyDeformation;
+  addToPool(mover, "ApplyDeformation");
+  ASSERT_TRUE(mover->portData.connect(points));
+  ASSERT_TRUE(mover->portVectorField.connect(forward));
+  for (int press = 0; press < 2; press++) {
+    ASSERT_TRUE(mover->portAction.hit());
+    mover->fire(1);
+    ZrVertexSet* moved = dynamic_cast<ZrVertexSet*>(mover->getResult(0));
+    ASSERT_NE(moved, nullptr);
+    for (int i = 0; i < 4; i++)
+      for (int c = 0; c < 3; c++)
+        EXPECT_NEAR(moved->getCoords()[i][c], nodes[i][c], 1e-3) << "press " << press;
+  }
+  forward->unref();
+  regWarp->unref();
+  regField->unref();
+}
