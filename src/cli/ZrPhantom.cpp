@@ -1,5 +1,6 @@
 #include "ZrPhantom.h"
 
+#include "ZrUniformLabelField3.h"
 #include "ZrUniformScalarField3.h"
 #include "qbmalloc.h"
 
@@ -80,6 +81,33 @@ ZrUniformScalarField3* ZrPhantom::makeWarped(int n, double extent, double amplit
         data[(size_t(k) * n + j) * n + i] = uint8_t(std::lround(std::min(255.0, v * 255.0 / 1.1)));
       }
   return new ZrUniformScalarField3(dims, 0, box, data);
+}
+
+int ZrPhantom::label(double x, double y, double z) {
+  double px = x / kHalfSize, py = y / kHalfSize, pz = z / kHalfSize;
+  int result = 0;
+  for (int e = 0; e < int(sizeof kEllipsoids / sizeof kEllipsoids[0]); e++)
+    if (softInside(kEllipsoids[e], px, py, pz) > 0.5)
+      result = e + 1;
+  return result;
+}
+
+ZrUniformScalarField3* ZrPhantom::makeLabels(int n, double extent, double amplitude) {
+  int dims[3] = {n, n, n};
+  float h = float(extent / 2);
+  float box[6] = {-h, h, -h, h, -h, h};
+  uint8_t* data = static_cast<uint8_t*>(qbmalloc(size_t(n) * n * n));
+  double step = n > 1 ? extent / (n - 1) : 0;
+#pragma omp parallel for schedule(static)
+  for (int k = 0; k < n; k++)
+    for (int j = 0; j < n; j++)
+      for (int i = 0; i < n; i++) {
+        double p[3] = {-h + i * step, -h + j * step, -h + k * step}, u[3] = {0, 0, 0};
+        if (amplitude != 0)
+          warp(amplitude, p, u);
+        data[(size_t(k) * n + j) * n + i] = uint8_t(label(p[0] + u[0], p[1] + u[1], p[2] + u[2]));
+      }
+  return new ZrUniformLabelField3(dims, 0, box, data);
 }
 
 ZrUniformScalarField3* ZrPhantom::make(int n, double extent, const double (*m)[4]) {

@@ -25,4 +25,10 @@ public:
   static void warp(double amplitude, const double p[3], double u[3]);
   // Like make(), but voxel position p shows the phantom at p + warp(p).
   static ZrUniformScalarField3* makeWarped(int n, double extent, double amplitude);
+  // Region labels at a world point: 0 outside the head, otherwise 1 + the
+  // index of the innermost ellipsoid that contains the point.
+  static int label(double x, double y, double z);
+  // A uint8 label image of the phantom, warped like makeWarped() when
+  // amplitude is not 0.
+  static ZrUniformScalarField3* makeLabels(int n, double extent, double amplitude);
 };
