@@ -624,9 +624,13 @@ void ZrAffineRegistration::doneRegistration() {
 
 bool ZrAffineRegistration::applyTransform(RegParametricTransform*) {
   // The argument is ignored: the module's own transform is what the model
-  // shows.
-  if (RegAffineTransform* affine = dynamic_cast<RegAffineTransform*>(transform))
+  // shows. The parameters are composed and written first: the model would
+  // otherwise keep the matrix of the last point evaluated, which after a
+  // search is a probe beside the optimum rather than the optimum itself.
+  if (RegAffineTransform* affine = dynamic_cast<RegAffineTransform*>(transform)) {
+    affine->apply();
     affine->update();
+  }
   return checkForInterrupt();
 }
 

@@ -94,7 +94,13 @@ int ZrBestNeighbourOptimizer::optimize(double a, double b) {
         }
         if (!found)
           break;
-        params = bestVector;
+        // Only the variable entries are taken back. The held ones may have
+        // been changed by the transform itself since the best point was
+        // seen (with an isotropic scale, entries 7 and 8 follow entry 6 on
+        // every evaluation), and the transform's own record of that change
+        // belongs to the values it holds now, not to those of the copy.
+        for (int i = 0; i < n; i++)
+          params[i] = bestVector[i];
         workArea->setProgressValue((percent * slice) / 100 + base);
         if (workArea->wasInterrupted(1))
           return 0;

@@ -200,7 +200,10 @@ int ZrAggressiveDirectionOptimizer::optimize(double a, double b) {
 
       // A single probe may have beaten everything the walk found.
       if (shown < best) {
-        params = bestParams;
+        // Only the variable entries: the held ones belong to the transform
+        // (an isotropic scale keeps entries 7 and 8 in step with entry 6).
+        for (int i = 0; i < n; i++)
+          params[i] = bestParams[i];
         shown = best;
         improved = true;
       }

@@ -218,6 +218,41 @@ TEST(RegAffineFunctionalUniform, ThreadCountChangesOnlyTheSummationOrder) {
   EXPECT_EQ(zero->numThreads, 1u);
 }
 
+TEST(RegAffineFunctionalUniform, HistogramsOfEarlierEvaluationsDoNotLeakIn) {
+  // The per-thread histograms are kept between evaluations. Values must not
+  // depend on what an earlier evaluation left in them: neither after a walk
+  // with more threads and other bin counts, nor when the runtime gives a
+  // walk fewer threads than asked for (inside an enclosing parallel region
+  // without nesting it runs alone).
+  Pair s(makeField(QB_INT16, kRefDims, kRefBox), makeField(QB_FLOAT, kModelDims, kModelBox));
+  s.setSmallAffine();
+  auto reference = s.uniform(s.newMetric(NMI), 1);
+  const double expected = reference->evaluate();
+
+  auto coarse =
+      s.uniform(new RegNormMutualInformation(QB_INT16, QB_FLOAT, 0, 200, 0, 200, 16, 16, 1.0), 4);
+  coarse->evaluate();
+  auto many = s.uniform(s.newMetric(NMI), 4);
+  EXPECT_NEAR(many->evaluate(), expected, 1e-12 * std::fabs(expected));
+
+  const int savedLevels = omp_get_max_active_levels();
+  omp_set_max_active_levels(1);
+  double alone = 0.0;
+  int team = 0;
+#pragma omp parallel num_threads(2)
+  {
+#pragma omp master
+    {
+      team = omp_get_num_threads();
+      alone = many->evaluate();
+    }
+  }
+  omp_set_max_active_levels(savedLevels);
+  if (team < 2)
+    GTEST_SKIP() << "no second thread for the enclosing region";
+  EXPECT_NEAR(alone, expected, 1e-12 * std::fabs(expected));
+}
+
 TEST(RegAffineFunctionalUniform, KnownShiftAndCorrelation) {
   // Model = pattern displaced by whole voxels; translating the model back
   // aligns the overlap exactly.

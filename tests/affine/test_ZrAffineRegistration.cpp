@@ -616,6 +616,27 @@ TEST(ZrAffineRegistration, RigidRegistrationRecoversTheMotion) {
   EXPECT_TRUE(log.contains("elapsed time: "));
 }
 
+TEST(ZrAffineRegistration, TheModelShowsTheOptimumNotTheLastProbe) {
+  MessageLog log;
+  const int dims[3] = {24, 24, 24};
+  // Identical images: the optimum is where the model already is, and every
+  // probe of the search lies a step away from it.
+  Scene<> s(makeField(dims, kImage), makeField(dims, kImage));
+  ZrAffineRegistration* m = s.module;
+  s.fastSettings(1);
+  m->portMetric.setIndex(0, 2);
+  m->portCoarsestResolution.setValue(1);
+  m->portStep.setValue(0, 1.0f);
+  m->portStep.setValue(1, 1.0f);
+  m->fire(0);
+  s.press(2);
+  SbMatrixd found;
+  static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
+  for (int r = 0; r < 4; r++)
+    for (int c = 0; c < 4; c++)
+      EXPECT_NEAR(found[r][c], r == c ? 1.0 : 0.0, 1e-6) << r << ", " << c;
+}
+
 TEST(ZrAffineRegistration, PlanarRegistrationStaysInItsPlane) {
   MessageLog log;
   const int dims[3] = {32, 32, 1};

@@ -370,3 +370,58 @@ TEST(ZrOptimizer, ProgressLevelAndFunctional) {
   EXPECT_EQ(opt.functional, nullptr);
   EXPECT_EQ(opt.transform, nullptr);
 }
+
+namespace {
+
+// An objective of the composed matrix, as a real functional has: every
+// evaluation composes the transform (and with it the isotropic follow-up of
+// entries 7 and 8), and the value is best for a uniform scale of 1.25 about
+// the centre, shifted by (2, -1, 0.5).
+class ComposingFunctional : public RegFunctional {
+public:
+  explicit ComposingFunctional(RegAffineTransform* t)
+      : RegFunctional(QbDArray<ZrSpatialData*>(), QbDArray<ZrSpatialData*>(), t, nullptr, nullptr),
+        affine(t) {
+    size = QbVec3f(10.0f, 10.0f, 10.0f);
+  }
+  double evaluate() override {
+    affine->composeMatrix();
+    const SbMatrixd& m = affine->matrix;
+    double f = 0.0;
+    for (int k = 0; k < 3; k++)
+      for (int c = 0; c < 3; c++) {
+        const double d = m[k][c] - (k == c ? 1.25 : 0.0);
+        f -= 100.0 * d * d;
+      }
+    const double shift[3] = {2.0, -1.0, 0.5};
+    for (int c = 0; c < 3; c++) {
+      const double d = affine->paramVector[c] - shift[c];
+      f -= d * d;
+    }
+    return f;
+  }
+  double evaluate(QbDVector<double>&, double, int) override { return evaluate(); }
+  RegAffineTransform* affine;
+};
+
+} // namespace
+
+TEST_F(BestNeighbourTest, IsotropicScaleStageKeepsTheScalesTogether) {
+  RegAffineTransform t;
+  ComposingFunctional f(&t);
+  t.setDegreesOfFreedom(7);
+  ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
+  opt.setFunctional(&f);
+  // Probes of entry 6 stay positive (1 +- 0.4 at the first step).
+  opt.optimize(1.0, 1.0 / 64.0);
+  t.composeMatrix();
+  // Entries 7 and 8 follow entry 6 and were never varied on their own, so a
+  // start at 1, 1, 1 stays a uniform scale; the best point taken back after
+  // a sweep must not scale them a second time.
+  EXPECT_NEAR(t.paramVector[7], t.paramVector[6], 1e-12);
+  EXPECT_NEAR(t.paramVector[8], t.paramVector[6], 1e-12);
+  const double finalScaleStep = 1.0 / 64.0 * 0.4; // b * 4 / max extent
+  EXPECT_NEAR(t.paramVector[6], 1.25, finalScaleStep);
+  for (int k = 0; k < 3; k++)
+    EXPECT_NEAR(t.matrix[k][k], 1.25, finalScaleStep) << k;
+}
