@@ -62,6 +62,8 @@ void ZrAffineCommand::printHelp() {
               "                         --set metric=Correlation --set transform=Rigid=on,Iso-=on\n"
               "                         --set extendedOptions=on --set step=10,0.1\n"
               "                         ('zrreg ports ZrAffineRegistration' lists them all)\n"
+              "                         zrreg optimises on the finest resolution level too;\n"
+              "                         --set options=on skips it (faster, less accurate)\n"
               "\n"
               "outputs:\n"
               "  -o, --output FILE      the model with its new transform (required)\n"
@@ -195,7 +197,7 @@ int ZrAffineCommand::run(int argc, char** argv) {
       }
     }
   s.fire(m, false, error);
-  ZrRunContext::keepSingleLevel(m, o.quiet);
+  ZrRunContext::useFinestLevel(m, true, o.quiet);
   // Port settings after the defaults that the inputs bring, one update each
   // so that a setting can depend on the one before (a menu that grows).
   for (const auto& kv : o.sets) {

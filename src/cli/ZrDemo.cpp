@@ -72,7 +72,7 @@ int runElastic(ZrCliSession& s, int n, bool quiet, double& after) {
   reg->portData.connect(model);
   s.setPort(reg, "reference", "elasticReference", error);
   s.fire(reg, false, error);
-  ZrRunContext::keepSingleLevel(reg, quiet);
+  ZrRunContext::useFinestLevel(reg, true, quiet);
   if (!s.setPort(reg, "metric", "Euclidean", error) || !s.fire(reg, false, error)) {
     std::fprintf(stderr, "zrreg: %s\n", error.c_str());
     return 1;
@@ -192,7 +192,10 @@ int ZrDemo::run(int argc, char** argv) {
   known.getValue(m);
   std::printf("Making a %d^3 head phantom and a misaligned copy ...\n", n);
   ZrUniformScalarField3* ref = ZrPhantom::make(n, extent);
-  ZrUniformScalarField3* model = ZrPhantom::make(n, extent, m);
+  // The model's voxel grid is offset from the reference's by a fraction of a
+  // voxel, as with real scans.
+  const double shift[3] = {0.37, -0.29, 0.41};
+  ZrUniformScalarField3* model = ZrPhantom::make(n, extent, m, shift);
   ref->setName("reference");
   model->setName("model");
   ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
@@ -207,7 +210,7 @@ int ZrDemo::run(int argc, char** argv) {
   reg->portData.connect(model);
   s.setPort(reg, "reference", "reference", error);
   s.fire(reg, false, error);
-  ZrRunContext::keepSingleLevel(reg, quiet);
+  ZrRunContext::useFinestLevel(reg, true, quiet);
   if (!s.setPort(reg, "transform", "Rigid=on,Iso-=on", error)) {
     std::fprintf(stderr, "zrreg: %s\n", error.c_str());
     return 1;
@@ -237,7 +240,9 @@ int ZrDemo::run(int argc, char** argv) {
       for (int i = 0; i < n; i += 2) {
         if (v[(size_t(k) * n + j) * n + i] < 10)
           continue;
-        SbVec3d p(-extent / 2 + i * voxel, -extent / 2 + j * voxel, -extent / 2 + k * voxel), a, b;
+        SbVec3d p(-extent / 2 + (i + shift[0]) * voxel, -extent / 2 + (j + shift[1]) * voxel,
+                  -extent / 2 + (k + shift[2]) * voxel),
+            a, b;
         known.multVecMatrix(p, a);
         found.multVecMatrix(p, b);
         sum += std::sqrt((a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) +

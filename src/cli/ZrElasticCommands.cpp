@@ -314,7 +314,7 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
       return fail(error);
   }
   s.fire(m, false, error);
-  ZrRunContext::keepSingleLevel(m, a.values.count("--quiet") > 0);
+  ZrRunContext::useFinestLevel(m, false, a.values.count("--quiet") > 0);
   for (const auto& kv : a.sets) {
     if (!s.setPort(m, kv.first, kv.second, error))
       return fail(error);

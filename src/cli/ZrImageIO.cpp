@@ -16,11 +16,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
 #include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -176,6 +178,46 @@ std::string temporaryName(const std::string& path) {
 
 void removeQuietly(const std::string& path) { std::remove(path.c_str()); }
 
+// Reads a file just written back and compares its voxels with the field's.
+// Some of ITK's writers only print an error when the disk is full or a write
+// fails, so this is how a short or broken file is caught before it replaces
+// anything. A check that cannot get the memory is skipped.
+bool writtenIntact(const std::string& file, const ZrRegScalarField3* field, std::string& why) {
+  size_t bytes = field->lattice.numNodes() * qbPrimTypeSize(field->primType());
+  try {
+    itk::ImageIOBase::Pointer io =
+        itk::ImageIOFactory::CreateImageIO(file.c_str(), itk::ImageIOFactory::ReadMode);
+    if (!io) {
+      why = "the file written cannot be read back (is the disk full?)";
+      return false;
+    }
+    io->SetFileName(file);
+    io->ReadImageInformation();
+    if (size_t(io->GetImageSizeInBytes()) != bytes) {
+      why = "the file written holds " + std::to_string(io->GetImageSizeInBytes()) +
+            " bytes of voxels instead of " + std::to_string(bytes);
+      return false;
+    }
+    std::unique_ptr<char[]> data(new char[std::max<size_t>(1, bytes)]);
+    itk::ImageIORegion region(io->GetNumberOfDimensions());
+    for (unsigned a = 0; a < io->GetNumberOfDimensions(); a++) {
+      region.SetIndex(a, 0);
+      region.SetSize(a, io->GetDimensions(a));
+    }
+    io->SetIORegion(region);
+    io->Read(data.get());
+    if (std::memcmp(data.get(), field->lattice.dataPtr(), bytes) != 0) {
+      why = "the file written differs from the data (is the disk full?)";
+      return false;
+    }
+  } catch (const itk::ExceptionObject& e) {
+    why = std::string("the file written is incomplete (is the disk full?): ") + e.GetDescription();
+    return false;
+  } catch (const std::bad_alloc&) {
+  }
+  return true;
+}
+
 } // namespace
 
 ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& options,
@@ -188,13 +230,22 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     error = "cannot open '" + path + "': " + std::strerror(errno);
     return nullptr;
   }
-  itk::ImageIOBase::Pointer io =
-      itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::ReadMode);
+  // Choosing the reader already reads the file: some readers throw on a
+  // truncated one.
+  itk::ImageIOBase::Pointer io;
+  try {
+    io = itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::ReadMode);
+  } catch (const itk::ExceptionObject& e) {
+    error = "cannot read '" + path + "': " + e.GetDescription();
+    return nullptr;
+  }
   if (!io) {
     error = "'" + path + "' is not an image file that zrreg can read (see 'zrreg formats')";
     return nullptr;
   }
-  std::vector<char> buffer;
+  // Not zero-filled: a header that claims more voxels than the file holds
+  // then costs address space only, until the short read is reported.
+  std::unique_ptr<char, void (*)(void*)> buffer(nullptr, qbfree);
   try {
     io->SetFileName(path);
     io->ReadImageInformation();
@@ -250,18 +301,57 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
   size_t numVoxels = size_t(dims[0]) * dims[1] * dims[2];
   IOComponent comp = io->GetComponentType();
   inf.fileType = itk::ImageIOBase::GetComponentTypeAsString(comp);
+  if (comp == IOComponent::UNKNOWNCOMPONENTTYPE) {
+    // ITK throws when asked the size of an unknown type.
+    error = "'" + path + "' does not name a voxel type that zrreg knows";
+    return nullptr;
+  }
   size_t compSize = io->GetComponentSize();
+  // Checked in floating point, where the product cannot wrap around.
+  if (compSize == 0 || double(dims[0]) * dims[1] * dims[2] * compSize > 0.25 * double(SIZE_MAX)) {
+    error = "'" + path + "' claims a size of " + std::to_string(dims[0]) + "x" +
+            std::to_string(dims[1]) + "x" + std::to_string(dims[2]) + " voxels of " +
+            std::to_string(compSize) + " bytes, which no memory can hold";
+    return nullptr;
+  }
+  // A header can claim more voxels than its file holds, and some of ITK's
+  // readers then return the missing part as it happens to be instead of
+  // failing. Where the voxels are in the file itself, a file too short for
+  // them is refused: uncompressed NIfTI and VTK hold them byte for byte, and
+  // deflate (.nii.gz, compressed MetaImage) packs at most 1032 bytes into one.
+  {
+    std::string l = lowerName(path);
+    struct stat st;
+    double factor = endsWith(l, ".nii") || endsWith(l, ".vtk")      ? 1.0
+                    : endsWith(l, ".nii.gz") || endsWith(l, ".mha") ? 1032.0
+                                                                    : 0.0;
+    double claimed = double(numVoxels) * compSize;
+    // A single-file NIfTI has at least 352 bytes before its voxels.
+    double header = endsWith(l, ".nii") ? 352.0 : 0.0;
+    if (factor > 0 && stat(path.c_str(), &st) == 0 &&
+        claimed + header > factor * double(st.st_size)) {
+      error = "'" + path + "' is truncated or its header is wrong: it claims " +
+              std::to_string(dims[0]) + "x" + std::to_string(dims[1]) + "x" +
+              std::to_string(dims[2]) + " voxels (" + std::to_string(size_t(claimed)) +
+              " bytes), more than its " + std::to_string(st.st_size) + " bytes can hold";
+      return nullptr;
+    }
+  }
   try {
-    buffer.resize(numVoxels * compSize);
+    buffer.reset(static_cast<char*>(qbmalloc(numVoxels * compSize)));
     itk::ImageIORegion region(nd);
     for (unsigned a = 0; a < nd; a++) {
       region.SetIndex(a, 0);
       region.SetSize(a, io->GetDimensions(a));
     }
     io->SetIORegion(region);
-    io->Read(buffer.data());
+    io->Read(buffer.get());
   } catch (const itk::ExceptionObject& e) {
     error = "cannot read the voxels of '" + path + "': " + e.GetDescription();
+    return nullptr;
+  } catch (const QbMemoryException& e) {
+    error =
+        "not enough memory to read '" + path + "' (" + std::to_string(e.getNumBytes()) + " bytes)";
     return nullptr;
   } catch (const std::bad_alloc&) {
     error = "not enough memory to read '" + path + "'";
@@ -269,7 +359,7 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
   }
 
   int type = nativeType(comp);
-  void* src = buffer.data();
+  void* src = buffer.get();
   void* converted = nullptr;
   if (type < 0) {
     type = convertForeign(comp, src, numVoxels, converted, inf.notice);
@@ -365,8 +455,7 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
       }
   }
   qbfree(converted);
-  buffer.clear();
-  buffer.shrink_to_fit();
+  buffer.reset();
 
   // Local coordinates: world = R * local. The box starts at R^T * origin, so
   // with no rotation the box holds world coordinates and no transform is set.
@@ -510,6 +599,14 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
 
   bool detached = isDetachedFormat(path);
   std::string target = detached ? path : temporaryName(path);
+  // Creating the file first gives the real reason (a missing or read-only
+  // folder) where a writer would only print its own.
+  if (FILE* probe = std::fopen(target.c_str(), "wb")) {
+    std::fclose(probe);
+  } else {
+    error = "cannot write '" + path + "': " + std::strerror(errno);
+    return false;
+  }
   try {
     io->SetFileName(target);
     io->WriteImageInformation();
@@ -517,6 +614,12 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
   } catch (const itk::ExceptionObject& e) {
     removeQuietly(target);
     error = "cannot write '" + path + "': " + e.GetDescription();
+    return false;
+  }
+  std::string why;
+  if (!writtenIntact(target, field, why)) {
+    removeQuietly(target);
+    error = "cannot write '" + path + "': " + why;
     return false;
   }
   if (!detached && std::rename(target.c_str(), path.c_str()) != 0) {

@@ -110,17 +110,26 @@ ZrUniformScalarField3* ZrPhantom::makeLabels(int n, double extent, double amplit
   return new ZrUniformLabelField3(dims, 0, box, data);
 }
 
-ZrUniformScalarField3* ZrPhantom::make(int n, double extent, const double (*m)[4]) {
+ZrUniformScalarField3* ZrPhantom::make(int n, double extent, const double (*m)[4],
+                                       const double* shift) {
   int dims[3] = {n, n, n};
   float h = float(extent / 2);
-  float box[6] = {-h, h, -h, h, -h, h};
-  uint8_t* data = static_cast<uint8_t*>(qbmalloc(size_t(n) * n * n));
   double step = n > 1 ? extent / (n - 1) : 0;
+  double lo[3] = {-h, -h, -h};
+  if (shift)
+    for (int a = 0; a < 3; a++)
+      lo[a] += shift[a] * step;
+  float box[6];
+  for (int a = 0; a < 3; a++) {
+    box[2 * a] = float(lo[a]);
+    box[2 * a + 1] = float(lo[a] + extent);
+  }
+  uint8_t* data = static_cast<uint8_t*>(qbmalloc(size_t(n) * n * n));
 #pragma omp parallel for schedule(static)
   for (int k = 0; k < n; k++)
     for (int j = 0; j < n; j++)
       for (int i = 0; i < n; i++) {
-        double p[3] = {-h + i * step, -h + j * step, -h + k * step};
+        double p[3] = {lo[0] + i * step, lo[1] + j * step, lo[2] + k * step};
         double w[3] = {p[0], p[1], p[2]};
         if (m)
           for (int c = 0; c < 3; c++)

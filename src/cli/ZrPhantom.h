@@ -18,8 +18,11 @@ public:
   // given, voxel local position p shows the phantom at p * M: the image is the
   // phantom seen through that transform, and M is what a registration onto
   // the untransformed phantom has to find.
+  // shift (in voxels, per axis) moves the lattice inside the cube, so that a
+  // model need not share the reference's voxel grid, as real scans do not.
   static ZrUniformScalarField3* make(int n, double extent,
-                                     const double (*modelToWorld)[4] = nullptr);
+                                     const double (*modelToWorld)[4] = nullptr,
+                                     const double* shift = nullptr);
   // The smooth deformation used for the elastic demonstration: a displacement
   // of at most `amplitude` mm per axis, made of long sine waves.
   static void warp(double amplitude, const double p[3], double u[3]);

@@ -127,7 +127,10 @@ int ZrPhantomCommand::run(int argc, char** argv) {
                 ext.c_str());
     return 0;
   }
-  std::unique_ptr<ZrUniformScalarField3> model(ZrPhantom::make(n, extent, mm));
+  // Offset by a fraction of a voxel: the model does not share the
+  // reference's grid.
+  const double shift[3] = {0.37, -0.29, 0.41};
+  std::unique_ptr<ZrUniformScalarField3> model(ZrPhantom::make(n, extent, mm, shift));
   if (!ZrImageIO::write(ref.get(), dir + "/reference" + ext, error) ||
       !ZrImageIO::write(model.get(), dir + "/model" + ext, error) ||
       !ZrTransformFiles::writeMatrix(m.transpose(), dir + "/known.txt", error)) {

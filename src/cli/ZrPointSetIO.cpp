@@ -4,6 +4,7 @@
 #include "ZrVertexSet.h"
 
 #include <cerrno>
+#include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -42,6 +43,9 @@ std::string stripComment(const std::string& line) {
   size_t h = line.find('#');
   return h == std::string::npos ? line : line.substr(0, h);
 }
+
+// Coordinates are kept as floats: larger values would become infinite.
+bool fitsFloat(double v) { return std::isfinite(v) && std::fabs(v) <= FLT_MAX; }
 
 bool isBlank(const std::string& s) { return s.find_first_not_of(" \t\r\n,;") == std::string::npos; }
 
@@ -88,8 +92,9 @@ bool readRows(const std::string& path, std::vector<std::vector<double>>& rows, s
       return false;
     }
     for (double v : nums)
-      if (!std::isfinite(v)) {
-        error = path + ":" + std::to_string(lineNo) + ": coordinate is not a finite number";
+      if (!fitsFloat(v)) {
+        error = path + ":" + std::to_string(lineNo) +
+                ": coordinate is not a finite number within the range of a float";
         return false;
       }
     rows.push_back(nums);
@@ -152,24 +157,31 @@ ZrVertexSet* readOff(const std::string& path, std::string& error) {
     p++;
     return true;
   };
+  // A count is a whole number no larger than the tokens left could hold, so
+  // that a lying header cannot ask for more memory than the file's size.
+  auto count = [&](double& v, size_t perItem) {
+    return number(v) && v >= 0 && v == std::floor(v) && v * perItem <= double(tokens.size() - p);
+  };
   double nv, nf, ne;
-  if (!number(nv) || !number(nf) || !number(ne) || nv < 0 || nf < 0) {
+  if (!count(nv, 0) || !count(nf, 0) || !number(ne) || nv * 3 > double(tokens.size() - p) ||
+      nf > double(tokens.size() - p)) {
     error = "'" + path + "' is not an OFF mesh (expected the counts of vertices, faces, edges)";
     return nullptr;
   }
   ZrVertexSet* set = new ZrVertexSet;
   for (int i = 0; i < int(nv); i++) {
     double x, y, z;
-    if (!number(x) || !number(y) || !number(z)) {
+    if (!number(x) || !number(y) || !number(z) || !fitsFloat(x) || !fitsFloat(y) || !fitsFloat(z)) {
       delete set;
-      error = "'" + path + "': vertex " + std::to_string(i) + " is incomplete";
+      error = "'" + path + "': vertex " + std::to_string(i) +
+              " is incomplete or not within the range of a float";
       return nullptr;
     }
     set->appendPoint(QbVec3f(float(x), float(y), float(z)));
   }
   for (int f = 0; f < int(nf); f++) {
     double n;
-    if (!number(n) || n < 3) {
+    if (!count(n, 1) || n < 3) {
       delete set;
       error = "'" + path + "': face " + std::to_string(f) + " is invalid";
       return nullptr;
@@ -177,7 +189,7 @@ ZrVertexSet* readOff(const std::string& path, std::string& error) {
     std::vector<int> idx(static_cast<size_t>(n));
     for (auto& i : idx) {
       double v;
-      if (!number(v) || v < 0 || v >= nv) {
+      if (!number(v) || !(v >= 0 && v < nv)) {
         delete set;
         error = "'" + path + "': face " + std::to_string(f) + " refers to a missing vertex";
         return nullptr;

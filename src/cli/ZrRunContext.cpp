@@ -50,18 +50,27 @@ bool ZrRunContext::parseInt(const char* text, int& value) {
   return true;
 }
 
-void ZrRunContext::keepSingleLevel(ZrCompModule* module, bool quiet) {
+void ZrRunContext::useFinestLevel(ZrCompModule* module, bool always, bool quiet) {
   auto* coarsest = dynamic_cast<ZrPortIntTextN*>(module->getPort("coarsestResolution"));
   auto* options = dynamic_cast<ZrPortToggleList*>(module->getPort("options"));
   if (!coarsest || !options || !options->getValue(0))
     return;
+  bool singleLevel = true;
   for (int a = 0; a < coarsest->getNumEntries(); a++)
-    if (coarsest->getValue(a) > 1)
-      return;
+    singleLevel &= coarsest->getValue(a) <= 1;
+  if (!always && !singleLevel)
+    return;
   options->setValue(0, 0);
+  // With one level, switching to the gradient search on the finest level
+  // would leave the whole run to it; the direction search does better from a
+  // distant start.
+  std::string ignored;
+  if (singleLevel)
+    if (ZrPort* gradient = module->getPort("nLevelsGradient"))
+      gradient->setFromText("0,0.0001", ignored);
   module->fire(0);
   module->untouchPorts(true);
-  if (!quiet)
+  if (singleLevel && !quiet)
     std::fprintf(stderr, "zrreg: the reference is small enough for a single resolution level; "
-                         "registering at full resolution (--set options=off,... to change)\n");
+                         "registering at full resolution with the direction search only\n");
 }

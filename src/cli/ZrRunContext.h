@@ -21,11 +21,14 @@ public:
   // True when Ctrl-C was pressed during the run.
   bool interrupted() const;
 
-  // A registration module whose pyramid has a single level and that is set to
-  // skip the finest level would not register at all: small images are then
-  // registered at full resolution, with a notice. Ports the user set are left
-  // alone (call before applying --set).
-  static void keepSingleLevel(ZrCompModule* module, bool quiet);
+  // Makes a registration module optimise on its finest level too. The
+  // module's own default skips that level, which is fast but costs accuracy
+  // that users of a command-line tool expect; with `always` false this is
+  // done only where the pyramid has a single level, which would otherwise
+  // not be registered at all. A single level also runs without the switch to
+  // the gradient search, which would otherwise do the whole run. Call before
+  // applying --set, so that the user's settings win.
+  static void useFinestLevel(ZrCompModule* module, bool always, bool quiet);
 
   // Parses "--threads N" style values; false on a bad number.
   static bool parseInt(const char* text, int& value);

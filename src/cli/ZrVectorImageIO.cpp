@@ -10,10 +10,16 @@
 // Included for its side effect: it registers ITK's image I/O factories here.
 #include <itkImageFileReader.h>
 
+#include "qbmalloc.h"
+
+#include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -133,8 +139,14 @@ bool ZrVectorImageIO::writeOnLattice(const ZrRegScalarField3* lattice, const flo
 }
 
 ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& error) {
-  itk::ImageIOBase::Pointer io =
-      itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::ReadMode);
+  // Choosing the reader already reads the file, and some readers throw.
+  itk::ImageIOBase::Pointer io;
+  try {
+    io = itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::ReadMode);
+  } catch (const itk::ExceptionObject& e) {
+    error = "cannot read '" + path + "': " + e.GetDescription();
+    return nullptr;
+  }
   if (!io) {
     error = "cannot read '" + path + "' as an image";
     return nullptr;
@@ -158,24 +170,50 @@ ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& e
       std::vector<double> d = io->GetDirection(a);
       for (unsigned r = 0; r < nd && r < d.size(); r++)
         dir[r][a] = d[r];
+      if (dims[a] < 1 || !(spacing[a] > 0) || !std::isfinite(spacing[a])) {
+        error = "'" + path + "' has an invalid size or spacing along axis " + std::to_string(a);
+        return nullptr;
+      }
     }
     size_t n = size_t(dims[0]) * dims[1] * dims[2];
-    // Read as stored, then convert to float.
-    std::vector<char> raw(n * 3 * io->GetComponentSize());
+    // A header can claim more vectors than its file holds: refuse a single
+    // file too short for them (uncompressed NIfTI byte for byte, deflate at
+    // most 1032 bytes from one) before taking the memory.
+    double claimed = double(dims[0]) * dims[1] * dims[2] * 3 * io->GetComponentSize();
+    std::string l = path;
+    for (char& c : l)
+      c = char(std::tolower((unsigned char)c));
+    auto endsWith = [&](const char* suffix) {
+      size_t k = std::strlen(suffix);
+      return l.size() >= k && l.compare(l.size() - k, k, suffix) == 0;
+    };
+    double factor = endsWith(".nii") ? 1.0 : endsWith(".nii.gz") || endsWith(".mha") ? 1032.0 : 0.0;
+    struct stat st;
+    if (claimed > 0.25 * double(SIZE_MAX) ||
+        (factor > 0 && stat(path.c_str(), &st) == 0 && claimed > factor * double(st.st_size))) {
+      error = "'" + path + "' is truncated or its header is wrong: it claims " +
+              std::to_string(dims[0]) + "x" + std::to_string(dims[1]) + "x" +
+              std::to_string(dims[2]) + " vectors, more than its size can hold";
+      return nullptr;
+    }
+    // Read as stored, then convert to float. Not zero-filled: memory is only
+    // touched as the reader fills it.
+    std::unique_ptr<char, void (*)(void*)> raw(
+        static_cast<char*>(qbmalloc(n * 3 * io->GetComponentSize())), qbfree);
     itk::ImageIORegion region(nd);
     for (unsigned a = 0; a < nd; a++) {
       region.SetIndex(a, 0);
       region.SetSize(a, io->GetDimensions(a));
     }
     io->SetIORegion(region);
-    io->Read(raw.data());
+    io->Read(raw.get());
     data.resize(3 * n);
     auto comp = io->GetComponentType();
     for (size_t i = 0; i < 3 * n; i++) {
       if (comp == itk::IOComponentEnum::FLOAT)
-        data[i] = reinterpret_cast<const float*>(raw.data())[i];
+        data[i] = reinterpret_cast<const float*>(raw.get())[i];
       else if (comp == itk::IOComponentEnum::DOUBLE)
-        data[i] = float(reinterpret_cast<const double*>(raw.data())[i]);
+        data[i] = float(reinterpret_cast<const double*>(raw.get())[i]);
       else {
         error = "'" + path + "' does not hold float vectors";
         return nullptr;
@@ -187,6 +225,10 @@ ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& e
     }
   } catch (const itk::ExceptionObject& e) {
     error = "cannot read '" + path + "': " + e.GetDescription();
+    return nullptr;
+  } catch (const QbMemoryException& e) {
+    error =
+        "not enough memory to read '" + path + "' (" + std::to_string(e.getNumBytes()) + " bytes)";
     return nullptr;
   }
   // Local coordinates: world = D * local with the box at D^T * origin, as for

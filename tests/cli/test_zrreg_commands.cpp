@@ -47,7 +47,7 @@ class ZrregCommands : public ::testing::Test {
 protected:
   static void SetUpTestSuite() {
     dir = "/tmp/zrreg-cmdtest-" + std::to_string(getpid());
-    Result r = run("phantom --size 40 --out " + dir);
+    Result r = run("phantom --size 64 --out " + dir);
     ASSERT_EQ(r.status, 0) << r.output;
   }
   static void TearDownTestSuite() { std::system(("rm -rf " + dir).c_str()); }
@@ -119,7 +119,7 @@ TEST_F(ZrregCommands, AffineFindsTheKnownTransform) {
   ASSERT_TRUE(ZrTransformFiles::readMatrix(mat, found, error)) << error;
   ASSERT_TRUE(ZrTransformFiles::readItkAffine(tfm, itk, error)) << error;
   // Mean distance between where the known and the found transform put the
-  // points of the head, against a quarter of a voxel (220/39 mm).
+  // points of the head, against a quarter of a voxel (220/63 mm).
   double sum = 0;
   int count = 0;
   for (int x = -60; x <= 60; x += 10)
@@ -136,7 +136,7 @@ TEST_F(ZrregCommands, AffineFindsTheKnownTransform) {
         sum += std::sqrt(d2);
         count++;
       }
-  EXPECT_LT(sum / count, 0.25 * 220.0 / 39.0);
+  EXPECT_LT(sum / count, 0.25 * 220.0 / 63.0);
   // The ITK transform goes the other way: reference point to model point.
   SbMatrixd product = itk * found;
   EXPECT_TRUE(product.equals(SbMatrixd::identity(), 1e-6));
