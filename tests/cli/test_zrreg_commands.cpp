@@ -141,3 +141,30 @@ TEST_F(ZrregCommands, AffineFindsTheKnownTransform) {
   SbMatrixd product = itk * found;
   EXPECT_TRUE(product.equals(SbMatrixd::identity(), 1e-6));
 }
+
+TEST_F(ZrregCommands, ScriptDrivesAModuleThroughItsPorts) {
+  std::string script = dir + "/script.txt", out = dir + "/script-out.nii.gz";
+  std::ofstream(script) << "load ref " << dir << "/reference.nii.gz\n"
+                        << "load mov \"" << dir << "/model.nii.gz\"\n"
+                        << "create ZrAffineRegistration reg\n"
+                        << "connect reg model mov\n"
+                        << "connect reg reference ref\n"
+                        << "update reg\n"
+                        << "set reg metric Euclidean\n"
+                        << "set reg transform Rigid=on\n"
+                        << "hit reg action Register\n"
+                        << "compute reg\n"
+                        << "save mov " << out << "\n";
+  Result r = run("run " + script);
+  ASSERT_EQ(r.status, 0) << r.output;
+  EXPECT_TRUE(exists(out));
+  // A bad line stops the script with its line number, and nothing after it runs.
+  std::string out2 = dir + "/never-saved.nii.gz";
+  std::ofstream(script) << "load ref " << dir << "/reference.nii.gz\n"
+                        << "set ref metric Euclidean\n"
+                        << "save ref " << out2 << "\n";
+  r = run("run " + script);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.output.find(":2:"), std::string::npos) << r.output;
+  EXPECT_FALSE(exists(out2));
+}
