@@ -1,5 +1,6 @@
 #include "ZrSnapshot.h"
 
+#include "ZrAtomicFile.h"
 #include "ZrRegScalarField3.h"
 
 #include <itkImageIOBase.h>
@@ -129,10 +130,7 @@ bool ZrSnapshot::write(const ZrRegScalarField3* ref, const ZrRegScalarField3* be
   region.SetSize(0, c.width);
   region.SetSize(1, c.height);
   io->SetIORegion(region);
-  size_t slash = path.find_last_of('/');
-  std::string tmp = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) +
-                    ".zrreg-" + std::to_string(getpid()) + "-" +
-                    (slash == std::string::npos ? path : path.substr(slash + 1));
+  std::string tmp = ZrAtomicFile::temporaryName(path);
   try {
     io->SetFileName(tmp);
     io->WriteImageInformation();
@@ -142,10 +140,5 @@ bool ZrSnapshot::write(const ZrRegScalarField3* ref, const ZrRegScalarField3* be
     error = "cannot write '" + path + "': " + e.GetDescription();
     return false;
   }
-  if (std::rename(tmp.c_str(), path.c_str()) != 0) {
-    error = "cannot write '" + path + "': " + std::strerror(errno);
-    std::remove(tmp.c_str());
-    return false;
-  }
-  return true;
+  return ZrAtomicFile::commit(tmp, path, error);
 }

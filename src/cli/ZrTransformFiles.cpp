@@ -1,6 +1,7 @@
 #include "ZrTransformFiles.h"
 
 #include "SbMatrixd.h"
+#include "ZrAtomicFile.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -11,26 +12,6 @@
 #include <vector>
 
 namespace {
-
-bool writeText(const std::string& path, const std::string& text, std::string& error) {
-  size_t slash = path.find_last_of('/');
-  std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
-  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  std::string tmp = dir + ".zrreg-" + std::to_string(getpid()) + "-" + base;
-  FILE* f = std::fopen(tmp.c_str(), "w");
-  if (!f) {
-    error = "cannot write '" + path + "': " + std::strerror(errno);
-    return false;
-  }
-  bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-  ok = std::fclose(f) == 0 && ok;
-  if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
-    error = "cannot write '" + path + "': " + std::strerror(errno);
-    std::remove(tmp.c_str());
-    return false;
-  }
-  return true;
-}
 
 std::string number(double v) {
   char buf[40];
@@ -57,7 +38,7 @@ bool ZrTransformFiles::writeMatrix(const SbMatrixd& a, const std::string& path,
   for (int r = 0; r < 4; r++)
     s += number(a[r][0]) + " " + number(a[r][1]) + " " + number(a[r][2]) + " " + number(a[r][3]) +
          "\n";
-  return writeText(path, s, error);
+  return ZrAtomicFile::writeText(path, s, error);
 }
 
 bool ZrTransformFiles::readMatrix(const std::string& path, SbMatrixd& a, std::string& error) {
@@ -101,7 +82,7 @@ bool ZrTransformFiles::writeItkAffine(const SbMatrixd& a, const std::string& pat
   for (int r = 0; r < 3; r++)
     s += " " + number(a[r][3]);
   s += "\nFixedParameters: 0 0 0\n";
-  return writeText(path, s, error);
+  return ZrAtomicFile::writeText(path, s, error);
 }
 
 bool ZrTransformFiles::readItkAffine(const std::string& path, SbMatrixd& a, std::string& error) {

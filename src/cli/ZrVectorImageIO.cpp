@@ -1,6 +1,7 @@
 #include "ZrVectorImageIO.h"
 
 #include "SbMatrixd.h"
+#include "ZrAtomicFile.h"
 #include "ZrRegScalarField3.h"
 #include "ZrRegVectorField3.h"
 #include "ZrUniformCoord3.h"
@@ -74,15 +75,8 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
     region.SetSize(a, g.dims[a]);
   }
   io->SetIORegion(region);
-  size_t slash = path.find_last_of('/');
-  std::string tmp = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) +
-                    ".zrreg-" + std::to_string(getpid()) + "-" +
-                    (slash == std::string::npos ? path : path.substr(slash + 1));
-  std::string lower = path;
-  for (char& c : lower)
-    c = char(std::tolower((unsigned char)c));
-  bool detached = lower.size() > 4 && (lower.compare(lower.size() - 4, 4, ".mhd") == 0 ||
-                                       lower.compare(lower.size() - 4, 4, ".hdr") == 0);
+  std::string tmp = ZrAtomicFile::temporaryName(path);
+  bool detached = ZrAtomicFile::isDetachedFormat(path);
   std::string target = detached ? path : tmp;
   try {
     io->SetFileName(target);
@@ -93,12 +87,7 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
     error = "cannot write '" + path + "': " + e.GetDescription();
     return false;
   }
-  if (!detached && std::rename(tmp.c_str(), path.c_str()) != 0) {
-    error = "cannot write '" + path + "': " + std::strerror(errno);
-    std::remove(tmp.c_str());
-    return false;
-  }
-  return true;
+  return detached || ZrAtomicFile::commit(tmp, path, error);
 }
 
 } // namespace

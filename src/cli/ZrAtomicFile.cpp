@@ -1,0 +1,51 @@
+#include "ZrAtomicFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+std::string ZrAtomicFile::temporaryName(const std::string& path) {
+  size_t slash = path.find_last_of('/');
+  std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  return dir + ".zrreg-" + std::to_string(getpid()) + "-" + base;
+}
+
+bool ZrAtomicFile::commit(const std::string& tmp, const std::string& path, std::string& error) {
+  if (std::rename(tmp.c_str(), path.c_str()) != 0) {
+    error = "cannot write '" + path + "': " + std::strerror(errno);
+    std::remove(tmp.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool ZrAtomicFile::writeText(const std::string& path, const std::string& text, std::string& error) {
+  std::string tmp = temporaryName(path);
+  FILE* f = std::fopen(tmp.c_str(), "w");
+  if (!f) {
+    error = "cannot write '" + path + "': " + std::strerror(errno);
+    return false;
+  }
+  bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+  ok = std::fclose(f) == 0 && ok;
+  if (!ok) {
+    error = "cannot write '" + path + "': " + std::strerror(errno);
+    std::remove(tmp.c_str());
+    return false;
+  }
+  return commit(tmp, path, error);
+}
+
+bool ZrAtomicFile::isDetachedFormat(const std::string& path) {
+  std::string l = path;
+  std::transform(l.begin(), l.end(), l.begin(), [](unsigned char c) { return std::tolower(c); });
+  for (const char* suffix : {".mhd", ".hdr", ".nhdr", ".img", ".img.gz"}) {
+    size_t n = std::strlen(suffix);
+    if (l.size() >= n && l.compare(l.size() - n, n, suffix) == 0)
+      return true;
+  }
+  return false;
+}

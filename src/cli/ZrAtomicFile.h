@@ -1,0 +1,18 @@
+#pragma once
+// Output files that appear complete or not at all: data is written under a
+// hidden temporary name in the target's folder (same extension, so image
+// writers pick the same format) and renamed into place once it is complete.
+#include <string>
+
+class ZrAtomicFile {
+public:
+  // ".zrreg-<pid>-<name>" beside path.
+  static std::string temporaryName(const std::string& path);
+  // Renames tmp to path; on failure removes tmp and says why in error.
+  static bool commit(const std::string& tmp, const std::string& path, std::string& error);
+  // Writes text to path through a temporary file.
+  static bool writeText(const std::string& path, const std::string& text, std::string& error);
+  // Formats whose header names a separate data file (.mhd, .hdr, .nhdr, .img):
+  // renaming the header would break that link, so they are written in place.
+  static bool isDetachedFormat(const std::string& path);
+};
