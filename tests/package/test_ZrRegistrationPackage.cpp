@@ -126,6 +126,20 @@ TEST(ZrRegistrationPackage, EntriesStampAndModuleByName) {
   m->fire(1);
   delete m;
 
+  // The other three modules, by class name, each registered once.
+  for (const char* name :
+       {"ZrElasticRegistration", "ZrApplyBSplineTransform", "ZrApplyDeformation"}) {
+    const QbTypeInfo* t = QbTypeInfo::fromName(name);
+    ASSERT_NE(t, nullptr) << name;
+    EXPECT_EQ(countTypes(name), 1) << name;
+    ASSERT_TRUE(t->canCreate()) << name;
+    ZrCompModule* other = dynamic_cast<ZrCompModule*>(t->createInstance());
+    ASSERT_NE(other, nullptr) << name;
+    EXPECT_EQ(other->getTypeId(), t);
+    other->fire(0);
+    delete other;
+  }
+
   p.dtor();
   p.finish();
 }
