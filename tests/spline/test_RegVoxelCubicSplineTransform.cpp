@@ -13,7 +13,8 @@ QbVec3d splineAt(const RegVoxelCubicSplineTransform& t, const double u[3]) {
   RegSplineInterpolant r[3];
   int cell[3];
   for (int a = 0; a < 3; a++) {
-    cell[a] = std::min(t.gridSize[a] - 4, (int)std::floor(u[a]));
+    // A finite-difference step just below 0 stays in the first cell.
+    cell[a] = std::max(0, std::min(t.gridSize[a] - 4, (int)std::floor(u[a])));
     r[a].setWeights(u[a] - cell[a]);
   }
   QbVec3d s;
@@ -282,8 +283,8 @@ TEST(RegVoxelCubicSplineTransform, Derivatives2DMatchFiniteDifferences) {
   // The 2-D spline is the tensor product in x and y; z weights do not enter.
   auto at = [&](double ux, double uy) {
     RegSplineInterpolant rx, ry;
-    const int cx = std::min(n[0] - 4, (int)std::floor(ux)),
-              cy = std::min(n[1] - 4, (int)std::floor(uy));
+    const int cx = std::max(0, std::min(n[0] - 4, (int)std::floor(ux))),
+              cy = std::max(0, std::min(n[1] - 4, (int)std::floor(uy)));
     rx.setWeights(ux - cx), ry.setWeights(uy - cy);
     QbVec3d s;
     for (int mm = 0; mm < 4; mm++)
