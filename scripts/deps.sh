@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, the tests and the benchmarks need.
+# Installs the Debian packages the build, the tests and the benchmarks need
+# (clang and its runtimes: the libFuzzer targets of fuzz/).
 # Runs as root; does nothing when everything is there already.
 set -euo pipefail
 PACKAGES=(build-essential cmake ninja-build pkg-config git
   libgtest-dev libgmock-dev libbenchmark-dev libomp-dev
-  libinsighttoolkit5-dev libgdcm-tools clang-format)
+  libinsighttoolkit5-dev libgdcm-tools clang-format
+  clang libclang-rt-dev)
 missing=()
 for p in "${PACKAGES[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Hardening runs, after the normal build and tests (scripts/test.sh):
+#  1. everything built with AddressSanitizer and UBSan (gcc, build-sanitize/),
+#     and the whole test suite run on it;
+#  2. the libFuzzer targets of fuzz/ (clang, build-fuzz/: only the host library,
+#     the loaders of zrreg and the targets), each replaying its seeds and kept
+#     crash inputs, then fuzzing for ZR_FUZZ_SECONDS (default 20) seconds (the
+#     targets through ITK's MetaImage and TIFF readers only replay: see
+#     fuzz/CMakeLists.txt).
+# SANITIZE_ONLY=1 skips the fuzz targets, FUZZ_ONLY=1 the sanitizer build. New crash inputs are
+# left in build-fuzz/fuzz/crashes/.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/deps.sh
+JOBS=${JOBS:-$(nproc)}
+ROOT=$PWD
+LAUNCHER=()
+if command -v ccache > /dev/null; then
+  LAUNCHER=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+# A failing malloc returns null (qbmalloc turns that into its exception, as
+# without the sanitizer); leaks inside third-party readers are listed in
+# fuzz/lsan.supp; undefined behaviour ends the test with a stack.
+export ASAN_OPTIONS=allocator_may_return_null=1
+export LSAN_OPTIONS=suppressions=$ROOT/fuzz/lsan.supp
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+
+if [ "${FUZZ_ONLY:-0}" != 1 ]; then
+  echo "== sanitizer build (AddressSanitizer, UBSan)"
+  cmake -S . -B build-sanitize -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" -DZR_SANITIZE=ON "${LAUNCHER[@]}"
+  cmake --build build-sanitize -j "$JOBS"
+  (cd build-sanitize && ctest --output-on-failure -j "$JOBS" "$@")
+fi
+
+if [ "${SANITIZE_ONLY:-0}" != 1 ]; then
+  echo "== fuzz targets (libFuzzer, ${ZR_FUZZ_SECONDS:-20} s each)"
+  CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" -DZR_SANITIZE=ON -DZR_BUILD_FUZZ=ON \
+    -DZR_BUILD_TESTS=OFF -DZR_FUZZ_SECONDS="${ZR_FUZZ_SECONDS:-20}" "${LAUNCHER[@]}"
+  cmake --build build-fuzz -j "$JOBS" --target zr_fuzz_targets
+  cd build-fuzz
+  ctest --output-on-failure -j "$JOBS" -L '^fuzz-regression$'
+  ctest --output-on-failure -j "$JOBS" -L '^fuzz$'
+fi
