@@ -2,6 +2,7 @@
 
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
+#include "ZrAtomicFile.h"
 #include "ZrUniformLabelField3.h"
 #include "ZrUniformScalarField3.h"
 #include "qbmalloc.h"
@@ -157,23 +158,6 @@ std::string lowerName(const std::string& path) {
 bool endsWith(const std::string& s, const char* suffix) {
   size_t n = std::strlen(suffix);
   return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
-}
-
-// Formats whose header names a separate data file: renaming the header after
-// writing would break that link, so they are written in place.
-bool isDetachedFormat(const std::string& path) {
-  std::string l = lowerName(path);
-  return endsWith(l, ".mhd") || endsWith(l, ".hdr") || endsWith(l, ".nhdr") ||
-         endsWith(l, ".img") || endsWith(l, ".img.gz");
-}
-
-// The file name with a hidden temporary prefix, in the same directory, with
-// the same extension so the writer chooses the same format.
-std::string temporaryName(const std::string& path) {
-  size_t slash = path.find_last_of('/');
-  std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
-  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  return dir + ".zrreg-" + std::to_string(getpid()) + "-" + base;
 }
 
 void removeQuietly(const std::string& path) { std::remove(path.c_str()); }
@@ -597,8 +581,8 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
   }
   io->SetIORegion(region);
 
-  bool detached = isDetachedFormat(path);
-  std::string target = detached ? path : temporaryName(path);
+  bool detached = ZrAtomicFile::isDetachedFormat(path);
+  std::string target = detached ? path : ZrAtomicFile::temporaryName(path);
   // Creating the file first gives the real reason (a missing or read-only
   // folder) where a writer would only print its own.
   if (FILE* probe = std::fopen(target.c_str(), "wb")) {

@@ -1,5 +1,6 @@
 #include "ZrPointSetIO.h"
 
+#include "ZrAtomicFile.h"
 #include "ZrLandmarkSet.h"
 #include "ZrVertexSet.h"
 
@@ -98,27 +99,6 @@ bool readRows(const std::string& path, std::vector<std::vector<double>>& rows, s
         return false;
       }
     rows.push_back(nums);
-  }
-  return true;
-}
-
-// Writes text to a temporary name beside path and renames it into place.
-bool writeAtomically(const std::string& path, const std::string& text, std::string& error) {
-  size_t slash = path.find_last_of('/');
-  std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
-  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  std::string tmp = dir + ".zrreg-" + std::to_string(getpid()) + "-" + base;
-  FILE* f = std::fopen(tmp.c_str(), "w");
-  if (!f) {
-    error = "cannot write '" + path + "': " + std::strerror(errno);
-    return false;
-  }
-  bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-  ok = (std::fclose(f) == 0) && ok;
-  if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
-    error = "cannot write '" + path + "': " + std::strerror(errno);
-    std::remove(tmp.c_str());
-    return false;
   }
   return true;
 }
@@ -246,7 +226,7 @@ bool ZrPointSetIO::writeLandmarks(const ZrLandmarkSet* set, const std::string& p
     }
     text += "\n";
   }
-  return writeAtomically(path, text, error);
+  return ZrAtomicFile::writeText(path, text, error);
 }
 
 ZrVertexSet* ZrPointSetIO::readVertices(const std::string& path, std::string& error) {
@@ -296,5 +276,5 @@ bool ZrPointSetIO::writeVertices(const ZrVertexSet* set, const std::string& path
       text += "\n";
     }
   }
-  return writeAtomically(path, text, error);
+  return ZrAtomicFile::writeText(path, text, error);
 }
