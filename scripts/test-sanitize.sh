@@ -4,9 +4,7 @@
 #     and the whole test suite run on it;
 #  2. the libFuzzer targets of fuzz/ (clang, build-fuzz/: only the host library,
 #     the loaders of zrreg and the targets), each replaying its seeds and kept
-#     crash inputs, then fuzzing for ZR_FUZZ_SECONDS (default 20) seconds (the
-#     targets through ITK's MetaImage and TIFF readers only replay: see
-#     fuzz/CMakeLists.txt).
+#     crash inputs, then fuzzing for ZR_FUZZ_SECONDS (default 20) seconds.
 # SANITIZE_ONLY=1 skips the fuzz targets, FUZZ_ONLY=1 the sanitizer build. New crash inputs are
 # left in build-fuzz/fuzz/crashes/.
 set -euo pipefail

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 std::string ZrAtomicFile::temporaryName(const std::string& path) {
@@ -48,4 +49,32 @@ bool ZrAtomicFile::isDetachedFormat(const std::string& path) {
       return true;
   }
   return false;
+}
+
+std::vector<std::string> ZrAtomicFile::absentDataFiles(const std::string& path) {
+  std::string l = path;
+  std::transform(l.begin(), l.end(), l.begin(), [](unsigned char c) { return std::tolower(c); });
+  // Header suffix, and the data suffixes its writers use.
+  static const char* const pairs[][3] = {
+      {".mhd", ".raw", ".zraw"}, {".nhdr", ".raw", ".raw.gz"}, {".hdr", ".img", ".img.gz"}};
+  std::vector<std::string> names;
+  for (const auto& p : pairs) {
+    size_t n = std::strlen(p[0]);
+    if (l.size() < n || l.compare(l.size() - n, n, p[0]) != 0)
+      continue;
+    for (int k = 1; k < 3; k++) {
+      const std::string name = path.substr(0, path.size() - n) + p[k];
+      struct stat st;
+      if (stat(name.c_str(), &st) != 0 &&
+          std::find(names.begin(), names.end(), name) == names.end())
+        names.push_back(name);
+    }
+  }
+  return names;
+}
+
+void ZrAtomicFile::removeWithData(const std::string& path, const std::vector<std::string>& data) {
+  std::remove(path.c_str());
+  for (const std::string& name : data)
+    std::remove(name.c_str());
 }

@@ -3,6 +3,7 @@
 // hidden temporary name in the target's folder (same extension, so image
 // writers pick the same format) and renamed into place once it is complete.
 #include <string>
+#include <vector>
 
 class ZrAtomicFile {
 public:
@@ -15,4 +16,10 @@ public:
   // Formats whose header names a separate data file (.mhd, .hdr, .nhdr, .img):
   // renaming the header would break that link, so they are written in place.
   static bool isDetachedFormat(const std::string& path);
+  // The data files a writer may create beside the detached header path that
+  // do not exist yet: a failed write removes them with the header, and files
+  // that were there before are left alone.
+  static std::vector<std::string> absentDataFiles(const std::string& path);
+  // Removes path and the files of absentDataFiles, quietly.
+  static void removeWithData(const std::string& path, const std::vector<std::string>& data);
 };

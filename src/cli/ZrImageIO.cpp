@@ -3,6 +3,7 @@
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
 #include "ZrAtomicFile.h"
+#include "ZrReaderGuard.h"
 #include "ZrUniformLabelField3.h"
 #include "ZrUniformScalarField3.h"
 #include "qbmalloc.h"
@@ -162,46 +163,6 @@ bool endsWith(const std::string& s, const char* suffix) {
 
 void removeQuietly(const std::string& path) { std::remove(path.c_str()); }
 
-// Reads a file just written back and compares its voxels with the field's.
-// Some of ITK's writers only print an error when the disk is full or a write
-// fails, so this is how a short or broken file is caught before it replaces
-// anything. A check that cannot get the memory is skipped.
-bool writtenIntact(const std::string& file, const ZrRegScalarField3* field, std::string& why) {
-  size_t bytes = field->lattice.numNodes() * qbPrimTypeSize(field->primType());
-  try {
-    itk::ImageIOBase::Pointer io =
-        itk::ImageIOFactory::CreateImageIO(file.c_str(), itk::ImageIOFactory::ReadMode);
-    if (!io) {
-      why = "the file written cannot be read back (is the disk full?)";
-      return false;
-    }
-    io->SetFileName(file);
-    io->ReadImageInformation();
-    if (size_t(io->GetImageSizeInBytes()) != bytes) {
-      why = "the file written holds " + std::to_string(io->GetImageSizeInBytes()) +
-            " bytes of voxels instead of " + std::to_string(bytes);
-      return false;
-    }
-    std::unique_ptr<char[]> data(new char[std::max<size_t>(1, bytes)]);
-    itk::ImageIORegion region(io->GetNumberOfDimensions());
-    for (unsigned a = 0; a < io->GetNumberOfDimensions(); a++) {
-      region.SetIndex(a, 0);
-      region.SetSize(a, io->GetDimensions(a));
-    }
-    io->SetIORegion(region);
-    io->Read(data.get());
-    if (std::memcmp(data.get(), field->lattice.dataPtr(), bytes) != 0) {
-      why = "the file written differs from the data (is the disk full?)";
-      return false;
-    }
-  } catch (const itk::ExceptionObject& e) {
-    why = std::string("the file written is incomplete (is the disk full?): ") + e.GetDescription();
-    return false;
-  } catch (const std::bad_alloc&) {
-  }
-  return true;
-}
-
 } // namespace
 
 ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& options,
@@ -214,19 +175,9 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     error = "cannot open '" + path + "': " + std::strerror(errno);
     return nullptr;
   }
-  // Choosing the reader already reads the file: some readers throw on a
-  // truncated one.
-  itk::ImageIOBase::Pointer io;
-  try {
-    io = itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::ReadMode);
-  } catch (const itk::ExceptionObject& e) {
-    error = "cannot read '" + path + "': " + e.GetDescription();
+  itk::ImageIOBase::Pointer io = ZrReaderGuard::createReader(path, error);
+  if (!io || !ZrReaderGuard::survives(path, io, error))
     return nullptr;
-  }
-  if (!io) {
-    error = "'" + path + "' is not an image file that zrreg can read (see 'zrreg formats')";
-    return nullptr;
-  }
   // Not zero-filled: a header that claims more voxels than the file holds
   // then costs address space only, until the short read is reported.
   std::unique_ptr<char, void (*)(void*)> buffer(nullptr, qbfree);
@@ -583,6 +534,7 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
 
   bool detached = ZrAtomicFile::isDetachedFormat(path);
   std::string target = detached ? path : ZrAtomicFile::temporaryName(path);
+  const std::vector<std::string> freshData = ZrAtomicFile::absentDataFiles(path);
   // Creating the file first gives the real reason (a missing or read-only
   // folder) where a writer would only print its own.
   if (FILE* probe = std::fopen(target.c_str(), "wb")) {
@@ -596,13 +548,14 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
     io->WriteImageInformation();
     io->Write(field->lattice.dataPtr());
   } catch (const itk::ExceptionObject& e) {
-    removeQuietly(target);
+    ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + e.GetDescription();
     return false;
   }
   std::string why;
-  if (!writtenIntact(target, field, why)) {
-    removeQuietly(target);
+  if (!writtenIntact(target, field->lattice.dataPtr(),
+                     field->lattice.numNodes() * qbPrimTypeSize(field->primType()), why)) {
+    ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + why;
     return false;
   }
@@ -648,6 +601,46 @@ bool ZrImageIO::checkUsable(const ZrRegScalarField3* field, const char* role, st
     error = std::string("the ") + role + " image is constant (every voxel is " +
             std::to_string(first) + "); there is nothing to register";
     return false;
+  }
+  return true;
+}
+
+// Reads a file just written back and compares its voxels with the field's.
+// Some of ITK's writers only print an error when the disk is full or a write
+// fails, so this is how a short or broken file is caught before it replaces
+// anything. A check that cannot get the memory is skipped.
+bool ZrImageIO::writtenIntact(const std::string& file, const void* data, size_t bytes,
+                              std::string& why) {
+  try {
+    itk::ImageIOBase::Pointer io =
+        itk::ImageIOFactory::CreateImageIO(file.c_str(), itk::ImageIOFactory::ReadMode);
+    if (!io) {
+      why = "the file written cannot be read back (is the disk full?)";
+      return false;
+    }
+    io->SetFileName(file);
+    io->ReadImageInformation();
+    if (size_t(io->GetImageSizeInBytes()) != bytes) {
+      why = "the file written holds " + std::to_string(io->GetImageSizeInBytes()) +
+            " bytes of voxels instead of " + std::to_string(bytes);
+      return false;
+    }
+    std::unique_ptr<char[]> back(new char[std::max<size_t>(1, bytes)]);
+    itk::ImageIORegion region(io->GetNumberOfDimensions());
+    for (unsigned a = 0; a < io->GetNumberOfDimensions(); a++) {
+      region.SetIndex(a, 0);
+      region.SetSize(a, io->GetDimensions(a));
+    }
+    io->SetIORegion(region);
+    io->Read(back.get());
+    if (std::memcmp(back.get(), data, bytes) != 0) {
+      why = "the file written differs from the data (is the disk full?)";
+      return false;
+    }
+  } catch (const itk::ExceptionObject& e) {
+    why = std::string("the file written is incomplete (is the disk full?): ") + e.GetDescription();
+    return false;
+  } catch (const std::bad_alloc&) {
   }
   return true;
 }

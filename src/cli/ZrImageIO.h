@@ -9,6 +9,7 @@
 // for an axis-aligned file there is none. Writing puts the field's geometry,
 // transform included, back into the header, so a read/write round trip keeps
 // every voxel at its world position.
+#include <cstddef>
 #include <string>
 
 class ZrRegScalarField3;
@@ -43,6 +44,13 @@ public:
   // voxels, not constant, not flat on more than one axis. role names the
   // input in the message ("reference", "model").
   static bool checkUsable(const ZrRegScalarField3* field, const char* role, std::string& error);
+
+  // Reads the file just written back and compares its bytes of voxels with
+  // data. Some of ITK's writers only print an error when the disk is full or
+  // a write fails, so this is how a short or broken file is caught before it
+  // replaces anything. A check that cannot get the memory is skipped.
+  static bool writtenIntact(const std::string& file, const void* data, size_t bytes,
+                            std::string& why);
 
   // True when ITK has an image I/O that can write this file name.
   static bool canWrite(const std::string& path);

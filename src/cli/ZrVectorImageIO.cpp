@@ -2,6 +2,8 @@
 
 #include "SbMatrixd.h"
 #include "ZrAtomicFile.h"
+#include "ZrImageIO.h"
+#include "ZrReaderGuard.h"
 #include "ZrRegScalarField3.h"
 #include "ZrRegVectorField3.h"
 #include "ZrUniformCoord3.h"
@@ -78,13 +80,21 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
   std::string tmp = ZrAtomicFile::temporaryName(path);
   bool detached = ZrAtomicFile::isDetachedFormat(path);
   std::string target = detached ? path : tmp;
+  const std::vector<std::string> freshData = ZrAtomicFile::absentDataFiles(path);
   try {
     io->SetFileName(target);
     io->WriteImageInformation();
     io->Write(worldVectors);
   } catch (const itk::ExceptionObject& e) {
-    std::remove(target.c_str());
+    ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + e.GetDescription();
+    return false;
+  }
+  std::string why;
+  const size_t bytes = size_t(g.dims[0]) * g.dims[1] * g.dims[2] * 3 * sizeof(float);
+  if (!ZrImageIO::writtenIntact(target, worldVectors, bytes, why)) {
+    ZrAtomicFile::removeWithData(target, freshData);
+    error = "cannot write '" + path + "': " + why;
     return false;
   }
   return detached || ZrAtomicFile::commit(tmp, path, error);
@@ -128,18 +138,9 @@ bool ZrVectorImageIO::writeOnLattice(const ZrRegScalarField3* lattice, const flo
 }
 
 ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& error) {
-  // Choosing the reader already reads the file, and some readers throw.
-  itk::ImageIOBase::Pointer io;
-  try {
-    io = itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::ReadMode);
-  } catch (const itk::ExceptionObject& e) {
-    error = "cannot read '" + path + "': " + e.GetDescription();
+  itk::ImageIOBase::Pointer io = ZrReaderGuard::createReader(path, error);
+  if (!io || !ZrReaderGuard::survives(path, io, error))
     return nullptr;
-  }
-  if (!io) {
-    error = "cannot read '" + path + "' as an image";
-    return nullptr;
-  }
   std::vector<float> data;
   int dims[3] = {1, 1, 1};
   double spacing[3] = {1, 1, 1}, origin[3] = {0, 0, 0},

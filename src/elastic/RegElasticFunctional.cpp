@@ -405,8 +405,13 @@ double RegElasticFunctional::evaluateLandmarks() const {
 }
 
 void RegElasticFunctional::createThreads() {
+  // A second call replaces the workers and the evaluators they sampled with.
   for (int i = 0; i < threads.size(); i++)
     delete threads[i];
+  for (int i = 0; i < threadEvaluators.size(); i++)
+    delete threadEvaluators[i];
+  for (int i = 0; i < threadLocations.size(); i++)
+    delete threadLocations[i];
   threads.resize(numThreads);
   threadEvaluators.resize(numThreads);
   threadLocations.resize(numThreads);

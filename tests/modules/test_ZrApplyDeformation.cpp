@@ -67,7 +67,8 @@ TEST_F(ApplyDeformationTest, PortsAndType) {
   EXPECT_TRUE(module->isOfType(ZrCompModule::getClassTypeId()));
   ASSERT_NE(module->getPort("VectorField"), nullptr);
   EXPECT_STREQ(module->portAction.getLabel(0), "DoIt");
-  EXPECT_FALSE(module->portVectorField.accepts(new ZrVertexSet)) << "a field is required";
+  ZrVertexSet points;
+  EXPECT_FALSE(module->portVectorField.accepts(&points)) << "a field is required";
 }
 
 TEST_F(ApplyDeformationTest, MovesPointsAndRecomputesFromInput) {

@@ -1,0 +1,161 @@
+#include "ZrReaderGuard.h"
+
+#include <itkImageIOFactory.h>
+#include <itkObjectFactoryBase.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define ZR_GUARD_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZR_GUARD_SANITIZED 1
+#endif
+#endif
+#ifdef ZR_GUARD_SANITIZED
+#include <sanitizer/common_interface_defs.h>
+#endif
+
+namespace {
+
+std::string lowerName(const std::string& path) {
+  std::string s = path;
+  std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
+  return s;
+}
+
+bool endsWith(const std::string& s, const std::string& suffix) {
+  return s.size() >= suffix.size() &&
+         s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// The format a reader class reads, as users know it ("NiftiImageIO" ->
+// "NIfTI").
+std::string formatName(const itk::ImageIOBase* io) {
+  std::string kind = io->GetNameOfClass();
+  if (endsWith(kind, "ImageIO"))
+    kind.resize(kind.size() - 7);
+  static const char* const known[][2] = {{"Nifti", "NIfTI"},    {"Nrrd", "NRRD"},
+                                         {"Meta", "MetaImage"}, {"GDCM", "DICOM"},
+                                         {"Gipl", "GIPL"},      {"Stimulate", "Stimulate"}};
+  for (const auto& k : known)
+    if (kind == k[0])
+      return k[1];
+  return kind;
+}
+
+// Reads header and voxels with a fresh reader of io's kind; only the child of
+// survives runs this.
+void readEverything(const std::string& path, itk::ImageIOBase* io) {
+  itk::LightObject::Pointer copy = io->CreateAnother();
+  auto* reader = dynamic_cast<itk::ImageIOBase*>(copy.GetPointer());
+  if (!reader)
+    return;
+  reader->SetFileName(path);
+  reader->ReadImageInformation();
+  const unsigned nd = reader->GetNumberOfDimensions();
+  // The parent refuses what it cannot hold before it reads voxels; so does
+  // the probe (a quarter of the address space, as there).
+  double bytes = double(reader->GetComponentSize()) * reader->GetNumberOfComponents();
+  itk::ImageIORegion region(nd);
+  for (unsigned a = 0; a < nd; a++) {
+    region.SetIndex(a, 0);
+    region.SetSize(a, reader->GetDimensions(a));
+    bytes *= double(reader->GetDimensions(a));
+  }
+  if (!(bytes > 0) || bytes > 0.25 * double(SIZE_MAX))
+    return;
+  std::unique_ptr<char[]> data(new char[size_t(bytes)]);
+  reader->SetIORegion(region);
+  reader->Read(data.get());
+}
+
+} // namespace
+
+itk::ImageIOBase::Pointer ZrReaderGuard::createReader(const std::string& path, std::string& error) {
+  if (FILE* f = std::fopen(path.c_str(), "rb")) {
+    std::fclose(f);
+  } else {
+    error = "cannot open '" + path + "': " + std::strerror(errno);
+    return nullptr;
+  }
+  const std::string name = lowerName(path);
+  try {
+    bool claimed = false;
+    std::string kinds;
+    for (itk::LightObject::Pointer& object :
+         itk::ObjectFactoryBase::CreateAllInstance("itkImageIOBase")) {
+      auto* io = dynamic_cast<itk::ImageIOBase*>(object.GetPointer());
+      if (!io)
+        continue;
+      bool mine = false;
+      for (const std::string& ext : io->GetSupportedReadExtensions())
+        mine = mine || (!ext.empty() && endsWith(name, lowerName(ext)));
+      if (!mine)
+        continue;
+      claimed = true;
+      if (io->CanReadFile(path.c_str()))
+        return io;
+      kinds += (kinds.empty() ? "" : " or ") + formatName(io);
+    }
+    if (claimed) {
+      error = "'" + path + "' is not a valid " + kinds + " file (corrupt or of another format)";
+      return nullptr;
+    }
+    itk::ImageIOBase::Pointer io =
+        itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::ReadMode);
+    if (!io)
+      error = "'" + path + "' is not an image file that zrreg can read (see 'zrreg formats')";
+    return io;
+  } catch (const itk::ExceptionObject& e) {
+    error = "cannot read '" + path + "': " + e.GetDescription();
+    return nullptr;
+  }
+}
+
+bool ZrReaderGuard::survives(const std::string& path, itk::ImageIOBase* io, std::string& error) {
+  const std::string kind = io->GetNameOfClass();
+  if (kind == "NiftiImageIO" || kind == "NrrdImageIO" || kind == "VTKImageIO")
+    return true;
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child < 0)
+    return true; // no probe possible: read as usual
+  if (child == 0) {
+    // A crash here must end only this process, quietly and without leaving
+    // crash reports of the parent's handlers behind.
+    for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
+      std::signal(sig, SIG_DFL);
+    std::signal(SIGINT, SIG_DFL);
+#ifdef ZR_GUARD_SANITIZED
+    __sanitizer_set_death_callback(nullptr);
+#endif
+    try {
+      readEverything(path, io);
+    } catch (...) {
+      // The parent meets the same exception and reports it.
+    }
+    _exit(0);
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR)
+      return true;
+  }
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+    return true;
+  // Ctrl-C reaches the child too; the parent's own handling of it follows.
+  if (WIFSIGNALED(status) && WTERMSIG(status) == SIGINT)
+    return true;
+  std::string how = WIFSIGNALED(status) ? std::string(strsignal(WTERMSIG(status)))
+                                        : "exit status " + std::to_string(WEXITSTATUS(status));
+  error = "'" + path + "' is corrupt: the " + formatName(io) + " reader failed on it (" + how + ")";
+  return false;
+}
