@@ -178,6 +178,14 @@ int ZrAffineCommand::run(int argc, char** argv) {
     std::fprintf(stderr, "zrreg: %s\n", error.c_str());
     return 1;
   }
+  bool labelInput = ZrRunContext::isLabelField(model);
+  for (int r = 0; r < 3; r++) {
+    if (refs[r] && !ZrRunContext::checkPair(refs[r], model, error)) {
+      std::fprintf(stderr, "zrreg: %s\n", error.c_str());
+      return 1;
+    }
+    labelInput = labelInput || (refs[r] && ZrRunContext::isLabelField(refs[r]));
+  }
   SbMatrixd before;
   model->getTransform(before);
 
@@ -206,6 +214,10 @@ int ZrAffineCommand::run(int argc, char** argv) {
       return 1;
     }
     s.fire(m, false, error);
+  }
+  if (!ZrRunContext::checkMetric(m, labelInput, error)) {
+    std::fprintf(stderr, "zrreg: %s\n", error.c_str());
+    return 1;
   }
   auto* action = dynamic_cast<ZrPortButtonList*>(m->getPort("action"));
   if (!action) {

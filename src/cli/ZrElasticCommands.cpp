@@ -267,6 +267,9 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
       s.loadImage("model", get("--model"), a.values.count("--model-labels"), error));
   if (!model || !ZrImageIO::checkUsable(model, "model", error))
     return fail(error);
+  if (!ZrRunContext::checkPair(ref, model, error))
+    return fail(error);
+  const bool labelInput = ZrRunContext::isLabelField(ref) || ZrRunContext::isLabelField(model);
   if (model->primType() != ref->primType()) {
     ZrRegScalarField3* converted = convertType(model, ref->primType());
     std::fprintf(stderr, "zrreg: the model's voxels (%s) are converted to the reference's type\n",
@@ -320,6 +323,8 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
       return fail(error);
     s.fire(m, false, error);
   }
+  if (!ZrRunContext::checkMetric(m, labelInput, error))
+    return fail(error);
   ZrPortButtonList* action = buttons(m, "action");
   if (!action || !action->hit(0))
     return fail("the elastic module cannot start a registration with these inputs");

@@ -3,9 +3,13 @@
 #include "ZrCompModule.h"
 #include "ZrMessage.h"
 #include "ZrPortIntTextN.h"
+#include "ZrPortMultiMenu.h"
 #include "ZrPortToggleList.h"
+#include "ZrRegScalarField3.h"
 #include "ZrSettingsMgr.h"
+#include "ZrStackedLabelField3.h"
 #include "ZrTerminalProgress.h"
+#include "ZrUniformLabelField3.h"
 #include "ZrWorkArea.h"
 
 #include <cstdio>
@@ -73,4 +77,44 @@ void ZrRunContext::useFinestLevel(ZrCompModule* module, bool always, bool quiet)
   if (singleLevel && !quiet)
     std::fprintf(stderr, "zrreg: the reference is small enough for a single resolution level; "
                          "registering at full resolution with the direction search only\n");
+}
+
+bool ZrRunContext::checkPair(const ZrRegScalarField3* reference, const ZrRegScalarField3* model,
+                             std::string& error) {
+  auto flatAxis = [](const ZrRegScalarField3* f) {
+    for (int a = 0; a < 3; a++)
+      if (f->getDims()[a] == 1)
+        return a;
+    return -1;
+  };
+  const int r = flatAxis(reference), m = flatAxis(model);
+  if (r >= 0 && m >= 0 && r != m) {
+    static const char axis[] = "xyz";
+    error = std::string("the reference is flat along ") + axis[r] + " but the model along " +
+            axis[m] + "; a 2-D pair must be flat along the same axis";
+    return false;
+  }
+  return true;
+}
+
+bool ZrRunContext::checkMetric(ZrCompModule* module, bool labelInput, std::string& error) {
+  auto* metric = dynamic_cast<ZrPortMultiMenu*>(module->getPort("metric"));
+  if (!labelInput || !metric)
+    return true;
+  // Label numbers are names, not intensities: a squared difference of them
+  // means nothing. The information metrics and the label difference compare
+  // classes and stay allowed.
+  const char* name = metric->getLabel(0, metric->getIndex(0));
+  if (name && std::string(name) == "Euclidean") {
+    error = "the Euclidean metric compares grey values and cannot be used with label images; "
+            "use --set metric=\"Normalized Mutual Information\" (or \"Label difference\" when "
+            "both images are labels)";
+    return false;
+  }
+  return true;
+}
+
+bool ZrRunContext::isLabelField(const ZrRegScalarField3* field) {
+  return field && (field->isOfType(ZrUniformLabelField3::getClassTypeId()) ||
+                   field->isOfType(ZrStackedLabelField3::getClassTypeId()));
 }

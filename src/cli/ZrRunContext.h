@@ -8,6 +8,7 @@
 #include <string>
 
 class ZrCompModule;
+class ZrRegScalarField3;
 class ZrTerminalProgress;
 
 class ZrRunContext {
@@ -32,6 +33,15 @@ public:
 
   // Parses "--threads N" style values; false on a bad number.
   static bool parseInt(const char* text, int& value);
+
+  // Checks a reference and a model against each other before a run: two flat
+  // images must be flat along the same axis (the package would stop with no
+  // result), and the module's metric must suit label inputs.
+  static bool checkPair(const ZrRegScalarField3* reference, const ZrRegScalarField3* model,
+                        std::string& error);
+  static bool checkMetric(ZrCompModule* module, bool labelInput, std::string& error);
+  // True for the label fields (uniform or stacked) that loading made.
+  static bool isLabelField(const ZrRegScalarField3* field);
 
 private:
   ZrPackageLoader loader;

@@ -1,8 +1,11 @@
 // The zrreg executable as a user drives it: exit statuses, messages, no
 // output files after a failure, and an affine run on a small phantom pair
 // whose transform is known.
+#include "QbPrimType.h"
 #include "SbMatrixd.h"
+#include "ZrImageIO.h"
 #include "ZrTransformFiles.h"
+#include "ZrUniformScalarField3.h"
 
 #include <gtest/gtest.h>
 
@@ -167,4 +170,57 @@ TEST_F(ZrregCommands, ScriptDrivesAModuleThroughItsPorts) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.output.find(":2:"), std::string::npos) << r.output;
   EXPECT_FALSE(exists(out2));
+}
+
+namespace {
+
+// A 20x20x20 image, or one flat along axis `flat`, of scattered grey values
+// (or of four labels in slabs), written to path.
+void writeBlock(const std::string& path, int flat, bool labels) {
+  int dims[3] = {20, 20, 20};
+  if (flat >= 0)
+    dims[flat] = 1;
+  const float box[6] = {0, float(dims[0] - 1), 0, float(dims[1] - 1), 0, float(dims[2] - 1)};
+  ZrUniformScalarField3 f(dims, QB_UINT8, box);
+  for (size_t i = 0; i < f.lattice.numNodes(); i++)
+    f.lattice.setValue(i, labels ? double(i / 400 % 4) : double(i * 97 % 251));
+  std::string error;
+  ASSERT_TRUE(ZrImageIO::write(&f, path, error)) << error;
+}
+
+} // namespace
+
+TEST_F(ZrregCommands, PairsThatCannotRegisterAreRefused) {
+  const std::string flatZ = dir + "/flat-z.nii", flatX = dir + "/flat-x.nii",
+                    grey = dir + "/grey.nii", labels = dir + "/labels.nii";
+  writeBlock(flatZ, 2, false);
+  writeBlock(flatX, 0, false);
+  writeBlock(grey, -1, false);
+  writeBlock(labels, -1, true);
+  const std::string out = dir + "/refused.nii";
+  for (const char* command : {"affine", "elastic"}) {
+    Result r = run(std::string(command) + " --quiet --reference " + flatZ + " --model " + flatX +
+                   " -o " + out);
+    EXPECT_EQ(r.status, 1) << command << ": " << r.output;
+    EXPECT_NE(r.output.find("the reference is flat along z but the model along x"),
+              std::string::npos)
+        << r.output;
+    EXPECT_FALSE(exists(out)) << command;
+
+    r = run(std::string(command) + " --quiet --reference " + grey + " --model " + labels +
+            " --model-labels --set metric=Euclidean -o " + out);
+    EXPECT_EQ(r.status, 1) << command << ": " << r.output;
+    EXPECT_NE(r.output.find("cannot be used with label images"), std::string::npos) << r.output;
+    EXPECT_FALSE(exists(out)) << command;
+  }
+  // A flat model against a full reference is a 2-D run, and labels with an
+  // information metric are fine.
+  Result r = run("affine --quiet --reference " + grey + " --model " + flatZ + " -o " + out);
+  EXPECT_EQ(r.status, 0) << r.output;
+  EXPECT_TRUE(exists(out));
+  std::remove(out.c_str());
+  r = run("affine --quiet --reference " + grey + " --model " + labels + " --model-labels -o " +
+          out);
+  EXPECT_EQ(r.status, 0) << r.output;
+  EXPECT_TRUE(exists(out));
 }
