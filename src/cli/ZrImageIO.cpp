@@ -226,6 +226,22 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
       error = "'" + path + "' has a non-positive voxel spacing along axis " + std::to_string(a);
       return nullptr;
     }
+    // Geometry lives in single precision: the extent and the origin must stay
+    // far inside its range, or a written header would hold infinities.
+    if (spacing[a] * dims[a] > 1e15) {
+      char value[32];
+      std::snprintf(value, sizeof value, "%g", spacing[a]);
+      error = "'" + path + "' has an implausible voxel spacing of " + value + " along axis " +
+              std::to_string(a);
+      return nullptr;
+    }
+    bool finite = std::isfinite(origin[a]) && std::fabs(origin[a]) < 1e15;
+    for (unsigned r = 0; r < nd3; r++)
+      finite = finite && std::isfinite(dir[r][a]);
+    if (!finite) {
+      error = "'" + path + "' has a non-finite or implausible origin or orientation";
+      return nullptr;
+    }
   }
   int flat = (dims[0] == 1) + (dims[1] == 1) + (dims[2] == 1);
   if (flat > 1) {

@@ -5,12 +5,18 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define ZR_GUARD_SANITIZED 1
@@ -49,6 +55,65 @@ std::string formatName(const itk::ImageIOBase* io) {
     if (kind == k[0])
       return k[1];
   return kind;
+}
+
+// Checks the text header of a MetaImage file (.mha, .mhd) before ITK's reader
+// sees it: that reader loops for hours on an absurd NDims and divides by
+// values it never checked. NDims must be a whole number from 1 to 8, DimSize
+// as many whole numbers above zero, and the spacing and origin keys as many
+// finite numbers.
+bool metaHeaderSane(const std::string& path, std::string& error) {
+  std::ifstream in(path, std::ios::binary);
+  std::string line;
+  long nDims = -1;
+  std::vector<std::pair<std::string, std::string>> entries;
+  for (int count = 0; count < 200 && std::getline(in, line); count++) {
+    const size_t eq = line.find('=');
+    if (eq == std::string::npos)
+      continue;
+    auto trim = [](std::string t) {
+      const char* ws = " \t\r";
+      t.erase(0, t.find_first_not_of(ws));
+      t.erase(t.find_last_not_of(ws) + 1);
+      return t;
+    };
+    const std::string key = trim(line.substr(0, eq)), value = trim(line.substr(eq + 1));
+    if (key == "ElementDataFile")
+      break;
+    if (key == "NDims") {
+      char* end = nullptr;
+      nDims = std::strtol(value.c_str(), &end, 10);
+      if (value.empty() || *end || nDims < 1 || nDims > 8) {
+        error = "'" + path + "' has a malformed MetaImage header: NDims = " + value;
+        return false;
+      }
+    } else {
+      entries.emplace_back(key, value);
+    }
+  }
+  if (nDims < 0)
+    return true; // the reader itself reports a header without NDims
+  for (const auto& e : entries) {
+    const bool dims = e.first == "DimSize";
+    if (!dims && e.first != "ElementSpacing" && e.first != "ElementSize" && e.first != "Offset" &&
+        e.first != "Origin" && e.first != "Position")
+      continue;
+    std::istringstream words(e.second);
+    std::string word;
+    long n = 0;
+    bool ok = true;
+    while (words >> word) {
+      char* end = nullptr;
+      const double v = std::strtod(word.c_str(), &end);
+      ok = ok && *end == 0 && std::isfinite(v) && (!dims || (v >= 1 && v == std::floor(v)));
+      n++;
+    }
+    if (!ok || n < nDims) {
+      error = "'" + path + "' has a malformed MetaImage header: " + e.first + " = " + e.second;
+      return false;
+    }
+  }
+  return true;
 }
 
 // Reads header and voxels with a fresh reader of io's kind; only the child of
@@ -124,6 +189,8 @@ bool ZrReaderGuard::survives(const std::string& path, itk::ImageIOBase* io, std:
   const std::string kind = io->GetNameOfClass();
   if (kind == "NiftiImageIO" || kind == "NrrdImageIO" || kind == "VTKImageIO")
     return true;
+  if (kind == "MetaImageIO" && !metaHeaderSane(path, error))
+    return false;
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child < 0)
@@ -134,6 +201,9 @@ bool ZrReaderGuard::survives(const std::string& path, itk::ImageIOBase* io, std:
     for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
       std::signal(sig, SIG_DFL);
     std::signal(SIGINT, SIG_DFL);
+    // What a failing reader prints would only repeat the parent's message.
+    if (FILE* null = std::fopen("/dev/null", "w"))
+      dup2(fileno(null), STDERR_FILENO);
 #ifdef ZR_GUARD_SANITIZED
     __sanitizer_set_death_callback(nullptr);
 #endif

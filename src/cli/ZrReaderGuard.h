@@ -10,7 +10,9 @@
 // Some readers of the installed ITK crash on corrupt files (MetaImage divides
 // by a zero it read from the header, TIFF copies past a strip buffer, PNG
 // aborts). survives reads the whole file once in a child process first, so
-// that such a file costs the user an error message instead of the run. The
+// that such a file costs the user an error message instead of the run.
+// MetaImage headers are checked as text before that, since their reader can
+// also loop for hours on an absurd dimension count. The
 // readers of NIfTI, NRRD and VTK files are trusted and skip the probe: they
 // hold the large volumes, where a second read would cost seconds.
 #include <itkImageIOBase.h>
@@ -25,6 +27,7 @@ public:
 
   // True when reading path with io (header and all voxels) completes in a
   // child process, or when io is a trusted reader. False, with a message,
-  // when the child dies: the parent never reads that file.
+  // when the child dies or a MetaImage header is malformed: the parent then
+  // never reads that file.
   static bool survives(const std::string& path, itk::ImageIOBase* io, std::string& error);
 };

@@ -19,7 +19,7 @@
 
 namespace {
 
-// A MetaImage header whose garbled fields make ITK's reader divide by zero.
+// A MetaImage header whose garbled NDims makes ITK's reader divide by zero.
 const unsigned char kMetaDivisionByZero[] = {
     0x4f, 0x62, 0x6a, 0x65, 0x63, 0x74, 0x54, 0x79, 0x70, 0x65, 0x20, 0x3d, 0x20, 0x49, 0x6d, 0x61,
     0x67, 0x65, 0x0a, 0x4e, 0x44, 0x69, 0x6d, 0x73, 0x20, 0x3d, 0x3a, 0x20, 0x32, 0x0a, 0x20, 0x30,
@@ -37,8 +37,7 @@ const unsigned char kMetaDivisionByZero[] = {
     0x08, 0x2d, 0x52, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x8b, 0x9c, 0xc1, 0xe6, 0x10,
     0x35, 0x5a, 0x7f, 0xa4, 0xc9, 0xee, 0x18, 0x3d, 0x62,
 };
-// A PNG file with a broken chunk, named like a NIfTI file: ITK's own search by
-// content would hand it to the PNG reader, which aborts.
+// A PNG file with a broken chunk, on which ITK's PNG reader aborts.
 const unsigned char kPngNamedNifti[] = {
     0x89, 0x50, 0x4e, 0x47, 0x0d, 0x0a, 0x1a, 0x0a, 0x1f, 0x56, 0x07, 0x30, 0xd5, 0x60, 0x8f, 0xc0,
     0x0c, 0x2e, 0x67, 0x7a, 0x0e, 0xa8, 0x7c, 0x10, 0xde, 0xe0, 0x0c, 0x95, 0x03, 0x01, 0x2e, 0x86,
@@ -79,16 +78,42 @@ std::unique_ptr<ZrRegScalarField3> scattered(int primType, double offset) {
 } // namespace
 
 TEST_F(ZrReaderGuardTest, ACrashingReaderEndsInAMessage) {
-  const std::string path = put("broken.mha", kMetaDivisionByZero);
+  // The PNG reader aborts on the broken chunk: in the child, which the
+  // parent reports.
+  const std::string png = put("broken.png", kPngNamedNifti);
   std::string error;
-  std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(path, {}, nullptr, error));
+  std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(png, {}, nullptr, error));
   EXPECT_EQ(f, nullptr);
-  EXPECT_NE(error.find("is corrupt: the MetaImage reader failed on it"), std::string::npos)
-      << error;
+  EXPECT_NE(error.find("is corrupt: the PNG reader failed on it"), std::string::npos) << error;
   error.clear();
-  std::unique_ptr<ZrRegVectorField3> v(ZrVectorImageIO::read(path, error));
+  std::unique_ptr<ZrRegVectorField3> v(ZrVectorImageIO::read(png, error));
   EXPECT_EQ(v, nullptr);
   EXPECT_NE(error.find("is corrupt"), std::string::npos) << error;
+}
+
+TEST_F(ZrReaderGuardTest, MalformedMetaImageHeadersNeverReachTheReader) {
+  // The garbled NDims of this file makes ITK's reader divide by zero; an
+  // absurd one makes it loop for hours; a DimSize of zero or too few values
+  // are refused as well.
+  const std::string path = put("broken.mha", kMetaDivisionByZero);
+  std::string error;
+  EXPECT_EQ(std::unique_ptr<ZrRegScalarField3>(ZrImageIO::read(path, {}, nullptr, error)), nullptr);
+  EXPECT_NE(error.find("malformed MetaImage header: NDims"), std::string::npos) << error;
+  const char* headers[] = {"NDims = 99999999999999999999 2\nDimSize = 4 1\n",
+                           "NDims = 3\nDimSize = 4 0 2\n", "NDims = 3\nDimSize = 4 3\n",
+                           "NDims = 3\nDimSize = 4 3 2\nElementSpacing = 1 nan 1\n"};
+  for (const char* h : headers) {
+    const std::string file = dir + "/bad.mha";
+    std::ofstream(file, std::ios::binary)
+        << "ObjectType = Image\n"
+        << h << "ElementType = MET_UCHAR\nElementDataFile = LOCAL\n"
+        << std::string(64, 'x');
+    error.clear();
+    EXPECT_EQ(std::unique_ptr<ZrRegScalarField3>(ZrImageIO::read(file, {}, nullptr, error)),
+              nullptr)
+        << h;
+    EXPECT_NE(error.find("malformed MetaImage header"), std::string::npos) << h << error;
+  }
 }
 
 TEST_F(ZrReaderGuardTest, OnlyTheReadersOfTheExtensionAreAsked) {
