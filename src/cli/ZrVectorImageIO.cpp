@@ -164,6 +164,16 @@ ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& e
         error = "'" + path + "' has an invalid size or spacing along axis " + std::to_string(a);
         return nullptr;
       }
+      // The geometry goes into single precision, and from there into the
+      // headers of written files: it must stay far inside that range.
+      bool finite =
+          spacing[a] * dims[a] < 1e15 && std::isfinite(origin[a]) && std::fabs(origin[a]) < 1e15;
+      for (unsigned r = 0; r < nd; r++)
+        finite = finite && std::isfinite(dir[r][a]);
+      if (!finite) {
+        error = "'" + path + "' has an implausible spacing, origin or orientation";
+        return nullptr;
+      }
     }
     size_t n = size_t(dims[0]) * dims[1] * dims[2];
     // A header can claim more vectors than its file holds: refuse a single
