@@ -7,10 +7,12 @@
 #include <cerrno>
 #include <cmath>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <sys/wait.h>
@@ -116,6 +118,56 @@ bool metaHeaderSane(const std::string& path, std::string& error) {
   return true;
 }
 
+// Follows the directory chain of a TIFF file (classic or BigTIFF) before the
+// TIFF library does: the copy inside ITK counts directories without noticing
+// a chain that loops back on itself, and then never returns. Every directory
+// must lie inside the file and be visited once.
+bool tiffChainSane(const std::string& path, std::string& error) {
+  std::ifstream in(path, std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t size = bytes.size();
+  if (size < 8 || !((bytes[0] == 'I' && bytes[1] == 'I') || (bytes[0] == 'M' && bytes[1] == 'M')))
+    return true; // not TIFF: the reader says so itself
+  const bool little = bytes[0] == 'I';
+  auto number = [&](size_t at, int width) {
+    uint64_t v = 0;
+    for (int k = 0; k < width; k++) {
+      const uint64_t b = static_cast<unsigned char>(bytes[at + k]);
+      v |= little ? b << (8 * k) : b << (8 * (width - 1 - k));
+    }
+    return v;
+  };
+  const uint64_t version = number(2, 2);
+  if (version != 42 && version != 43)
+    return true;
+  const bool big = version == 43;
+  if (big && size < 16)
+    return true;
+  const int offsetWidth = big ? 8 : 4, countWidth = big ? 8 : 2, entryWidth = big ? 20 : 12;
+  uint64_t offset = number(big ? 8 : 4, offsetWidth);
+  std::vector<uint64_t> seen;
+  while (offset != 0) {
+    const std::string where = "'" + path + "' is a corrupt TIFF file: ";
+    if (std::find(seen.begin(), seen.end(), offset) != seen.end()) {
+      error = where + "its chain of directories loops";
+      return false;
+    }
+    if (seen.size() > 100000 || offset > size || size - offset < uint64_t(countWidth)) {
+      error = where + "a directory lies beyond the end of the file";
+      return false;
+    }
+    seen.push_back(offset);
+    const uint64_t count = number(size_t(offset), countWidth);
+    // In floating point, where a huge count cannot wrap around.
+    if (double(offset) + countWidth + double(count) * entryWidth + offsetWidth > double(size)) {
+      error = where + "a directory lies beyond the end of the file";
+      return false;
+    }
+    offset = number(size_t(offset + countWidth + count * entryWidth), offsetWidth);
+  }
+  return true;
+}
+
 // Reads header and voxels with a fresh reader of io's kind; only the child of
 // survives runs this.
 void readEverything(const std::string& path, itk::ImageIOBase* io) {
@@ -166,6 +218,8 @@ itk::ImageIOBase::Pointer ZrReaderGuard::createReader(const std::string& path, s
       if (!mine)
         continue;
       claimed = true;
+      if (std::string(io->GetNameOfClass()) == "TIFFImageIO" && !tiffChainSane(path, error))
+        return nullptr;
       if (io->CanReadFile(path.c_str()))
         return io;
       kinds += (kinds.empty() ? "" : " or ") + formatName(io);

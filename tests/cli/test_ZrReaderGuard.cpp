@@ -116,6 +116,24 @@ TEST_F(ZrReaderGuardTest, MalformedMetaImageHeadersNeverReachTheReader) {
   }
 }
 
+TEST_F(ZrReaderGuardTest, ATiffDirectoryChainMustEndInsideTheFile) {
+  // Little-endian TIFF whose only directory (no entries) names itself as the
+  // next one: the TIFF library would count directories forever.
+  const unsigned char loop[] = {'I', 'I', 42, 0, 8, 0, 0, 0, 0, 0, 8, 0, 0, 0};
+  std::string error;
+  EXPECT_EQ(std::unique_ptr<ZrRegScalarField3>(
+                ZrImageIO::read(put("loop.tif", loop), {}, nullptr, error)),
+            nullptr);
+  EXPECT_NE(error.find("its chain of directories loops"), std::string::npos) << error;
+  // Big-endian, a directory of 200 entries in a file of 14 bytes.
+  const unsigned char past[] = {'M', 'M', 0, 42, 0, 0, 0, 8, 0, 200, 0, 0, 0, 0};
+  error.clear();
+  EXPECT_EQ(std::unique_ptr<ZrRegScalarField3>(
+                ZrImageIO::read(put("past.tif", past), {}, nullptr, error)),
+            nullptr);
+  EXPECT_NE(error.find("beyond the end of the file"), std::string::npos) << error;
+}
+
 TEST_F(ZrReaderGuardTest, OnlyTheReadersOfTheExtensionAreAsked) {
   std::string error;
   const std::string named = put("scan.nii.gz", kPngNamedNifti);
