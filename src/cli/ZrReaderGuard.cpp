@@ -1,5 +1,7 @@
 #include "ZrReaderGuard.h"
 
+#include "ZrAtomicFile.h"
+
 #include <itkImageIOFactory.h>
 #include <itkObjectFactoryBase.h>
 
@@ -15,6 +17,8 @@
 #include <iterator>
 #include <memory>
 #include <sstream>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -189,6 +193,14 @@ void readEverything(const std::string& path, itk::ImageIOBase* io) {
   }
   if (!(bytes > 0) || bytes > 0.25 * double(SIZE_MAX))
     return;
+  // Nor does the probe take memory for more voxels than the file could hold
+  // (deflate packs at most 1032 bytes into one); the parent then refuses the
+  // file or reads it under its own checks. Formats with a separate data
+  // file are read in full.
+  struct stat st;
+  if (!ZrAtomicFile::isDetachedFormat(path) && stat(path.c_str(), &st) == 0 &&
+      bytes > 1032.0 * double(st.st_size))
+    return;
   std::unique_ptr<char[]> data(new char[size_t(bytes)]);
   reader->SetIORegion(region);
   reader->Read(data.get());
@@ -255,6 +267,10 @@ bool ZrReaderGuard::survives(const std::string& path, itk::ImageIOBase* io, std:
     for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
       std::signal(sig, SIG_DFL);
     std::signal(SIGINT, SIG_DFL);
+    // A reader that never returns must not outlive a parent that gave up.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() == 1)
+      _exit(0);
     // What a failing reader prints would only repeat the parent's message.
     if (FILE* null = std::fopen("/dev/null", "w"))
       dup2(fileno(null), STDERR_FILENO);
