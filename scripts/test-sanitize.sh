@@ -4,7 +4,7 @@
 #     and the whole test suite run on it;
 #  2. the libFuzzer targets of fuzz/ (clang, build-fuzz/: only the host library,
 #     the loaders of zrreg and the targets), each replaying its seeds and kept
-#     crash inputs, then fuzzing for ZR_FUZZ_SECONDS (default 20) seconds.
+#     crash inputs, then fuzzing for ZR_FUZZ_SECONDS (default 10) seconds.
 # SANITIZE_ONLY=1 skips the fuzz targets, FUZZ_ONLY=1 the sanitizer build. New crash inputs are
 # left in build-fuzz/fuzz/crashes/.
 set -euo pipefail
@@ -32,10 +32,10 @@ if [ "${FUZZ_ONLY:-0}" != 1 ]; then
 fi
 
 if [ "${SANITIZE_ONLY:-0}" != 1 ]; then
-  echo "== fuzz targets (libFuzzer, ${ZR_FUZZ_SECONDS:-20} s each)"
+  echo "== fuzz targets (libFuzzer, ${ZR_FUZZ_SECONDS:-10} s each)"
   CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" -DZR_SANITIZE=ON -DZR_BUILD_FUZZ=ON \
-    -DZR_BUILD_TESTS=OFF -DZR_FUZZ_SECONDS="${ZR_FUZZ_SECONDS:-20}" "${LAUNCHER[@]}"
+    -DZR_BUILD_TESTS=OFF -DZR_FUZZ_SECONDS="${ZR_FUZZ_SECONDS:-10}" "${LAUNCHER[@]}"
   cmake --build build-fuzz -j "$JOBS" --target zr_fuzz_targets
   cd build-fuzz
   ctest --output-on-failure -j "$JOBS" -L '^fuzz-regression$'
