@@ -14,7 +14,10 @@
 #include "QbVec3f.h"
 #include "RegCorrelationRatio.h"
 #include "RegLabelDifference.h"
+#include "RegMeanSquaredDifference.h"
 #include "RegMetric.h"
+#include "RegNormMutualInformation.h"
+#include "RegSimpleMutualInformation.h"
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrFieldEvaluator.h"
 #include "ZrLocation3.h"
@@ -22,6 +25,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <typeinfo>
 
 // Restores `work` to the statistics that `cache` holds. The correlation
 // metric keeps its sums relative to running offsets, which its getResult()
@@ -47,7 +51,7 @@ inline double reg_cachedResult(RegMetric* metric, RegMetric* work) {
 
 // Samples the model through a field evaluator: set the location, evaluate,
 // increment. The result of setting the location is not looked at; the
-// evaluator delivers 0 outside the field.
+// evaluator delivers 0 outside the field. drop() takes a cached sample out.
 struct RegElasticFieldSampler {
   RegMetric* metric;
   ZrLocation3* location;
@@ -57,28 +61,93 @@ struct RegElasticFieldSampler {
     evaluator->eval(location, &sample);
     metric->increment(ref, sample);
   }
+  // Takes the cached sample out, then samples and adds the new one.
+  inline void replace(double ref, double cached, float& sample, QbVec3f& p) const {
+    metric->decrement(ref, cached);
+    (*this)(ref, sample, p);
+  }
+};
+
+// The metric's increment and decrement as the walks call them. For a class
+// named here the calls are qualified, so they bind at compile time and inline
+// into the walk; for RegMetric itself they go through the virtual slots.
+// swap() is decrement(rOut, out) followed by increment(rIn, in).
+template <class M> struct RegElasticMetricCalls {
+  static inline void add(RegMetric* m, double r, double s) {
+    static_cast<M*>(m)->M::increment(r, s);
+  }
+  static inline void swap(RegMetric* m, double rOut, double out, double rIn, double in) {
+    static_cast<M*>(m)->M::decrement(rOut, out);
+    static_cast<M*>(m)->M::increment(rIn, in);
+  }
+};
+template <> struct RegElasticMetricCalls<RegMetric> {
+  static inline void add(RegMetric* m, double r, double s) { m->increment(r, s); }
+  static inline void swap(RegMetric* m, double rOut, double out, double rIn, double in) {
+    m->decrement(rOut, out);
+    m->increment(rIn, in);
+  }
+};
+// Mutual information swaps a sample in one call, which bins the reference
+// value once for both halves when the two reference values agree.
+template <> struct RegElasticMetricCalls<RegMutualInformation> {
+  static inline void add(RegMetric* m, double r, double s) {
+    static_cast<RegMutualInformation*>(m)->RegMutualInformation::increment(r, s);
+  }
+  static inline void swap(RegMetric* m, double rOut, double out, double rIn, double in) {
+    static_cast<RegMutualInformation*>(m)->replace(rOut, out, rIn, in);
+  }
 };
 
 // Samples a uniform model's raw voxels with the metric's own sampler, which
-// interpolates, clamps to the lattice and increments in one call. The nearest
-// voxel for label difference, trilinear for every other metric (and for a null
-// one). The choice is made once, before any loop.
-template <class T> struct RegElasticVoxelSampler {
-  typedef void (RegMetric::*Fn)(float, float&, T*, QbVec3f*);
+// interpolates and clamps to the lattice, and adds the pair to the metric:
+// the nearest voxel for label difference, trilinear for every other metric
+// (and for a null one). The choice is made once, before any loop. M is the
+// class whose increment and decrement are called (RegMetric: the virtual
+// ones); the values passed are those of evalAndIncrementGrey/Label. The
+// walks read nothing of the metric's sampling state, so it is not stored.
+template <class T, class M = RegMetric> struct RegElasticVoxelSampler {
   RegMetric* metric;
-  T* model;
-  Fn fn;
-  RegElasticVoxelSampler(RegMetric* metric, T* model) : metric(metric), model(model) {
-    if (dynamic_cast<RegLabelDifference*>(metric))
-      fn = &RegMetric::evalAndIncrementLabel<T>;
-    else
-      fn = &RegMetric::evalAndIncrementGrey<T>;
+  const T* model;
+  bool label;
+  RegElasticVoxelSampler(RegMetric* metric, const T* model)
+      : metric(metric), model(model), label(dynamic_cast<RegLabelDifference*>(metric) != nullptr) {}
+  inline float sample(QbVec3f& p) const {
+    return label ? metric->sampleLabel<T, false>(model, &p)
+                 : metric->sampleGrey<T, false>(model, &p);
   }
   // The reference value reaches the sampler in single precision.
-  inline void operator()(double ref, float& sample, QbVec3f& p) const {
-    (metric->*fn)((float)ref, sample, model, &p);
+  inline void operator()(double ref, float& value, QbVec3f& p) const {
+    const float r = (float)ref;
+    value = sample(p);
+    RegElasticMetricCalls<M>::add(metric, (double)r, (double)value);
+  }
+  // Takes the cached sample out and adds the new one. Sampling changes no
+  // statistic, so it may come first and both changes go in one call.
+  inline void replace(double ref, double cached, float& value, QbVec3f& p) const {
+    const float r = (float)ref;
+    value = sample(p);
+    RegElasticMetricCalls<M>::swap(metric, ref, cached, (double)r, (double)value);
   }
 };
+
+// Runs `walk` with the voxel sampler whose calls bind to the metric's class,
+// where that class is one of those whose increment and decrement are known
+// here (exactly: a subclass may override them); any other metric gets the
+// virtual calls. One type test per call, none per voxel.
+template <class T, class F>
+inline auto reg_withElasticVoxelSampler(RegMetric* metric, const T* model, F&& walk) {
+  if (metric) {
+    const std::type_info& t = typeid(*metric);
+    if (t == typeid(RegNormMutualInformation) || t == typeid(RegSimpleMutualInformation))
+      return walk(RegElasticVoxelSampler<T, RegMutualInformation>(metric, model));
+    if (t == typeid(RegMeanSquaredDifference))
+      return walk(RegElasticVoxelSampler<T, RegMeanSquaredDifference>(metric, model));
+    if (t == typeid(RegLabelDifference))
+      return walk(RegElasticVoxelSampler<T, RegLabelDifference>(metric, model));
+  }
+  return walk(RegElasticVoxelSampler<T, RegMetric>(metric, model));
+}
 
 // Bending energy density and Jacobian determinant of the deformation at one
 // voxel, from the spline's derivatives per lattice cell. The inverse spacings
@@ -166,8 +235,7 @@ inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, con
     for (int y = y0; y <= y1; y++, v += rowSkip)
       for (int x = x0; x <= x1; x++, v++, p++) {
         const double r = (double)ref[v];
-        metric->decrement(r, (double)cachedSamples[v]);
-        sampler(r, sample, *p);
+        sampler.replace(r, (double)cachedSamples[v], sample, *p);
       }
   if (transform->modelTransformed)
     transform->applyModelTransform(params);
@@ -256,8 +324,7 @@ inline bool reg_evaluateElasticRegularizedBox(
       size_t v = ((size_t)z * ny + y) * nx + x0;
       for (int i = 0; i <= x1 - x0; i++, v++) {
         const double r = (double)ref[v];
-        metric->decrement(r, (double)cachedSamples[v]);
-        sampler(r, sample, grid[i]);
+        sampler.replace(r, (double)cachedSamples[v], sample, grid[i]);
         if (wantE)
           E = ((double)cachedEnergy[v] + E) -
               pen.energy(l.dxx[i], l.dyy[i], l.dzz[i], l.dxy[i], l.dxz[i], l.dyz[i]);

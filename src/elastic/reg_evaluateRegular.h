@@ -87,8 +87,7 @@ inline bool reg_evaluateElasticRegularizedBox2D(
     for (int y = y0; y <= y1; y++, v += rowSkip)
       for (int x = x0; x <= x1; x++, v++, k++) {
         const double r = (double)ref[v];
-        metric->decrement(r, (double)cachedSamples[v]);
-        sampler(r, sample, incGrid[k]);
+        sampler.replace(r, (double)cachedSamples[v], sample, incGrid[k]);
         if (wantE)
           E = ((double)cachedEnergy[v] + E) -
               pen.energy(inc.dxx[k], inc.dyy[k], l.dz[k], inc.dxy[k], l.dz[k], l.dz[k]);
@@ -147,9 +146,11 @@ double reg_evaluateIncrementalRegular(T* ref, T* model, float* modelBox, unsigne
                                       float scaleZ, RegElasticFunctional* functional, QbVec3f* grid,
                                       QbVec3f* incGrid, float* plane, float* line, float delta) {
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(transform);
-  const RegElasticVoxelSampler<T> sampler(metric, model);
-  reg_evaluateElasticBox(ref, dims, index, boxes[index], cachedSamples, metric, sampler, cubic,
-                         cubic->paramVector, grid, incGrid, plane, line, delta);
+  reg_withElasticVoxelSampler(metric, model, [&](const auto& sampler) {
+    reg_evaluateElasticBox(ref, dims, index, boxes[index], cachedSamples, metric, sampler, cubic,
+                           cubic->paramVector, grid, incGrid, plane, line, delta);
+    return 0;
+  });
   return functional->getWeightedResult(metric->getResult());
 }
 
@@ -236,23 +237,25 @@ double reg_evaluateIncrementalRegular_WithRegularizer(
   if (count == 0)
     return REG_NO_VOXELS_VALUE;
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(transform);
-  const RegElasticVoxelSampler<T> sampler(metric, model);
-  const RegElasticLines lines{dXX, dYY, dZZ, dXY, dXZ, dYZ, dX, dY, dZ};
   double E = energySum, J = jacobianSum;
-  bool ok;
-  if (is2D) {
-    const RegElasticLines inc{incDxx,  incDyy, nullptr, incDxy, nullptr,
-                              nullptr, incDx,  incDy,   nullptr};
-    float* const bufs[9] = {plane0, plane1, plane2, plane3, plane4, plane5, line0, line1, line2};
-    ok = reg_evaluateElasticRegularizedBox2D(ref, dims, index, boxes[index], cachedSamples,
-                                             cachedEnergy, cachedJacobian, metric, sampler, cubic,
-                                             cubic->paramVector, grid, incGrid, lines, inc, bufs,
-                                             delta, energyWeight, jacobianWeight, E, J);
-  } else {
-    ok = reg_evaluateElasticRegularizedBox(
-        ref, dims, index, boxes[index], cachedSamples, cachedEnergy, cachedJacobian, metric,
-        sampler, cubic, cubic->paramVector, grid, lines, energyWeight, jacobianWeight, E, J);
-  }
+  const bool ok = reg_withElasticVoxelSampler(metric, model, [&](const auto& sampler) {
+    bool fine;
+    const RegElasticLines lines{dXX, dYY, dZZ, dXY, dXZ, dYZ, dX, dY, dZ};
+    if (is2D) {
+      const RegElasticLines inc{incDxx,  incDyy, nullptr, incDxy, nullptr,
+                                nullptr, incDx,  incDy,   nullptr};
+      float* const bufs[9] = {plane0, plane1, plane2, plane3, plane4, plane5, line0, line1, line2};
+      fine = reg_evaluateElasticRegularizedBox2D(
+          ref, dims, index, boxes[index], cachedSamples, cachedEnergy, cachedJacobian, metric,
+          sampler, cubic, cubic->paramVector, grid, incGrid, lines, inc, bufs, delta, energyWeight,
+          jacobianWeight, E, J);
+    } else {
+      fine = reg_evaluateElasticRegularizedBox(
+          ref, dims, index, boxes[index], cachedSamples, cachedEnergy, cachedJacobian, metric,
+          sampler, cubic, cubic->paramVector, grid, lines, energyWeight, jacobianWeight, E, J);
+    }
+    return fine;
+  });
   if (!ok)
     return REG_INVALID_VALUE;
   return reg_elasticObjective(functional, metric, E, energyWeight, J, jacobianWeight,

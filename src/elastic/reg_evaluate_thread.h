@@ -54,10 +54,12 @@ double reg_evaluateIncrementalRegular_thread(
     RegSplineTransform* transform, float scaleX, float scaleY, float scaleZ,
     RegElasticFunctionalRegularThread* worker, QbVec3f* grid, QbVec3f* incGrid, float* plane,
     float* line, float delta) {
-  const RegElasticVoxelSampler<T> sampler(metric, model);
-  reg_evaluateElasticBox(ref, dims, index, boxes[index], cachedSamples, metric, sampler,
-                         static_cast<RegVoxelCubicSplineTransform*>(transform), params, grid,
-                         incGrid, plane, line, delta);
+  reg_withElasticVoxelSampler(metric, model, [&](const auto& sampler) {
+    reg_evaluateElasticBox(ref, dims, index, boxes[index], cachedSamples, metric, sampler,
+                           static_cast<RegVoxelCubicSplineTransform*>(transform), params, grid,
+                           incGrid, plane, line, delta);
+    return 0;
+  });
   return worker->getWeightedResult(metric->getResult());
 }
 
@@ -73,16 +75,17 @@ double reg_evaluateIncrementalRegular_threadWithRegularizer(
   if (count == 0)
     return REG_NO_VOXELS_VALUE;
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(transform);
-  const RegElasticVoxelSampler<T> sampler(metric, model);
   double E = energySum, J = jacobianSum;
-  const bool ok =
-      is2D ? reg_evaluateElasticRegularizedBox2D(ref, dims, index, boxes[index], cachedSamples,
-                                                 cachedEnergy, cachedJacobian, metric, sampler,
-                                                 cubic, params, grid, incGrid, images, inc, bufs,
-                                                 delta, energyWeight, jacobianWeight, E, J)
-           : reg_evaluateElasticRegularizedBox(
-                 ref, dims, index, boxes[index], cachedSamples, cachedEnergy, cachedJacobian,
-                 metric, sampler, cubic, params, grid, images, energyWeight, jacobianWeight, E, J);
+  const bool ok = reg_withElasticVoxelSampler(metric, model, [&](const auto& sampler) {
+    return is2D ? reg_evaluateElasticRegularizedBox2D(
+                      ref, dims, index, boxes[index], cachedSamples, cachedEnergy, cachedJacobian,
+                      metric, sampler, cubic, params, grid, incGrid, images, inc, bufs, delta,
+                      energyWeight, jacobianWeight, E, J)
+                : reg_evaluateElasticRegularizedBox(ref, dims, index, boxes[index], cachedSamples,
+                                                    cachedEnergy, cachedJacobian, metric, sampler,
+                                                    cubic, params, grid, images, energyWeight,
+                                                    jacobianWeight, E, J);
+  });
   if (!ok)
     return REG_INVALID_VALUE;
   return worker->getWeightedResult(metric->getResult() +

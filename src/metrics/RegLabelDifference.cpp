@@ -12,17 +12,3 @@ RegMetric* RegLabelDifference::clone() const {
   copy->sum = sum;
   return copy;
 }
-
-void RegLabelDifference::increment(double ref, double model) {
-  numInside++;
-  numTotal++;
-  if (ref != model)
-    sum -= 1.0;
-}
-
-void RegLabelDifference::decrement(double ref, double model) {
-  numInside--;
-  numTotal--;
-  if (ref != model)
-    sum += 1.0;
-}

@@ -18,3 +18,18 @@ public:
   void increment(double ref, double model) override;
   void decrement(double ref, double model) override;
 };
+
+// Inline, so that walks which bind these calls at compile time can inline them.
+inline void RegLabelDifference::increment(double ref, double model) {
+  numInside++;
+  numTotal++;
+  if (ref != model)
+    sum -= 1.0;
+}
+
+inline void RegLabelDifference::decrement(double ref, double model) {
+  numInside--;
+  numTotal--;
+  if (ref != model)
+    sum += 1.0;
+}

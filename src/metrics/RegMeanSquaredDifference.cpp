@@ -33,20 +33,6 @@ void RegMeanSquaredDifference::getState(RegMetric* other) const {
   static_cast<RegMeanSquaredDifference*>(other)->sum = sum;
 }
 
-void RegMeanSquaredDifference::increment(double ref, double model) {
-  numTotal++;
-  numInside++;
-  const double d = ref - model;
-  sum -= d * d;
-}
-
-void RegMeanSquaredDifference::decrement(double ref, double model) {
-  numTotal--;
-  numInside--;
-  const double d = ref - model;
-  sum += d * d;
-}
-
 void RegMeanSquaredDifference::getMarginalEntropies(double& ref, double& model) {
   ref = 0.0;
   model = 0.0;

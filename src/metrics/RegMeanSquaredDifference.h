@@ -19,3 +19,18 @@ public:
   void decrement(double ref, double model) override;
   void getMarginalEntropies(double& ref, double& model) override;
 };
+
+// Inline, so that walks which bind these calls at compile time can inline them.
+inline void RegMeanSquaredDifference::increment(double ref, double model) {
+  numTotal++;
+  numInside++;
+  const double d = ref - model;
+  sum -= d * d;
+}
+
+inline void RegMeanSquaredDifference::decrement(double ref, double model) {
+  numTotal--;
+  numInside--;
+  const double d = ref - model;
+  sum += d * d;
+}

@@ -74,10 +74,23 @@ public:
   // Trilinear sample of `data` (x fastest) at the world position `point`,
   // stored in `value`, then increment(ref, value). Positions outside the
   // lattice read the clamped border.
-  template <class T> void evalAndIncrementGrey(float ref, float& value, T* data, QbVec3f* point);
+  template <class T> void evalAndIncrementGrey(float ref, float& value, T* data, QbVec3f* point) {
+    value = sampleGrey(data, point);
+    increment((double)ref, (double)value);
+  }
   // Nearest-voxel sample, rounding by an added half voxel and clamping to the
   // lattice, then increment(ref, value).
-  template <class T> void evalAndIncrementLabel(float ref, float& value, T* data, QbVec3f* point);
+  template <class T> void evalAndIncrementLabel(float ref, float& value, T* data, QbVec3f* point) {
+    value = sampleLabel(data, point);
+    increment((double)ref, (double)value);
+  }
+  // The sampling halves of the two calls above, without the increment, for
+  // walks that add the pair through a call bound at compile time. With
+  // KeepState false the voxel, fractions, corners and intermediate values stay
+  // in registers instead of the fields above (the value, and the clearing of
+  // `inside`, are the same); a walk that never reads them saves the stores.
+  template <class T, bool KeepState = true> float sampleGrey(const T* data, const QbVec3f* point);
+  template <class T, bool KeepState = true> float sampleLabel(const T* data, const QbVec3f* point);
 
 protected:
   RegMetric(const RegMetric&) = default;
@@ -91,8 +104,10 @@ protected:
   }
 };
 
-template <class T>
-void RegMetric::evalAndIncrementGrey(float ref, float& value, T* data, QbVec3f* point) {
+template <class T, bool KeepState>
+inline float RegMetric::sampleGrey(const T* data, const QbVec3f* point) {
+  float ps[3], fr[3];
+  int vs[3];
   for (int a = 0; a < 3; a++) {
     float p = ((*point)[a] - box[2 * a]) * scale[a];
     int v = (int)p;
@@ -108,39 +123,56 @@ void RegMetric::evalAndIncrementGrey(float ref, float& value, T* data, QbVec3f* 
         inside = 0;
       p = (float)v;
     }
-    pos[a] = p;
-    voxel[a] = v;
-    frac[a] = p - (float)v;
+    ps[a] = p;
+    vs[a] = v;
+    fr[a] = p - (float)v;
   }
   const int64_t nx = dims[0], ny = dims[1], nz = dims[2];
-  offset = ((int64_t)voxel[2] * ny + voxel[1]) * nx + voxel[0];
-  stepX = voxel[0] + 1 < nx ? 1 : 0;
-  stepY = voxel[1] + 1 < ny ? nx : 0;
-  stepZ = voxel[2] + 1 < nz ? nx * ny : 0;
+  const int64_t off = ((int64_t)vs[2] * ny + vs[1]) * nx + vs[0];
+  const int64_t sx = vs[0] + 1 < nx ? 1 : 0;
+  const int64_t sy = vs[1] + 1 < ny ? nx : 0;
+  const int64_t sz = vs[2] + 1 < nz ? nx * ny : 0;
 
-  const T* p = data + offset;
-  corner[0] = (float)p[0];                     // c000
-  corner[1] = (float)p[stepX];                 // c100
-  corner[2] = (float)p[stepY];                 // c010
-  corner[3] = (float)p[stepY + stepX];         // c110
-  corner[4] = (float)p[stepY + stepZ];         // c011
-  corner[5] = (float)p[stepY + stepZ + stepX]; // c111
-  corner[6] = (float)p[stepZ];                 // c001
-  corner[7] = (float)p[stepZ + stepX];         // c101
-
-  const float fx = frac[0], fy = frac[1], fz = frac[2];
-  edge[0] = corner[0] + (corner[1] - corner[0]) * fx; // c000 - c100
-  edge[1] = corner[6] + (corner[7] - corner[6]) * fx; // c001 - c101
-  edge[2] = corner[2] + (corner[3] - corner[2]) * fx; // c010 - c110
-  edge[3] = corner[4] + (corner[5] - corner[4]) * fx; // c011 - c111
-  edge[4] = edge[0] + (edge[2] - edge[0]) * fy;
-  edge[5] = edge[1] + (edge[3] - edge[1]) * fy;
-  value = edge[4] + (edge[5] - edge[4]) * fz;
-  increment((double)ref, (double)value);
+  const T* p = data + off;
+  const float c[8] = {
+      (float)p[0],            // c000
+      (float)p[sx],           // c100
+      (float)p[sy],           // c010
+      (float)p[sy + sx],      // c110
+      (float)p[sy + sz],      // c011
+      (float)p[sy + sz + sx], // c111
+      (float)p[sz],           // c001
+      (float)p[sz + sx],      // c101
+  };
+  const float fx = fr[0], fy = fr[1], fz = fr[2];
+  float e[6];
+  e[0] = c[0] + (c[1] - c[0]) * fx; // c000 - c100
+  e[1] = c[6] + (c[7] - c[6]) * fx; // c001 - c101
+  e[2] = c[2] + (c[3] - c[2]) * fx; // c010 - c110
+  e[3] = c[4] + (c[5] - c[4]) * fx; // c011 - c111
+  e[4] = e[0] + (e[2] - e[0]) * fy;
+  e[5] = e[1] + (e[3] - e[1]) * fy;
+  if (KeepState) {
+    for (int a = 0; a < 3; a++) {
+      pos[a] = ps[a];
+      voxel[a] = vs[a];
+      frac[a] = fr[a];
+    }
+    offset = off;
+    stepX = sx;
+    stepY = sy;
+    stepZ = sz;
+    for (int k = 0; k < 8; k++)
+      corner[k] = c[k];
+    for (int k = 0; k < 6; k++)
+      edge[k] = e[k];
+  }
+  return e[4] + (e[5] - e[4]) * fz;
 }
 
-template <class T>
-void RegMetric::evalAndIncrementLabel(float ref, float& value, T* data, QbVec3f* point) {
+template <class T, bool KeepState>
+inline float RegMetric::sampleLabel(const T* data, const QbVec3f* point) {
+  int vs[3];
   for (int a = 0; a < 3; a++) {
     const float p = ((*point)[a] - box[2 * a]) * scale[a] + 0.5f;
     int v = (int)p;
@@ -148,10 +180,12 @@ void RegMetric::evalAndIncrementLabel(float ref, float& value, T* data, QbVec3f*
       v = dims[a] - 1;
     else if (p < 0)
       v = 0;
-    pos[a] = p;
-    voxel[a] = v;
+    vs[a] = v;
+    if (KeepState) {
+      pos[a] = p;
+      voxel[a] = v;
+    }
   }
-  const int64_t index = ((int64_t)voxel[2] * dims[1] + voxel[1]) * dims[0] + voxel[0];
-  value = (float)data[index];
-  increment((double)ref, (double)value);
+  const int64_t index = ((int64_t)vs[2] * dims[1] + vs[1]) * dims[0] + vs[0];
+  return (float)data[index];
 }

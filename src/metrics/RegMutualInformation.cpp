@@ -3,6 +3,7 @@
 #include "ZrMessage.h"
 
 #include <cmath>
+#include <cstring>
 
 RegMutualInformation::RegMutualInformation(QbPrimType refType, QbPrimType modelType, double refMin,
                                            double refMax, double modelMin, double modelMax,
@@ -80,22 +81,8 @@ void RegMutualInformation::getState(RegMetric* other) const {
   RegMetric::getState(other);
   RegMutualInformation* mi = static_cast<RegMutualInformation*>(other);
   mi->histogram.resize(histogram.size());
-  for (int i = 0; i < histogram.size(); i++)
-    mi->histogram[i] = histogram[i];
-}
-
-void RegMutualInformation::increment(double ref, double model) {
-  numTotal++;
-  addToHistogram(histogram.data(), ref, model, refMin, refScale, numBinsRef, modelMin, modelScale,
-                 numBinsMod, 1.0);
-  numInside++;
-}
-
-void RegMutualInformation::decrement(double ref, double model) {
-  numTotal--;
-  addToHistogram(histogram.data(), ref, model, refMin, refScale, numBinsRef, modelMin, modelScale,
-                 numBinsMod, -1.0);
-  numInside--;
+  if (histogram.size() > 0)
+    std::memcpy(mi->histogram.data(), histogram.data(), sizeof(double) * histogram.size());
 }
 
 void RegMutualInformation::getMarginalEntropies(double& ref, double& model) {
@@ -103,19 +90,49 @@ void RegMutualInformation::getMarginalEntropies(double& ref, double& model) {
   model = 0.0;
   const double n = (double)numInside;
   const double* h = histogram.data();
-  for (int i = 0; i < numBinsRef; i++) {
-    double s = 0.0;
-    for (int j = 0; j < numBinsMod; j++)
-      s += h[(size_t)i * numBinsMod + j];
+  const int nr = numBinsRef, nm = numBinsMod;
+  // One pass over the histogram. Each row sum runs over j in rising order and
+  // each column sum over i in rising order, as two separate loops would add
+  // them, so the sums are the same to the last bit; four rows at a time give
+  // four independent chains of additions instead of one, and the column sums
+  // accumulate along the rows in memory order.
+  columnSums.resize(nm);
+  double* col = columnSums.data();
+  for (int j = 0; j < nm; j++)
+    col[j] = 0.0;
+  auto addRowEntropy = [&](double s) {
     const double p = s / n;
     if (p > 0)
       ref -= p * std::log(p);
+  };
+  int i = 0;
+  for (; i + 4 <= nr; i += 4) {
+    const double* r0 = h + (size_t)i * nm;
+    const double *r1 = r0 + nm, *r2 = r1 + nm, *r3 = r2 + nm;
+    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+    for (int j = 0; j < nm; j++) {
+      s0 += r0[j];
+      s1 += r1[j];
+      s2 += r2[j];
+      s3 += r3[j];
+      col[j] = (((col[j] + r0[j]) + r1[j]) + r2[j]) + r3[j];
+    }
+    addRowEntropy(s0);
+    addRowEntropy(s1);
+    addRowEntropy(s2);
+    addRowEntropy(s3);
   }
-  for (int j = 0; j < numBinsMod; j++) {
+  for (; i < nr; i++) {
+    const double* r0 = h + (size_t)i * nm;
     double s = 0.0;
-    for (int i = 0; i < numBinsRef; i++)
-      s += h[(size_t)i * numBinsMod + j];
-    const double p = s / n;
+    for (int j = 0; j < nm; j++) {
+      s += r0[j];
+      col[j] += r0[j];
+    }
+    addRowEntropy(s);
+  }
+  for (int j = 0; j < nm; j++) {
+    const double p = col[j] / n;
     if (p > 0)
       model -= p * std::log(p);
   }
@@ -124,8 +141,21 @@ void RegMutualInformation::getMarginalEntropies(double& ref, double& model) {
 void RegMutualInformation::getJointEntropy(double& h) const {
   h = 0.0;
   const double n = (double)numInside;
+  const double* e = histogram.data();
+  if (n > 0) {
+    // With a positive count, p > 0 exactly where the entry is, so empty and
+    // negative (rounding) entries are passed over before the division.
+    for (int i = histogram.size() - 1; i >= 0; i--) {
+      if (!(e[i] > 0))
+        continue;
+      const double p = e[i] / n;
+      if (p > 0)
+        h -= p * std::log(p);
+    }
+    return;
+  }
   for (int i = histogram.size() - 1; i >= 0; i--) {
-    const double p = histogram[i] / n;
+    const double p = e[i] / n;
     if (p > 0)
       h -= p * std::log(p);
   }

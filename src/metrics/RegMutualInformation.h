@@ -37,8 +37,14 @@ public:
 
   void reset() override;
   void getState(RegMetric* other) const override;
+  // Defined below, in the header, so that walks which bind these calls at
+  // compile time can inline them.
   void increment(double ref, double model) override;
   void decrement(double ref, double model) override;
+  // decrement(refOut, modelOut) followed by increment(refIn, modelIn), with
+  // the same result to the last bit; the reference bin is found once when the
+  // two reference values are equal.
+  void replace(double refOut, double modelOut, double refIn, double modelIn);
   // Entropies of the two marginal distributions (natural logarithm).
   void getMarginalEntropies(double& ref, double& model) override;
   // Entropy of the joint distribution (natural logarithm).
@@ -96,6 +102,8 @@ public:
   }
 
 protected:
+  // Scratch for the column sums of getMarginalEntropies(), sized on first use.
+  QbDArray<double> columnSums;
   // Copy for clone(): counts, maxCoverage, types, bin parameters and the
   // histogram; no message, no bin rules, and the sampling state is not
   // copied.
@@ -104,3 +112,38 @@ protected:
   // falls below a fifth of maxCoverage.
   double overlapWeight() const;
 };
+
+inline void RegMutualInformation::increment(double ref, double model) {
+  numTotal++;
+  addToHistogram(histogram.data(), ref, model, refMin, refScale, numBinsRef, modelMin, modelScale,
+                 numBinsMod, 1.0);
+  numInside++;
+}
+
+inline void RegMutualInformation::decrement(double ref, double model) {
+  numTotal--;
+  addToHistogram(histogram.data(), ref, model, refMin, refScale, numBinsRef, modelMin, modelScale,
+                 numBinsMod, -1.0);
+  numInside--;
+}
+
+inline void RegMutualInformation::replace(double refOut, double modelOut, double refIn,
+                                          double modelIn) {
+  int i, j;
+  double a0, a1, b0, b1;
+  binOf(refOut, refMin, refScale, numBinsRef, i, a0, a1);
+  binOf(modelOut, modelMin, modelScale, numBinsMod, j, b0, b1);
+  double* row = histogram.data() + (size_t)i * numBinsMod + j;
+  row[0] += -1.0 * (a0 * b0);
+  row[numBinsMod] += -1.0 * (a1 * b0);
+  row[1] += -1.0 * (a0 * b1);
+  row[numBinsMod + 1] += -1.0 * (a1 * b1);
+  if (!(refIn == refOut))
+    binOf(refIn, refMin, refScale, numBinsRef, i, a0, a1);
+  binOf(modelIn, modelMin, modelScale, numBinsMod, j, b0, b1);
+  row = histogram.data() + (size_t)i * numBinsMod + j;
+  row[0] += 1.0 * (a0 * b0);
+  row[numBinsMod] += 1.0 * (a1 * b0);
+  row[1] += 1.0 * (a0 * b1);
+  row[numBinsMod + 1] += 1.0 * (a1 * b1);
+}

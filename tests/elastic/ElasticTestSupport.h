@@ -163,16 +163,19 @@ struct ElasticSetup {
 
   void makeFunctional(bool regular, MetricKind kind, float energyWeight = 0,
                       float jacobianWeight = 0, RegDataClass dataClass = RegDataClassGrey,
-                      bool fixLowEntropy = false, float landmarkWeight = 0) {
+                      bool fixLowEntropy = false, float landmarkWeight = 0,
+                      RegMetric* metric = nullptr) {
+    if (!metric)
+      metric = makeMetric(kind);
     const RegInterpolator ip = kind == LABEL ? RegInterpolatorNearest : RegInterpolatorStandard;
     if (regular)
-      functional = std::make_unique<RegElasticFunctionalRegular>(
-          refs, models, ip, transform.get(), makeMetric(kind), nullptr, dataClass, landmarks.get(),
-          fixLowEntropy);
+      functional = std::make_unique<RegElasticFunctionalRegular>(refs, models, ip, transform.get(),
+                                                                 metric, nullptr, dataClass,
+                                                                 landmarks.get(), fixLowEntropy);
     else
-      functional = std::make_unique<RegElasticFunctional>(refs, models, ip, transform.get(),
-                                                          makeMetric(kind), nullptr, dataClass,
-                                                          landmarks.get(), fixLowEntropy);
+      functional =
+          std::make_unique<RegElasticFunctional>(refs, models, ip, transform.get(), metric, nullptr,
+                                                 dataClass, landmarks.get(), fixLowEntropy);
     functional->energyWeight = energyWeight;
     functional->jacobianWeight = jacobianWeight;
     functional->landmarkWeight = landmarkWeight;

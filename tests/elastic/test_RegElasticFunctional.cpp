@@ -255,3 +255,68 @@ TEST(ElasticRefusal, TwoDimensionalRegularizerOnGeneralClass) {
 }
 
 } // namespace
+
+namespace {
+
+// A metric class the probes do not know: its increment and decrement reach
+// the walks through the virtual slots. Every other bit of it is its base's.
+template <class Base> class Opaque : public Base {
+public:
+  using Base::Base;
+  RegMetric* clone() const override { return new Opaque(*this); }
+};
+
+RegMetric* makeOpaque(MetricKind k) {
+  switch (k) {
+  case MSD:
+    return new Opaque<RegMeanSquaredDifference>(1.0);
+  case NMI:
+    return new Opaque<RegNormMutualInformation>(QB_FLOAT, QB_FLOAT, 0, 130, 0, 130, 24, 24, 1.0);
+  case MI:
+    return new Opaque<RegSimpleMutualInformation>(QB_FLOAT, QB_FLOAT, 0, 130, 0, 130, 24, 24, 1.0);
+  case LABEL:
+    return new Opaque<RegLabelDifference>(1.0);
+  default:
+    return nullptr;
+  }
+}
+
+} // namespace
+
+// The probes of the known metric classes bind increment and decrement at
+// compile time, and swap a sample in one call; the gradient and the value are
+// the same to the last bit as through the virtual calls, with and without the
+// penalties, in three and two dimensions.
+TEST(ElasticRegular, BoundMetricCallsChangeNoBit) {
+  struct Run {
+    bool twoD;
+    MetricKind kind;
+    float energy, jacobian;
+  };
+  const Run runs[] = {{false, NMI, 0, 0},      {false, MI, 0, 0},      {false, MSD, 0, 0},
+                      {false, LABEL, 0, 0},    {true, NMI, 0, 0},      {false, NMI, 0.5f, 0.1f},
+                      {true, MSD, 0.5f, 0.1f}, {false, LABEL, 0.2f, 0}};
+  for (const Run& r : runs) {
+    const std::string what = std::string(metricName(r.kind)) + (r.twoD ? " 2D" : " 3D") +
+                             (r.energy > 0 ? " penalised" : "");
+    QbDVector<double> g[2];
+    double value[2];
+    for (int opaque = 0; opaque < 2; opaque++) {
+      ElasticSetup s;
+      s.makeData(r.twoD, r.kind);
+      s.makeTransform(6, r.twoD);
+      s.perturb(0.2);
+      s.makeFunctional(true, r.kind, r.energy, r.jacobian, RegDataClassGrey, false, 0,
+                       opaque ? makeOpaque(r.kind) : makeMetric(r.kind));
+      g[opaque].resize(s.transform->paramVector.size());
+      value[opaque] = s.functional->evaluate(g[opaque], r.kind == LABEL ? 3.0 : 0.3, 1);
+    }
+    EXPECT_EQ(value[0], value[1]) << what;
+    int nonZero = 0;
+    for (int i = 0; i < g[0].size(); i++) {
+      ASSERT_EQ(g[0][i], g[1][i]) << what << " parameter " << i;
+      nonZero += g[0][i] != 0.0;
+    }
+    EXPECT_GT(nonZero, g[0].size() / 4) << what;
+  }
+}

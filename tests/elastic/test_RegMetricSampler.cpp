@@ -120,3 +120,27 @@ TEST_F(SamplerTest, CloneCarriesNoSamplingState) {
 }
 
 } // namespace
+
+// The walks' sampler that keeps nothing in the metric gives the same value
+// and the same inside flag as the one that keeps its state, at points inside,
+// on and beyond the border; it leaves the stored state alone.
+TEST_F(SamplerTest, StatelessSamplingGivesTheSameValues) {
+  RegMeanSquaredDifference other{0.0};
+  prepare(other);
+  const float pts[][3] = {{2.5f, 2.5f, 3.0f}, {7.0f, 0.25f, 1.5f}, {8.0f, 3.0f, 4.0f},
+                          {-0.8f, 0, 0},      {-1.2f, 0, 0},       {9.2f, 3.6f, 4.4f},
+                          {4.8f, 0.6f, 2.2f}, {0.3f, -7.0f, 2.0f}};
+  for (const auto& q : pts) {
+    const QbVec3f p(q[0], q[1], q[2]);
+    metric.inside = other.inside = 1;
+    EXPECT_EQ(metric.sampleGrey<float>(data.data(), &p),
+              (other.sampleGrey<float, false>(data.data(), &p)))
+        << q[0] << " " << q[1] << " " << q[2];
+    EXPECT_EQ(metric.inside, other.inside);
+    EXPECT_EQ(metric.sampleLabel<float>(data.data(), &p),
+              (other.sampleLabel<float, false>(data.data(), &p)));
+  }
+  EXPECT_EQ(0, other.voxel[0] + other.voxel[1] + other.voxel[2]);
+  EXPECT_EQ(0.0f, other.corner[0] + other.corner[7] + other.edge[5]);
+  EXPECT_EQ(0, other.numTotal);
+}
