@@ -94,6 +94,12 @@ public:
     double a0, a1, b0, b1;
     binOf(ref, refMin, refScale, nRef, i, a0, a1);
     binOf(model, modelMin, modelScale, nMod, j, b0, b1);
+    addWeights(hist, nMod, i, j, a0, a1, b0, b1, sign);
+  }
+
+  // Adds sign times the four products of the bin weights around (i, j).
+  static inline void addWeights(double* hist, int nMod, int i, int j, double a0, double a1,
+                                double b0, double b1, double sign) {
     double* row = hist + (size_t)i * nMod + j;
     row[0] += sign * (a0 * b0);
     row[nMod] += sign * (a1 * b0);
@@ -133,17 +139,9 @@ inline void RegMutualInformation::replace(double refOut, double modelOut, double
   double a0, a1, b0, b1;
   binOf(refOut, refMin, refScale, numBinsRef, i, a0, a1);
   binOf(modelOut, modelMin, modelScale, numBinsMod, j, b0, b1);
-  double* row = histogram.data() + (size_t)i * numBinsMod + j;
-  row[0] += -1.0 * (a0 * b0);
-  row[numBinsMod] += -1.0 * (a1 * b0);
-  row[1] += -1.0 * (a0 * b1);
-  row[numBinsMod + 1] += -1.0 * (a1 * b1);
+  addWeights(histogram.data(), numBinsMod, i, j, a0, a1, b0, b1, -1.0);
   if (!(refIn == refOut))
     binOf(refIn, refMin, refScale, numBinsRef, i, a0, a1);
   binOf(modelIn, modelMin, modelScale, numBinsMod, j, b0, b1);
-  row = histogram.data() + (size_t)i * numBinsMod + j;
-  row[0] += 1.0 * (a0 * b0);
-  row[numBinsMod] += 1.0 * (a1 * b0);
-  row[1] += 1.0 * (a0 * b1);
-  row[numBinsMod + 1] += 1.0 * (a1 * b1);
+  addWeights(histogram.data(), numBinsMod, i, j, a0, a1, b0, b1, 1.0);
 }
