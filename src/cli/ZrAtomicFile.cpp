@@ -1,17 +1,44 @@
 #include "ZrAtomicFile.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace {
+// The last temporary names handed out, for removeTemporaries(). A slot is
+// read by the signal handler only while its state is 2 (complete).
+const int kSlots = 8;
+char slotName[kSlots][4096];
+std::atomic<int> slotState[kSlots];
+std::atomic<unsigned> nextSlot{0};
+
+void remember(const std::string& name) {
+  if (name.size() >= sizeof slotName[0])
+    return;
+  const unsigned k = nextSlot.fetch_add(1) % kSlots;
+  slotState[k].store(1);
+  std::memcpy(slotName[k], name.c_str(), name.size() + 1);
+  slotState[k].store(2);
+}
+} // namespace
+
 std::string ZrAtomicFile::temporaryName(const std::string& path) {
   size_t slash = path.find_last_of('/');
   std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
   std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  return dir + ".zrreg-" + std::to_string(getpid()) + "-" + base;
+  std::string name = dir + ".zrreg-" + std::to_string(getpid()) + "-" + base;
+  remember(name);
+  return name;
+}
+
+void ZrAtomicFile::removeTemporaries() {
+  for (int k = 0; k < kSlots; k++)
+    if (slotState[k].load() == 2)
+      ::unlink(slotName[k]);
 }
 
 bool ZrAtomicFile::commit(const std::string& tmp, const std::string& path, std::string& error) {

@@ -7,8 +7,14 @@
 
 class ZrAtomicFile {
 public:
-  // ".zrreg-<pid>-<name>" beside path.
+  // ".zrreg-<pid>-<name>" beside path. The name is also remembered (the last
+  // few), so that removeTemporaries() can take the file away if Ctrl-C ends
+  // the process while it is being written.
   static std::string temporaryName(const std::string& path);
+  // Unlinks the remembered temporary names. Async-signal-safe: for the
+  // Ctrl-C handler's quit cleanup. A name already renamed into place or
+  // removed is simply not found.
+  static void removeTemporaries();
   // Renames tmp to path; on failure removes tmp and says why in error.
   static bool commit(const std::string& tmp, const std::string& path, std::string& error);
   // Writes text to path through a temporary file.

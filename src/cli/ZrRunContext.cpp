@@ -1,5 +1,7 @@
 #include "ZrRunContext.h"
 
+#include "ZrAtomicFile.h"
+
 #include "ZrCompModule.h"
 #include "ZrMessage.h"
 #include "ZrPortIntTextN.h"
@@ -38,6 +40,9 @@ bool ZrRunContext::start(bool quiet, int threads) {
     progress->attach(ZrWorkArea::getTheWorkArea());
   }
   ZrTerminalProgress::installSigintHandler();
+  // A Ctrl-C that quits while an output is being written takes its
+  // temporary file away with it.
+  ZrTerminalProgress::setQuitCleanup(&ZrAtomicFile::removeTemporaries);
   return true;
 }
 

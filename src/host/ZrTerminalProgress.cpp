@@ -192,6 +192,7 @@ void ZrTerminalProgress::progressValueChanged(float v) {
 
 namespace {
 std::atomic<ZrWorkArea*> sigintWorkArea{nullptr};
+std::atomic<void (*)()> sigintQuitCleanup{nullptr};
 struct sigaction previousSigint;
 bool sigintInstalled = false;
 
@@ -206,7 +207,10 @@ void onSigint(int sig) {
     (void)r;
     return;
   }
-  // A second Ctrl-C, or one while nothing runs: quit as usual.
+  // A second Ctrl-C, or one while nothing runs: quit as usual, after the
+  // cleanup (temporary output files, for one).
+  if (void (*cleanup)() = sigintQuitCleanup.load())
+    cleanup();
   std::signal(sig, SIG_DFL);
   std::raise(sig);
 }
@@ -224,6 +228,8 @@ void ZrTerminalProgress::installSigintHandler() {
   if (sigaction(SIGINT, &sa, &previousSigint) == 0)
     sigintInstalled = true;
 }
+
+void ZrTerminalProgress::setQuitCleanup(void (*cleanup)()) { sigintQuitCleanup.store(cleanup); }
 
 void ZrTerminalProgress::uninstallSigintHandler() {
   if (!sigintInstalled)

@@ -46,6 +46,10 @@ public:
   // progress, restores the default action and quits.
   static void installSigintHandler();
   static void uninstallSigintHandler();
+  // A function the handler calls when Ctrl-C quits the process (a second
+  // Ctrl-C, or one while nothing runs), just before it re-raises the signal.
+  // It must be async-signal-safe; nullptr clears it.
+  static void setQuitCleanup(void (*cleanup)());
 
   void workStarted(const std::string& text, int depth) override;
   void workStopped(int depth, bool interrupted) override;

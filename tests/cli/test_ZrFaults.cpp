@@ -6,6 +6,7 @@
 #include "QbMemoryException.h"
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
+#include "ZrAtomicFile.h"
 #include "ZrImageIO.h"
 #include "ZrLandmarkSet.h"
 #include "ZrPointSetIO.h"
@@ -370,4 +371,21 @@ TEST_F(ZrFaults, CtrlCInAnyPhaseEndsWith130AndNoPartialFile) {
       EXPECT_TRUE(f) << when << ": " << error;
     }
   }
+}
+
+// The quit cleanup of Ctrl-C unlinks the temporary files that were handed out
+// and not yet renamed into place; other files, and names already committed,
+// are left alone.
+TEST_F(ZrFaults, QuitCleanupRemovesPendingTemporaries) {
+  const std::string kept = dir + "/kept.txt", pending = dir + "/pending.nii";
+  std::string error;
+  ASSERT_TRUE(ZrAtomicFile::writeText(kept, "committed\n", error)) << error;
+  const std::string tmp = ZrAtomicFile::temporaryName(pending);
+  { std::ofstream(tmp) << "half an image"; }
+  ASSERT_EQ(0, access(tmp.c_str(), F_OK));
+  ZrAtomicFile::removeTemporaries();
+  EXPECT_NE(0, access(tmp.c_str(), F_OK));
+  EXPECT_EQ(0, access(kept.c_str(), F_OK));
+  for (const std::string& name : entries(dir))
+    EXPECT_NE(name.rfind(".zrreg-", 0), 0u) << name;
 }
