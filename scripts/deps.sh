@@ -6,7 +6,7 @@ set -euo pipefail
 PACKAGES=(build-essential cmake ninja-build pkg-config git
   libgtest-dev libgmock-dev libbenchmark-dev libomp-dev
   libinsighttoolkit5-dev libgdcm-tools clang-format
-  clang libclang-rt-dev)
+  clang libclang-rt-dev ccache)
 missing=()
 for p in "${PACKAGES[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
