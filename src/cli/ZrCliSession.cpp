@@ -10,6 +10,7 @@
 #include "ZrPointSetIO.h"
 #include "ZrPort.h"
 #include "ZrRegScalarField3.h"
+#include "ZrRunContext.h"
 #include "ZrVertexSet.h"
 #include "ZrWorkArea.h"
 
@@ -114,7 +115,7 @@ ZrObject* ZrCliSession::loadImage(const std::string& name, const std::string& pa
   if (!f)
     return nullptr;
   if (!info.notice.empty())
-    std::fprintf(stderr, "zrreg: %s: %s\n", path.c_str(), info.notice.c_str());
+    ZrRunContext::notice(path + ": " + info.notice);
   f->setName(name.c_str());
   ZrObjectPool::getTheObjectPool()->addObject(f);
   return f;
@@ -130,7 +131,7 @@ bool ZrCliSession::save(const std::string& object, const std::string& path, std:
     std::string notice;
     bool ok = ZrImageIO::write(f, path, error, &notice);
     if (ok && !notice.empty())
-      std::fprintf(stderr, "zrreg: %s\n", notice.c_str());
+      ZrRunContext::notice(notice);
     return ok;
   }
   if (auto* l = dynamic_cast<ZrLandmarkSet*>(obj))

@@ -97,7 +97,7 @@ bool startContext(ZrRunContext& ctx, const Args& a) {
   auto t = a.values.find("--threads");
   if (t != a.values.end() && !(ZrRunContext::parseInt(t->second.c_str(), threads) && threads > 0))
     return false;
-  return ctx.start(a.values.count("--quiet") > 0, threads);
+  return ctx.start(a.values.count("--quiet") > 0 || a.values.count("-q") > 0, threads);
 }
 
 // A copy of f in another voxel type (values rounded and clamped), keeping the
@@ -231,6 +231,10 @@ void printElasticHelp() {
 
 } // namespace
 
+void ZrElasticCommands::applyDefaults(ZrCompModule* module, bool quiet) {
+  ZrRunContext::useFinestLevel(module, false, quiet);
+}
+
 int ZrElasticCommands::runElastic(int argc, char** argv) {
   Args a = parse(argc, argv,
                  {"--reference", "--model", "--landmarks", "--control-points", "--output",
@@ -272,8 +276,8 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
   const bool labelInput = ZrRunContext::isLabelField(ref) || ZrRunContext::isLabelField(model);
   if (model->primType() != ref->primType()) {
     ZrRegScalarField3* converted = convertType(model, ref->primType());
-    std::fprintf(stderr, "zrreg: the model's voxels (%s) are converted to the reference's type\n",
-                 qbPrimTypeName(model->primType()));
+    ZrRunContext::notice(std::string("the model's voxels (") + qbPrimTypeName(model->primType()) +
+                         ") are converted to the reference's type");
     pool->removeObject(model);
     converted->setName("model");
     pool->addObject(converted);
@@ -317,7 +321,7 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
       return fail(error);
   }
   s.fire(m, false, error);
-  ZrRunContext::useFinestLevel(m, false, a.values.count("--quiet") > 0);
+  applyDefaults(m, a.values.count("--quiet") > 0);
   for (const auto& kv : a.sets) {
     if (!s.setPort(m, kv.first, kv.second, error))
       return fail(error);

@@ -107,6 +107,12 @@ TEST_F(ZrregCommands, PortsListsTheModulesPorts) {
   for (const char* port : {"metric", "optimizer", "transform", "register", "action", "reference"})
     EXPECT_NE(r.output.find(port), std::string::npos) << port;
   EXPECT_NE(r.output.find("Normalized Mutual Information"), std::string::npos);
+  // The values shown are those `zrreg affine` runs with: it registers on the
+  // finest level, which the module by itself skips; --set goes on top.
+  EXPECT_NE(r.output.find("Ignore finest resolution = off"), std::string::npos) << r.output;
+  r = run("ports ZrAffineRegistration --set metric=Correlation");
+  ASSERT_EQ(r.status, 0) << r.output;
+  EXPECT_NE(r.output.find("menu 0 = Correlation;"), std::string::npos) << r.output;
 }
 
 TEST_F(ZrregCommands, AffineFindsTheKnownTransform) {
@@ -115,6 +121,7 @@ TEST_F(ZrregCommands, AffineFindsTheKnownTransform) {
                  "/model.nii.gz --set transform=Rigid=on,Iso-=on -o " + out + " --matrix " + mat +
                  " --itk-transform " + tfm);
   ASSERT_EQ(r.status, 0) << r.output;
+  EXPECT_EQ(r.output, ""); // quiet: nothing but errors
   EXPECT_TRUE(exists(out));
   SbMatrixd known, found, itk;
   std::string error;
