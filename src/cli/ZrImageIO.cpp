@@ -3,6 +3,7 @@
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
 #include "ZrAtomicFile.h"
+#include "ZrNiftiRawValues.h"
 #include "ZrReaderGuard.h"
 #include "ZrUniformLabelField3.h"
 #include "ZrUniformScalarField3.h"
@@ -308,6 +309,13 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     error = "not enough memory to read '" + path + "'";
     return nullptr;
   }
+  // ITK's NIfTI reader turns NaN and infinite floats into 0; the file's own
+  // values go back in, so that the checks before a run see them.
+  if ((comp == IOComponent::FLOAT || comp == IOComponent::DOUBLE) &&
+      std::string(io->GetNameOfClass()) == "NiftiImageIO" &&
+      ZrNiftiRawValues::restoreNonFinite(path, buffer.get(), numVoxels, 1, int(compSize), error) <
+          0)
+    return nullptr;
 
   int type = nativeType(comp);
   void* src = buffer.get();
@@ -649,6 +657,15 @@ bool ZrImageIO::writtenIntact(const std::string& file, const void* data, size_t 
     }
     io->SetIORegion(region);
     io->Read(back.get());
+    // NaN and infinite floats come back from ITK's NIfTI reader as 0.
+    const auto comp = io->GetComponentType();
+    if ((comp == IOComponent::FLOAT || comp == IOComponent::DOUBLE) &&
+        std::string(io->GetNameOfClass()) == "NiftiImageIO") {
+      const size_t valueSize = io->GetComponentSize(), nc = io->GetNumberOfComponents();
+      std::string ignored;
+      ZrNiftiRawValues::restoreNonFinite(file, back.get(), bytes / (valueSize * nc), int(nc),
+                                         int(valueSize), ignored);
+    }
     if (std::memcmp(back.get(), data, bytes) != 0) {
       why = "the file written differs from the data (is the disk full?)";
       return false;

@@ -3,6 +3,7 @@
 #include "SbMatrixd.h"
 #include "ZrAtomicFile.h"
 #include "ZrImageIO.h"
+#include "ZrNiftiRawValues.h"
 #include "ZrReaderGuard.h"
 #include "ZrRegScalarField3.h"
 #include "ZrRegVectorField3.h"
@@ -207,8 +208,15 @@ ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& e
     }
     io->SetIORegion(region);
     io->Read(raw.get());
-    data.resize(3 * n);
     auto comp = io->GetComponentType();
+    // ITK's NIfTI reader turns NaN and infinite floats into 0: put the
+    // file's own values back so that they are refused below.
+    if ((comp == itk::IOComponentEnum::FLOAT || comp == itk::IOComponentEnum::DOUBLE) &&
+        std::string(io->GetNameOfClass()) == "NiftiImageIO" &&
+        ZrNiftiRawValues::restoreNonFinite(path, raw.get(), n, 3, int(io->GetComponentSize()),
+                                           error) < 0)
+      return nullptr;
+    data.resize(3 * n);
     for (size_t i = 0; i < 3 * n; i++) {
       if (comp == itk::IOComponentEnum::FLOAT)
         data[i] = reinterpret_cast<const float*>(raw.get())[i];
