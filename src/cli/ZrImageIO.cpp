@@ -135,6 +135,70 @@ int convertForeign(IOComponent c, const void* src, size_t n, void*& out, std::st
   }
 }
 
+// Readers of picture formats, whose two-component files are grey and alpha.
+bool isPictureReader(itk::ImageIOBase* io) {
+  const std::string kind = io->GetNameOfClass();
+  return kind == "PNGImageIO" || kind == "TIFFImageIO" || kind == "BMPImageIO" ||
+         kind == "JPEGImageIO";
+}
+
+// Turns nc interleaved components per voxel (grey and alpha, RGB, RGBA) into
+// one, in place at the start of data: the grey value when every voxel is grey
+// (R = G = B), otherwise the luminance 0.299 R + 0.587 G + 0.114 B, rounded
+// for integer types. The alpha channel is dropped. Notes what was done.
+template <class T> void pictureToGrey(void* data, size_t n, int nc, std::string& notice) {
+  T* v = static_cast<T*>(data);
+  const bool rgb = nc >= 3;
+  bool grey = true, opaque = true;
+  const int alpha = nc == 2 ? 1 : nc == 4 ? 3 : -1;
+  const T full = std::numeric_limits<T>::is_integer ? std::numeric_limits<T>::max() : T(1);
+  for (size_t i = 0; i < n; i++) {
+    const T* p = v + i * nc;
+    if (rgb && (p[0] != p[1] || p[0] != p[2]))
+      grey = false;
+    if (alpha >= 0 && p[alpha] != full)
+      opaque = false;
+  }
+  for (size_t i = 0; i < n; i++) {
+    const T* p = v + i * nc;
+    if (grey) {
+      v[i] = p[0];
+    } else {
+      const double y = 0.299 * double(p[0]) + 0.587 * double(p[1]) + 0.114 * double(p[2]);
+      v[i] = std::numeric_limits<T>::is_integer ? T(std::floor(y + 0.5)) : T(y);
+    }
+  }
+  if (!grey)
+    notice = "colour voxels converted to their luminance (0.299 R + 0.587 G + 0.114 B)";
+  if (!opaque)
+    notice += std::string(notice.empty() ? "" : "; ") + "the alpha channel is ignored";
+}
+
+bool toGrey(IOComponent c, void* data, size_t n, int nc, std::string& notice) {
+  switch (c) {
+  case IOComponent::UCHAR:
+    pictureToGrey<uint8_t>(data, n, nc, notice);
+    return true;
+  case IOComponent::USHORT:
+    pictureToGrey<uint16_t>(data, n, nc, notice);
+    return true;
+  case IOComponent::SHORT:
+    pictureToGrey<int16_t>(data, n, nc, notice);
+    return true;
+  case IOComponent::INT:
+    pictureToGrey<int32_t>(data, n, nc, notice);
+    return true;
+  case IOComponent::FLOAT:
+    pictureToGrey<float>(data, n, nc, notice);
+    return true;
+  case IOComponent::DOUBLE:
+    pictureToGrey<double>(data, n, nc, notice);
+    return true;
+  default:
+    return false;
+  }
+}
+
 bool hasLabelIntent(const itk::MetaDataDictionary& dict) {
   std::string s;
   if (itk::ExposeMetaData<std::string>(dict, "intent_code", s)) {
@@ -201,10 +265,16 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
             " volumes); extract one 3-D volume first";
     return nullptr;
   }
-  if (io->GetNumberOfComponents() != 1) {
-    error = "'" + path + "' has " + std::to_string(io->GetNumberOfComponents()) +
-            " components per voxel (" + io->GetPixelTypeAsString(io->GetPixelType()) +
-            "); zrreg registers scalar images only";
+  // Pictures: a grey image stored as RGB or with a palette (which ITK expands
+  // to RGB) is read as the grey image it is, a colour one as its luminance;
+  // an alpha channel is dropped. Vector images stay refused.
+  const int components = int(io->GetNumberOfComponents());
+  const bool picture = io->GetPixelType() == itk::IOPixelEnum::RGB ||
+                       io->GetPixelType() == itk::IOPixelEnum::RGBA ||
+                       (components == 2 && isPictureReader(io));
+  if (components != 1 && !(picture && components >= 2 && components <= 4)) {
+    error = "'" + path + "' has " + std::to_string(components) + " components per voxel (" +
+            io->GetPixelTypeAsString(io->GetPixelType()) + "); zrreg registers scalar images only";
     return nullptr;
   }
   const unsigned nd3 = std::min(nd, 3u);
@@ -260,7 +330,8 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
   }
   size_t compSize = io->GetComponentSize();
   // Checked in floating point, where the product cannot wrap around.
-  if (compSize == 0 || double(dims[0]) * dims[1] * dims[2] * compSize > 0.25 * double(SIZE_MAX)) {
+  if (compSize == 0 ||
+      double(dims[0]) * dims[1] * dims[2] * compSize * components > 0.25 * double(SIZE_MAX)) {
     error = "'" + path + "' claims a size of " + std::to_string(dims[0]) + "x" +
             std::to_string(dims[1]) + "x" + std::to_string(dims[2]) + " voxels of " +
             std::to_string(compSize) + " bytes, which no memory can hold";
@@ -277,7 +348,7 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     double factor = endsWith(l, ".nii") || endsWith(l, ".vtk")      ? 1.0
                     : endsWith(l, ".nii.gz") || endsWith(l, ".mha") ? 1032.0
                                                                     : 0.0;
-    double claimed = double(numVoxels) * compSize;
+    double claimed = double(numVoxels) * compSize * components;
     // A single-file NIfTI has at least 352 bytes before its voxels.
     double header = endsWith(l, ".nii") ? 352.0 : 0.0;
     if (factor > 0 && stat(path.c_str(), &st) == 0 &&
@@ -290,7 +361,7 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     }
   }
   try {
-    buffer.reset(static_cast<char*>(qbmalloc(numVoxels * compSize)));
+    buffer.reset(static_cast<char*>(qbmalloc(numVoxels * compSize * components)));
     itk::ImageIORegion region(nd);
     for (unsigned a = 0; a < nd; a++) {
       region.SetIndex(a, 0);
@@ -309,9 +380,13 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     error = "not enough memory to read '" + path + "'";
     return nullptr;
   }
+  if (components > 1 && !toGrey(comp, buffer.get(), numVoxels, components, inf.notice)) {
+    error = "'" + path + "' has colour voxels of type " + inf.fileType + ", which zrreg cannot use";
+    return nullptr;
+  }
   // ITK's NIfTI reader turns NaN and infinite floats into 0; the file's own
   // values go back in, so that the checks before a run see them.
-  if ((comp == IOComponent::FLOAT || comp == IOComponent::DOUBLE) &&
+  if (components == 1 && (comp == IOComponent::FLOAT || comp == IOComponent::DOUBLE) &&
       std::string(io->GetNameOfClass()) == "NiftiImageIO" &&
       ZrNiftiRawValues::restoreNonFinite(path, buffer.get(), numVoxels, 1, int(compSize), error) <
           0)

@@ -1,6 +1,7 @@
 // Image files in and out: geometry (oblique, flipped, permuted headers) must
 // keep every voxel at its world position, and bad input must be refused with a
 // message instead of a crash or a half-written file.
+#include "QbPrimType.h"
 #include "SbMatrixd.h"
 #include "ZrImageIO.h"
 #include "ZrLandmarkSet.h"
@@ -11,6 +12,7 @@
 #include <itkImage.h>
 #include <itkImageFileReader.h>
 #include <itkImageFileWriter.h>
+#include <itkPNGImageIO.h>
 
 #include <gtest/gtest.h>
 
@@ -328,5 +330,83 @@ TEST(ZrImageIO, EveryFormatRoundTripsVoxelsAndGeometry) {
     std::remove(path.c_str());
     if (std::string(fmt.ext) == ".mhd")
       std::remove(tempPath("fmt.zraw").c_str()), std::remove(tempPath("fmt.raw").c_str());
+  }
+}
+
+TEST(ZrImageIO, GreyPicturesReadAsScalarAndColourAsLuminance) {
+  // A 7 x 5 PNG in four forms: palette whose index is not the grey value,
+  // grey stored as RGB, colour, and grey with an opaque alpha channel.
+  const int nx = 7, ny = 5, n = nx * ny;
+  auto grey = [](int i) { return (unsigned char)(i * 7 % 256); };
+  struct Case {
+    const char* name;
+    int components;
+    bool palette;
+    bool colour;
+  } cases[] = {{"palette", 1, true, false},
+               {"rgb-grey", 3, false, false},
+               {"rgb-colour", 3, false, true},
+               {"grey-alpha", 2, false, false}};
+  for (const Case& c : cases) {
+    std::vector<unsigned char> data(size_t(n) * c.components);
+    itk::PNGImageIO::PaletteType palette;
+    for (int i = 0; i < n; i++) {
+      unsigned char* p = &data[size_t(i) * c.components];
+      if (c.palette) {
+        p[0] = (unsigned char)(255 - i); // index
+      } else if (c.components == 2) {
+        p[0] = grey(i);
+        p[1] = 255;
+      } else {
+        p[0] = grey(i);
+        p[1] = c.colour ? (unsigned char)(i * 3) : grey(i);
+        p[2] = c.colour ? (unsigned char)(200 - i) : grey(i);
+      }
+    }
+    if (c.palette)
+      for (int k = 0; k < 256; k++) {
+        const unsigned char g = grey(255 - k); // so that index 255 - i shows grey(i)
+        itk::RGBPixel<unsigned char> rgb;
+        rgb.Set(g, g, g);
+        palette.push_back(rgb);
+      }
+    auto io = itk::PNGImageIO::New();
+    io->SetNumberOfDimensions(2);
+    io->SetComponentType(itk::IOComponentEnum::UCHAR);
+    io->SetNumberOfComponents(c.components);
+    io->SetPixelType(c.components == 3   ? itk::IOPixelEnum::RGB
+                     : c.components == 2 ? itk::IOPixelEnum::VECTOR
+                                         : itk::IOPixelEnum::SCALAR);
+    io->SetDimensions(0, nx);
+    io->SetDimensions(1, ny);
+    if (c.palette) {
+      io->SetColorPalette(palette);
+      io->SetWritePalette(true);
+    }
+    itk::ImageIORegion region(2);
+    region.SetSize(0, nx);
+    region.SetSize(1, ny);
+    io->SetIORegion(region);
+    const std::string path = tempPath(std::string(c.name) + ".png");
+    io->SetFileName(path);
+    io->WriteImageInformation();
+    io->Write(data.data());
+
+    std::string error;
+    ZrImageIO::ReadInfo info;
+    std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(path, {}, &info, error));
+    ASSERT_TRUE(f) << c.name << ": " << error;
+    ASSERT_EQ(f->primType(), QB_UINT8) << c.name;
+    ASSERT_EQ(f->lattice.numNodes(), size_t(n)) << c.name;
+    for (int i = 0; i < n; i++) {
+      const double expected =
+          c.colour ? std::floor(0.299 * grey(i) + 0.587 * (i * 3) + 0.114 * (200 - i) + 0.5)
+                   : grey(i);
+      ASSERT_EQ(f->lattice.getValueAsDouble(i), expected) << c.name << " voxel " << i;
+    }
+    EXPECT_EQ(info.notice.find("luminance") != std::string::npos, c.colour)
+        << c.name << ": " << info.notice;
+    std::remove(path.c_str());
+
   }
 }
