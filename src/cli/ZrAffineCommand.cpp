@@ -258,14 +258,15 @@ int ZrAffineCommand::run(int argc, char** argv) {
       std::fprintf(stderr, "wrote %s\n", what.c_str());
   };
   std::string notice;
-  report(ZrImageIO::write(model, o.out, error, &notice), o.out);
+  report(ZrImageIO::write(model, o.out, error, &notice, s.fileOrder("model")), o.out);
   if (!notice.empty())
     ZrRunContext::notice(notice);
   if (!o.resampled.empty()) {
     std::unique_ptr<ZrRegScalarField3> r(ZrFieldResampler::resample(model, refs[0]));
     if (!r)
       error = "the reference is not on a uniform grid; no resampled image";
-    report(r && ZrImageIO::write(r.get(), o.resampled, error), o.resampled);
+    report(r && ZrImageIO::write(r.get(), o.resampled, error, nullptr, s.fileOrder("reference")),
+           o.resampled);
   }
   if (!o.matrix.empty())
     report(ZrTransformFiles::writeMatrix(change.transpose(), o.matrix, error), o.matrix);

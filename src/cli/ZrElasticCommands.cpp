@@ -354,7 +354,9 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     } else if (!a.values.count("--quiet"))
       std::fprintf(stderr, "wrote %s\n", what.c_str());
   };
-  write(ZrImageIO::write(warped, get("--output"), error), get("--output"));
+  // Everything on the reference's lattice goes out in its file's voxel order.
+  const ZrImageIO::FileOrder* refOrder = s.fileOrder("reference");
+  write(ZrImageIO::write(warped, get("--output"), error, nullptr, refOrder), get("--output"));
   if (!get("--control-grid").empty()) {
     ZrRegVectorField3* grid = nullptr;
     if (press(s, m, "result", "Save transform", error))
@@ -375,18 +377,21 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     } else {
       std::vector<float> d = displacementFrom(vf, ref);
       if (!get("--displacement").empty())
-        write(ZrVectorImageIO::writeOnLattice(ref, d.data(), get("--displacement"), error),
-              get("--displacement"));
+        write(
+            ZrVectorImageIO::writeOnLattice(ref, d.data(), get("--displacement"), error, refOrder),
+            get("--displacement"));
       if (!get("--vector-field").empty()) {
         std::vector<float> back(d.size());
         for (size_t i = 0; i < d.size(); i++)
           back[i] = -d[i];
-        write(ZrVectorImageIO::writeOnLattice(ref, back.data(), get("--vector-field"), error),
+        write(ZrVectorImageIO::writeOnLattice(ref, back.data(), get("--vector-field"), error,
+                                              refOrder),
               get("--vector-field"));
       }
       std::unique_ptr<ZrUniformScalarField3> j(jacobianOf(d, ref));
       if (!get("--jacobian").empty())
-        write(ZrImageIO::write(j.get(), get("--jacobian"), error), get("--jacobian"));
+        write(ZrImageIO::write(j.get(), get("--jacobian"), error, nullptr, refOrder),
+              get("--jacobian"));
       if (!get("--snapshot").empty()) {
         std::unique_ptr<ZrRegScalarField3> beforeOnRef(ZrFieldResampler::resample(model, ref));
         write(beforeOnRef && ZrSnapshot::write(ref, beforeOnRef.get(), warped, j.get(),
@@ -471,7 +476,18 @@ int ZrElasticCommands::runApplyGrid(int argc, char** argv) {
   auto* out = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
   if (!out)
     return fail("the control grid could not be applied (does it belong to this model?)");
-  if (!ZrImageIO::write(out, get("--output"), error))
+  // On the reference: in its file's voxel order. On a grid of the given
+  // resolution: the field's order, in the model's dimension.
+  const ZrImageIO::FileOrder* order = s.fileOrder("reference");
+  ZrImageIO::FileOrder planar;
+  if (!order) {
+    const ZrImageIO::FileOrder* modelOrder = s.fileOrder("model");
+    planar.dimension = modelOrder ? modelOrder->dimension : 3;
+    for (int a = 0; a < 3; a++)
+      planar.dims[a] = out->getDims()[a];
+    order = &planar;
+  }
+  if (!ZrImageIO::write(out, get("--output"), error, nullptr, order))
     return fail(error);
   if (a.values.count("--validate") && !get("--landmarks").empty()) {
     if (!press(s, m, "result", "Validate", error))

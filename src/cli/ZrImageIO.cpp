@@ -3,6 +3,7 @@
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
 #include "ZrAtomicFile.h"
+#include "ZrFileLayout.h"
 #include "ZrNiftiRawValues.h"
 #include "ZrReaderGuard.h"
 #include "ZrUniformLabelField3.h"
@@ -510,6 +511,12 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     box[2 * a + 1] = float(localOrigin[a] + newSpacing[a] * (newDims[a] - 1));
   }
 
+  inf.order.dimension = nd == 2 ? 2 : 3;
+  for (int j = 0; j < 3; j++) {
+    inf.order.axisOf[j] = worldOf[j];
+    inf.order.flip[j] = signOf[j] < 0;
+    inf.order.dims[j] = newDims[j];
+  }
   inf.labelIntent = hasLabelIntent(io->GetMetaDataDictionary());
   bool labels = options.asLabels || inf.labelIntent;
   if (labels && !qbPrimTypeIsInteger(type)) {
@@ -542,7 +549,7 @@ bool ZrImageIO::canWrite(const std::string& path) {
 }
 
 bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, std::string& error,
-                      std::string* notice) {
+                      std::string* notice, const FileOrder* order) {
   if (field->coordType() != ZR_COORD_UNIFORM) {
     error = "only fields on a uniform lattice can be written as images";
     return false;
@@ -554,82 +561,51 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
             "' (use .nii.gz, .nrrd, .mha, ...; see 'zrreg formats')";
     return false;
   }
-  const int* dims = field->getDims();
   float box[6];
   field->getBoundingBox(box);
-  double voxel[3];
-  for (int a = 0; a < 3; a++) {
-    voxel[a] = dims[a] > 1 ? (double(box[2 * a + 1]) - box[2 * a]) / (dims[a] - 1) : 1.0;
-    if (!(voxel[a] > 0))
-      voxel[a] = 1.0;
-  }
-  // world = local * M (rows); as columns: world = A * local + t, A = M^T.
   SbMatrixd m;
   field->getTransform(m);
-  double A[3][3], t[3];
-  for (int r = 0; r < 3; r++) {
-    t[r] = m[3][r];
-    for (int c = 0; c < 3; c++)
-      A[r][c] = m[c][r];
-  }
-  double spacing[3], origin[3], dir[3][3];
-  for (int c = 0; c < 3; c++) {
-    double n = std::sqrt(A[0][c] * A[0][c] + A[1][c] * A[1][c] + A[2][c] * A[2][c]);
-    if (!(n > 0)) {
-      error = "the object's transform is singular and cannot be written into an image header";
-      return false;
-    }
-    spacing[c] = voxel[c] * n;
-    for (int r = 0; r < 3; r++)
-      dir[r][c] = A[r][c] / n;
-  }
-  for (int r = 0; r < 3; r++) {
-    origin[r] = t[r];
-    for (int c = 0; c < 3; c++)
-      origin[r] += A[r][c] * box[2 * c];
-  }
-  // Headers hold orthonormal directions; a shear is replaced by its nearest
-  // orthonormal frame (Gram-Schmidt in axis order) and the user told.
-  double shear = 0;
-  for (int a = 0; a < 3; a++)
-    for (int b = a + 1; b < 3; b++)
-      shear = std::max(
-          shear, std::fabs(dir[0][a] * dir[0][b] + dir[1][a] * dir[1][b] + dir[2][a] * dir[2][b]));
-  if (shear > 1e-5) {
-    for (int c = 1; c < 3; c++) {
-      for (int p = 0; p < c; p++) {
-        double dot = dir[0][c] * dir[0][p] + dir[1][c] * dir[1][p] + dir[2][c] * dir[2][p];
-        for (int r = 0; r < 3; r++)
-          dir[r][c] -= dot * dir[r][p];
-      }
-      double n = std::sqrt(dir[0][c] * dir[0][c] + dir[1][c] * dir[1][c] + dir[2][c] * dir[2][c]);
-      for (int r = 0; r < 3; r++)
-        dir[r][c] /= n;
-    }
-    if (notice)
-      *notice = "the transform of '" + path +
-                "' has a shear that an image header cannot hold; the header keeps its "
-                "nearest orthogonal part (write a resampled image for an exact result)";
-  }
+  ZrFileLayout layout;
+  std::string notes;
+  if (!layout.set(field->getDims(), box, m, order, error, &notes))
+    return false;
+  if (notice && !notes.empty())
+    *notice = "'" + path + "': " + notes;
 
-  io->SetNumberOfDimensions(3);
+  const unsigned nd = unsigned(layout.dimension);
+  io->SetNumberOfDimensions(nd);
   io->SetPixelType(itk::IOPixelEnum::SCALAR);
   io->SetNumberOfComponents(1);
   io->SetComponentType(itkComponent(field->primType()));
-  for (unsigned a = 0; a < 3; a++) {
-    io->SetDimensions(a, dims[a]);
-    io->SetSpacing(a, spacing[a]);
-    io->SetOrigin(a, origin[a]);
-    std::vector<double> d = {dir[0][a], dir[1][a], dir[2][a]};
+  itk::ImageIORegion region(nd);
+  for (unsigned a = 0; a < nd; a++) {
+    io->SetDimensions(a, layout.dims[a]);
+    io->SetSpacing(a, layout.spacing[a]);
+    io->SetOrigin(a, layout.origin[a]);
+    std::vector<double> d;
+    for (unsigned r = 0; r < nd; r++)
+      d.push_back(layout.direction[r][a]);
     io->SetDirection(a, d);
+    region.SetIndex(a, 0);
+    region.SetSize(a, layout.dims[a]);
   }
   io->SetUseCompression(true);
-  itk::ImageIORegion region(3);
-  for (unsigned a = 0; a < 3; a++) {
-    region.SetIndex(a, 0);
-    region.SetSize(a, dims[a]);
-  }
   io->SetIORegion(region);
+
+  // The voxels in the file's order; the field's own memory when that is it.
+  const size_t bytes = field->lattice.numNodes() * qbPrimTypeSize(field->primType());
+  std::unique_ptr<char[]> reordered;
+  const void* voxels = field->lattice.dataPtr();
+  if (!layout.keepsFieldOrder()) {
+    try {
+      reordered.reset(new char[std::max<size_t>(1, bytes)]);
+    } catch (const std::bad_alloc&) {
+      error = "not enough memory to write '" + path + "'";
+      return false;
+    }
+    layout.toFileOrder(voxels, reordered.get(), qbPrimTypeSize(field->primType()));
+    voxels = reordered.get();
+  }
 
   bool detached = ZrAtomicFile::isDetachedFormat(path);
   std::string target = detached ? path : ZrAtomicFile::temporaryName(path);
@@ -645,15 +621,14 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
   try {
     io->SetFileName(target);
     io->WriteImageInformation();
-    io->Write(field->lattice.dataPtr());
+    io->Write(voxels);
   } catch (const itk::ExceptionObject& e) {
     ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + e.GetDescription();
     return false;
   }
   std::string why;
-  if (!writtenIntact(target, field->lattice.dataPtr(),
-                     field->lattice.numNodes() * qbPrimTypeSize(field->primType()), why)) {
+  if (!writtenIntact(target, voxels, bytes, why)) {
     ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + why;
     return false;
