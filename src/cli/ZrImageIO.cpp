@@ -641,6 +641,23 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
   return true;
 }
 
+bool ZrImageIO::checkFinite(const ZrRegScalarField3* field, const char* role, std::string& error) {
+  const size_t n = field->lattice.numNodes();
+  bool bad = false;
+  qbDispatchVoxelType(field->primType(), [&](auto tag) {
+    using T = decltype(tag);
+    if (std::numeric_limits<T>::is_integer)
+      return;
+    const T* v = static_cast<const T*>(field->lattice.dataPtr());
+    for (size_t i = 0; i < n && !bad; i++)
+      bad = !std::isfinite(double(v[i]));
+  });
+  if (bad)
+    error = std::string("the ") + role +
+            " image contains NaN or infinite voxels; replace them (for example by 0) first";
+  return !bad;
+}
+
 bool ZrImageIO::checkUsable(const ZrRegScalarField3* field, const char* role, std::string& error) {
   const int* dims = field->getDims();
   int flat = (dims[0] == 1) + (dims[1] == 1) + (dims[2] == 1);
@@ -648,29 +665,19 @@ bool ZrImageIO::checkUsable(const ZrRegScalarField3* field, const char* role, st
     error = std::string("the ") + role + " image has only one voxel along more than one axis";
     return false;
   }
+  if (!checkFinite(field, role, error))
+    return false;
   size_t n = field->lattice.numNodes();
-  bool bad = false, constant = true;
+  bool constant = true;
   double first = 0;
   qbDispatchVoxelType(field->primType(), [&](auto tag) {
     using T = decltype(tag);
     const T* v = static_cast<const T*>(field->lattice.dataPtr());
     if (n)
       first = double(v[0]);
-    for (size_t i = 0; i < n; i++) {
-      double x = double(v[i]);
-      if (!std::isfinite(x)) {
-        bad = true;
-        break;
-      }
-      if (x != first)
-        constant = false;
-    }
+    for (size_t i = 0; i < n && constant; i++)
+      constant = double(v[i]) == first;
   });
-  if (bad) {
-    error = std::string("the ") + role +
-            " image contains NaN or infinite voxels; replace them (for example by 0) first";
-    return false;
-  }
   if (constant) {
     error = std::string("the ") + role + " image is constant (every voxel is " +
             std::to_string(first) + "); there is nothing to register";

@@ -67,6 +67,8 @@ public:
   // voxels, not constant, not flat on more than one axis. role names the
   // input in the message ("reference", "model").
   static bool checkUsable(const ZrRegScalarField3* field, const char* role, std::string& error);
+  // Only the first of those: no NaN or infinite voxels.
+  static bool checkFinite(const ZrRegScalarField3* field, const char* role, std::string& error);
 
   // Reads the file just written back and compares its bytes of voxels with
   // data. Some of ITK's writers only print an error when the disk is full or

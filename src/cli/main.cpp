@@ -2,6 +2,7 @@
 #include "QbMemoryException.h"
 #include "QbTypeInfo.h"
 #include "ZrAffineCommand.h"
+#include "ZrApplyCommand.h"
 #include "ZrCompModule.h"
 #include "ZrDemo.h"
 #include "ZrElasticCommands.h"
@@ -30,6 +31,7 @@ void printUsage(FILE* out) {
                     "  formats   list the image file formats zrreg can read and write\n"
                     "  affine    rigid/affine registration of a model onto reference images\n"
                     "  elastic   free-form (B-spline) registration\n"
+                    "  apply     move an image (labels, another contrast) by found transforms\n"
                     "  apply-grid     warp an image by a saved control grid\n"
                     "  deform-points  move points or a mesh by a saved vector field\n"
                     "  ports     list the ports of a module class\n"
@@ -198,6 +200,8 @@ static int dispatch(int argc, char** argv) {
     return ZrAffineCommand::run(argc - 1, argv + 1);
   if (cmd == "elastic")
     return ZrElasticCommands::runElastic(argc - 1, argv + 1);
+  if (cmd == "apply")
+    return ZrApplyCommand::run(argc - 1, argv + 1);
   if (cmd == "apply-grid")
     return ZrElasticCommands::runApplyGrid(argc - 1, argv + 1);
   if (cmd == "deform-points")

@@ -66,7 +66,8 @@ std::string ZrregCommands::dir;
 
 TEST_F(ZrregCommands, HelpAndUsageErrors) {
   EXPECT_EQ(run("--help").status, 0);
-  for (const char* c : {"affine", "ports", "run", "demo", "phantom", "version", "formats"}) {
+  for (const char* c :
+       {"affine", "apply", "ports", "run", "demo", "phantom", "version", "formats"}) {
     Result r = run(std::string(c) + " --help");
     EXPECT_EQ(r.status, 0) << c;
     EXPECT_NE(r.output.find("usage: zrreg"), std::string::npos) << c;
