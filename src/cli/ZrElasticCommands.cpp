@@ -363,7 +363,15 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
       grid = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
     if (!grid && error.empty())
       error = "the module made no control grid";
-    write(grid && ZrVectorImageIO::write(grid, get("--control-grid"), error),
+    // The control points keep the package's order, node for node, which is
+    // what reading them back expects; a 2-D run gives a 2-D file.
+    ZrImageIO::FileOrder gridOrder;
+    if (grid) {
+      gridOrder.dimension = refOrder ? refOrder->dimension : 3;
+      for (int a = 0; a < 3; a++)
+        gridOrder.dims[a] = grid->getDims()[a];
+    }
+    write(grid && ZrVectorImageIO::write(grid, get("--control-grid"), error, &gridOrder),
           get("--control-grid"));
   }
   if (!get("--displacement").empty() || !get("--jacobian").empty() ||

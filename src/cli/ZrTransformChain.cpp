@@ -33,9 +33,10 @@ struct ZrTransformChain::Step {
   // Affine steps, row vectors: pull carries a point of the output side to the
   // image side, push moves the image.
   SbMatrixd pull, push;
-  // Vector steps: the field as read (owned until a control grid goes to the
-  // object pool for the module).
+  // Vector steps: the field as read. A control grid goes to the object pool
+  // for the module, which then owns it.
   std::unique_ptr<ZrRegVectorField3> field;
+  ZrRegVectorField3* pooled = nullptr;
 };
 
 ZrTransformChain::ZrTransformChain() = default;
@@ -122,8 +123,10 @@ bool controlGridPositions(ZrCliSession& session, ZrRegVectorField3* controlGrid,
                           std::string& error) {
   ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
   const std::string name = "ChainControlGrid" + std::to_string(index);
-  controlGrid->setName(name.c_str());
-  pool->addObject(controlGrid);
+  if (!controlGrid->isInPool()) {
+    controlGrid->setName(name.c_str());
+    pool->addObject(controlGrid);
+  }
   ZrCompModule* m =
       session.createModule("ZrApplyBSplineTransform", "ChainSpline" + std::to_string(index), error);
   if (!m)
@@ -222,11 +225,11 @@ ZrRegScalarField3* ZrTransformChain::resample(ZrCliSession& session, ZrRegScalar
     Stage st;
     if (s.kind == ControlGrid) {
       // The spline is defined on the output grid's own coordinates.
-      if (s.field) {
-        ZrRegVectorField3* cg = s.field.release();
-        if (!controlGridPositions(session, cg, image, grid, gridName, k, gridPositions[k], error))
-          return nullptr;
-      }
+      if (s.field)
+        s.pooled = s.field.release();
+      if (!controlGridPositions(session, s.pooled, image, grid, gridName, k, gridPositions[k],
+                                error))
+        return nullptr;
       st.grid = &gridPositions[k];
       st.atNodes = onNodes;
       st.before = current * gridFromWorld;

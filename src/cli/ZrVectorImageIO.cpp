@@ -112,7 +112,7 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
 } // namespace
 
 bool ZrVectorImageIO::write(const ZrRegVectorField3* field, const std::string& path,
-                            std::string& error) {
+                            std::string& error, const ZrImageIO::FileOrder* order) {
   if (field->coordType() != ZR_COORD_UNIFORM || field->nDataVar() != 3 || field->primType() != 3) {
     error = "only uniform three-component float fields can be written as vector images";
     return false;
@@ -129,7 +129,7 @@ bool ZrVectorImageIO::write(const ZrRegVectorField3* field, const std::string& p
     for (int c = 0; c < 3; c++)
       world[3 * i + c] =
           float(v[3 * i] * g.m[0][c] + v[3 * i + 1] * g.m[1][c] + v[3 * i + 2] * g.m[2][c]);
-  return writeImage(g, world.data(), path, nullptr, error);
+  return writeImage(g, world.data(), path, order, error);
 }
 
 bool ZrVectorImageIO::writeOnLattice(const ZrRegScalarField3* lattice, const float* worldVectors,

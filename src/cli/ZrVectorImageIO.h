@@ -16,7 +16,10 @@ class ZrRegScalarField3;
 
 class ZrVectorImageIO {
 public:
-  static bool write(const ZrRegVectorField3* field, const std::string& path, std::string& error);
+  // A uniform field with its box and transform as the file's geometry; with
+  // an order that fits it, in that voxel order and dimension.
+  static bool write(const ZrRegVectorField3* field, const std::string& path, std::string& error,
+                    const ZrImageIO::FileOrder* order = nullptr);
   // A uniform, three-component float field (owned by the caller), or null.
   // A 2-D file of two-component vectors reads with z components of 0.
   static ZrRegVectorField3* read(const std::string& path, std::string& error);
