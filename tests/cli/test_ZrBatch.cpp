@@ -311,5 +311,15 @@ TEST(ZrBatch, PhantomPairsWithABrokenRowRerunAndShards) {
   EXPECT_NE(r.output.find("bad.csv:3: row 2: unknown command 'register'"), std::string::npos)
       << r.output;
   EXPECT_EQ(inodeOf(dir + "/out/x.nii.gz"), 0u);
+  // A missing input fails its row, named with its line, without running it.
+  std::ofstream(dir + "/missing.csv")
+      << "command,reference,model,output\n"
+         "affine,p1/reference.nii.gz,p9/model.nii.gz,out/x.nii.gz\n";
+  r = run("batch " + dir + "/missing.csv");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.output.find("the model 'p9/model.nii.gz' does not exist (" + dir + "/missing.csv:2)"),
+            std::string::npos)
+      << r.output;
+  EXPECT_EQ(readSummary(dir + "/missing.summary.tsv")[1]["exit_code"], "");
   std::system(("rm -rf " + dir).c_str());
 }
