@@ -173,9 +173,13 @@ struct Result {
   std::string output;
 };
 
-Result run(const std::string& args, const std::string& env = "") {
+// Runs zrreg with the given variables, and outside any Slurm array the
+// tests themselves may run in.
+Result run(const std::string& args, const std::string& vars = "") {
   Result r;
-  FILE* p = popen((env + " " + zrreg() + " " + args + " 2>&1").c_str(), "r");
+  const std::string cmd = "env -u SLURM_ARRAY_TASK_ID -u SLURM_ARRAY_TASK_COUNT " + vars + " " +
+                          zrreg() + " " + args + " 2>&1";
+  FILE* p = popen(cmd.c_str(), "r");
   if (!p)
     return r;
   char buf[4096];
