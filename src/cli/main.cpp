@@ -2,6 +2,7 @@
 #include "QbMemoryException.h"
 #include "QbTypeInfo.h"
 #include "ZrAffineCommand.h"
+#include "ZrBatchCommand.h"
 #include "ZrCompModule.h"
 #include "ZrDemo.h"
 #include "ZrElasticCommands.h"
@@ -30,6 +31,7 @@ void printUsage(FILE* out) {
                     "  elastic   free-form (B-spline) registration\n"
                     "  apply-grid     warp an image by a saved control grid\n"
                     "  deform-points  move points or a mesh by a saved vector field\n"
+                    "  batch     run many registrations from a table (CSV/TSV), or a shard of it\n"
                     "  ports     list the ports of a module class\n"
                     "  run       run a script of host commands\n"
                     "  phantom   write a synthetic head and a copy under a known transform\n"
@@ -177,6 +179,8 @@ static int dispatch(int argc, char** argv) {
     return ZrElasticCommands::runDeformPoints(argc - 1, argv + 1);
   if (cmd == "phantom")
     return ZrPhantomCommand::run(argc - 1, argv + 1);
+  if (cmd == "batch")
+    return ZrBatchCommand::run(argc - 1, argv + 1);
   if (cmd == "ports")
     return cmdPorts(argc - 1, argv + 1);
   if (cmd == "run")
