@@ -3,6 +3,7 @@
 #include "QbTypeInfo.h"
 #include "ZrAffineCommand.h"
 #include "ZrApplyCommand.h"
+#include "ZrBatchCommand.h"
 #include "ZrCompModule.h"
 #include "ZrDemo.h"
 #include "ZrElasticCommands.h"
@@ -34,6 +35,7 @@ void printUsage(FILE* out) {
                     "  apply     move an image (labels, another contrast) by found transforms\n"
                     "  apply-grid     warp an image by a saved control grid\n"
                     "  deform-points  move points or a mesh by a saved vector field\n"
+                    "  batch     run many registrations from a table (CSV/TSV), or a shard of it\n"
                     "  ports     list the ports of a module class\n"
                     "  run       run a script of host commands\n"
                     "  phantom   write a synthetic head and a copy under a known transform\n"
@@ -208,6 +210,8 @@ static int dispatch(int argc, char** argv) {
     return ZrElasticCommands::runDeformPoints(argc - 1, argv + 1);
   if (cmd == "phantom")
     return ZrPhantomCommand::run(argc - 1, argv + 1);
+  if (cmd == "batch")
+    return ZrBatchCommand::run(argc - 1, argv + 1);
   if (cmd == "ports")
     return cmdPorts(argc - 1, argv + 1);
   if (cmd == "run")
