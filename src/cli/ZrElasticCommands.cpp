@@ -11,6 +11,7 @@
 #include "ZrObjectPool.h"
 #include "ZrPointSetIO.h"
 #include "ZrPortButtonList.h"
+#include "ZrReferenceFrame.h"
 #include "ZrRegScalarField3.h"
 #include "ZrRegVectorField3.h"
 #include "ZrRunContext.h"
@@ -146,14 +147,13 @@ bool press(ZrCliSession& s, ZrCompModule* m, const char* port, const char* label
   return s.fire(m, true, error);
 }
 
-// Displacement of every reference node in world coordinates, from the
-// module's "VectorField" result (node coordinate q, vector p - q, both in the
-// reference's local frame): d = q - p, turned into world coordinates.
-std::vector<float> displacementFrom(const ZrRegVectorField3* vf, const ZrRegScalarField3* ref) {
+// Displacement of every reference node, from the module's "VectorField"
+// result (node coordinate q, vector p - q, both in the reference's local
+// frame): d = q - p, turned into world coordinates by the reference's
+// transform m (the identity for the displacement in the reference's frame).
+std::vector<float> displacementFrom(const ZrRegVectorField3* vf, const SbMatrixd& m) {
   size_t n = vf->lattice.numNodes();
   const float* v = static_cast<const float*>(vf->lattice.dataPtr());
-  SbMatrixd m;
-  ref->getTransform(m);
   std::vector<float> d(3 * n);
   for (size_t i = 0; i < n; i++)
     for (int c = 0; c < 3; c++)
@@ -162,7 +162,8 @@ std::vector<float> displacementFrom(const ZrRegVectorField3* vf, const ZrRegScal
 }
 
 // Determinant of the Jacobian of x -> x + d(x) on the reference lattice, by
-// central differences (one-sided at the border), in world millimetres.
+// central differences (one-sided at the border); d in the reference's own
+// coordinates, so that derivatives and components share their axes.
 ZrUniformScalarField3* jacobianOf(const std::vector<float>& d, const ZrRegScalarField3* ref) {
   const int* dims = ref->getDims();
   float box[6];
@@ -284,6 +285,10 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     model = converted;
   }
 
+  // The run happens in the reference's frame (an oblique reference loses its
+  // rotation meanwhile); the frame is left once the module's work is done.
+  ZrReferenceFrame frame;
+  frame.enter(ref, model);
   ZrCompModule* m = s.createModule("ZrElasticRegistration", "ElasticRegistration", error);
   if (!m)
     return fail(error);
@@ -300,6 +305,7 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
                   "' must hold pairs: x y z of the model, then x y z "
                   "of the reference, per row");
     }
+    frame.toFrame(l);
     l->setName("landmarks");
     pool->addObject(l);
     if (!s.setPort(m, "landmarks", "landmarks", error))
@@ -309,10 +315,13 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     std::string path = get("--control-points");
     ZrLandmarkSet* cp = nullptr;
     std::string why;
-    if (std::unique_ptr<ZrRegVectorField3> grid{ZrVectorImageIO::read(path, why)})
+    // A saved grid is in the frame already; points in a CSV are in the world.
+    if (std::unique_ptr<ZrRegVectorField3> grid{ZrVectorImageIO::read(path, why)}) {
       cp = controlPointsFromGrid(grid.get());
-    else
+    } else {
       cp = ZrPointSetIO::readLandmarks(path, error);
+      frame.toFrame(cp);
+    }
     if (!cp)
       return fail(error);
     cp->setName("startControlPoints");
@@ -356,6 +365,8 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
   };
   // Everything on the reference's lattice goes out in its file's voxel order.
   const ZrImageIO::FileOrder* refOrder = s.fileOrder("reference");
+  if (frame.active())
+    warped->setTransform(frame.toWorld());
   write(ZrImageIO::write(warped, get("--output"), error, nullptr, refOrder), get("--output"));
   if (!get("--control-grid").empty()) {
     ZrRegVectorField3* grid = nullptr;
@@ -379,11 +390,12 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     ZrRegVectorField3* vf = nullptr;
     if (press(s, m, "result", "Vector field", error))
       vf = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
+    frame.leave();
     if (!vf || vf->lattice.numNodes() != ref->lattice.numNodes()) {
       write(false, "");
       std::fprintf(stderr, "zrreg: the module made no vector field on the reference grid\n");
     } else {
-      std::vector<float> d = displacementFrom(vf, ref);
+      std::vector<float> d = displacementFrom(vf, frame.toWorld());
       if (!get("--displacement").empty())
         write(
             ZrVectorImageIO::writeOnLattice(ref, d.data(), get("--displacement"), error, refOrder),
@@ -396,7 +408,7 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
                                               refOrder),
               get("--vector-field"));
       }
-      std::unique_ptr<ZrUniformScalarField3> j(jacobianOf(d, ref));
+      std::unique_ptr<ZrUniformScalarField3> j(jacobianOf(displacementFrom(vf, SbMatrixd()), ref));
       if (!get("--jacobian").empty())
         write(ZrImageIO::write(j.get(), get("--jacobian"), error, nullptr, refOrder),
               get("--jacobian"));
@@ -459,9 +471,16 @@ int ZrElasticCommands::runApplyGrid(int argc, char** argv) {
   m->portData.connect(model);
   if (!s.setPort(m, "controlPoints", "ControlGridVectors", error))
     return fail(error);
+  // With a reference, the grid is applied in the reference's frame, as the
+  // elastic run found it.
+  ZrReferenceFrame frame;
   if (!get("--reference").empty()) {
-    if (!s.loadImage("reference", get("--reference"), false, error) ||
-        !s.setPort(m, "reference", "reference", error))
+    auto* ref = dynamic_cast<ZrRegScalarField3*>(
+        s.loadImage("reference", get("--reference"), false, error));
+    if (!ref)
+      return fail(error);
+    frame.enter(ref, model);
+    if (!s.setPort(m, "reference", "reference", error))
       return fail(error);
   }
   if (!get("--resolution").empty() && !s.setPort(m, "resolution", get("--resolution"), error))
@@ -470,6 +489,7 @@ int ZrElasticCommands::runApplyGrid(int argc, char** argv) {
     ZrLandmarkSet* l = ZrPointSetIO::readLandmarks(get("--landmarks"), error);
     if (!l)
       return fail(error);
+    frame.toFrame(l);
     l->setName("landmarks");
     pool->addObject(l);
     if (!s.setPort(m, "landmarks", "landmarks", error))
@@ -495,6 +515,8 @@ int ZrElasticCommands::runApplyGrid(int argc, char** argv) {
       planar.dims[a] = out->getDims()[a];
     order = &planar;
   }
+  if (frame.active())
+    out->setTransform(frame.toWorld());
   if (!ZrImageIO::write(out, get("--output"), error, nullptr, order))
     return fail(error);
   if (a.values.count("--validate") && !get("--landmarks").empty()) {

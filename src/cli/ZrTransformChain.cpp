@@ -241,7 +241,9 @@ ZrRegScalarField3* ZrTransformChain::resample(ZrCliSession& session, ZrRegScalar
       s.field->getTransform(st.fieldDirToWorld);
     }
     stages.push_back(st);
-    current = SbMatrixd();
+    // A grid's positions are in the output grid's own coordinates (the frame
+    // the spline lives in); a displacement's in the world.
+    current = s.kind == ControlGrid ? toWorld : SbMatrixd();
     onNodes = false;
   }
   const SbMatrixd last = current * imageFromWorld;
