@@ -81,6 +81,10 @@ void ZrAffineCommand::printHelp() {
               "far is written and the exit status is 130.\n");
 }
 
+void ZrAffineCommand::applyDefaults(ZrCompModule* module, bool quiet) {
+  ZrRunContext::useFinestLevel(module, true, quiet);
+}
+
 int ZrAffineCommand::run(int argc, char** argv) {
   Options o;
   for (int i = 1; i < argc; i++) {
@@ -205,7 +209,7 @@ int ZrAffineCommand::run(int argc, char** argv) {
       }
     }
   s.fire(m, false, error);
-  ZrRunContext::useFinestLevel(m, true, o.quiet);
+  applyDefaults(m, o.quiet);
   // Port settings after the defaults that the inputs bring, one update each
   // so that a setting can depend on the one before (a menu that grows).
   for (const auto& kv : o.sets) {
@@ -241,8 +245,9 @@ int ZrAffineCommand::run(int argc, char** argv) {
   model->getTransform(after);
   // Old world position -> new world position, as column vectors.
   SbMatrixd change = before.inverse() * after;
-  std::printf("Model transform (local to world, column vectors):\n%s",
-              ZrTransformFiles::formatMatrix(after.transpose()).c_str());
+  if (!o.quiet)
+    std::printf("Model transform (local to world, column vectors):\n%s",
+                ZrTransformFiles::formatMatrix(after.transpose()).c_str());
 
   bool ok = true;
   auto report = [&](bool written, const std::string& what) {
@@ -253,14 +258,15 @@ int ZrAffineCommand::run(int argc, char** argv) {
       std::fprintf(stderr, "wrote %s\n", what.c_str());
   };
   std::string notice;
-  report(ZrImageIO::write(model, o.out, error, &notice), o.out);
+  report(ZrImageIO::write(model, o.out, error, &notice, s.fileOrder("model")), o.out);
   if (!notice.empty())
-    std::fprintf(stderr, "zrreg: %s\n", notice.c_str());
+    ZrRunContext::notice(notice);
   if (!o.resampled.empty()) {
     std::unique_ptr<ZrRegScalarField3> r(ZrFieldResampler::resample(model, refs[0]));
     if (!r)
       error = "the reference is not on a uniform grid; no resampled image";
-    report(r && ZrImageIO::write(r.get(), o.resampled, error), o.resampled);
+    report(r && ZrImageIO::write(r.get(), o.resampled, error, nullptr, s.fileOrder("reference")),
+           o.resampled);
   }
   if (!o.matrix.empty())
     report(ZrTransformFiles::writeMatrix(change.transpose(), o.matrix, error), o.matrix);
