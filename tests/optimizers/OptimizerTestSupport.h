@@ -152,6 +152,16 @@ inline Objective coupledQuadratic(const std::vector<double>& c, const std::vecto
   };
 }
 
+// -sum (1 + i) (p_i - c_i)^2: separable, maximum 0 at c.
+inline Objective separable(const std::vector<double>& c) {
+  return [c](const QbDVector<double>& p) {
+    double v = 0.0;
+    for (size_t i = 0; i < c.size(); i++)
+      v -= (1.0 + i) * (p[(int)i] - c[i]) * (p[(int)i] - c[i]);
+    return v;
+  };
+}
+
 // Optimum and weights of a coupled quadratic in n parameters.
 inline void quadraticProblem(int n, std::vector<double>& c, std::vector<double>& w) {
   c.resize(n);
