@@ -88,30 +88,6 @@ TEST(ZrSpatialData, NodeCreationCopyAndDuplicate) {
   EXPECT_EQ(ma, someAffine());
 }
 
-TEST(ZrTransformNode, DecomposesAndRecomposes) {
-  ZrTransformNode n;
-  n.center = SbVec3d(0.5, 0.5, 0.5);
-  const SbMatrixd m = someAffine();
-  n.setMatrix(m);
-  EXPECT_EQ(n.getMatrix(), m);
-  EXPECT_NEAR(n.translation.x, 1.5, 1e-9);
-  EXPECT_NEAR(n.translation.y, -2.25, 1e-9);
-  // Recomposing the components gives the matrix back.
-  n.updateMatrix();
-  EXPECT_TRUE(n.getMatrix().equals(m, 1e-9));
-  // Changing a component changes the matrix.
-  n.translation = SbVec3d(0, 0, 0);
-  n.updateMatrix();
-  EXPECT_TRUE(n.getMatrix().equals(
-      m *
-          [] {
-            SbMatrixd t;
-            t.setTranslate(SbVec3d(-1.5, 2.25, -3.0));
-            return t;
-          }(),
-      1e-9));
-}
-
 TEST(ZrPointSets, MarkersSetsBoxesAndDuplicates) {
   ZrLandmarkSet s(2);
   const QbVec3f pair[2] = {QbVec3f(1, 2, 3), QbVec3f(-1, 0, 5)};
