@@ -263,11 +263,23 @@ TEST(ZrVoxelRegistrationBins, OneBinPerIntegerValueUpTo256) {
   struct Case {
     float min, max;
     int type, bins;
-  } cases[] = {{0, 1, QB_UINT8, 1},     {0, 100, QB_UINT8, 100},    {0, 255, QB_UINT8, 255},
-               {0, 256, QB_INT16, 256}, {0, 1000, QB_INT16, 250},   {0, 4095, QB_UINT16, 255},
-               {7, 7, QB_INT32, 1},     {-0.4f, 0.4f, QB_INT16, 1}, {-50, 49.6f, QB_INT16, 100},
-               {0, 255, QB_INT8, 255},  {0, 1000, QB_INT64, 250},   {0, 1000, QB_UINT32, 250},
-               {0, 100, QB_FLOAT, 256}, {0, 1, QB_DOUBLE, 256},     {-1000, 3000, 5, 256}};
+  } cases[] = {{0, 1, QB_UINT8, 1},
+               {0, 100, QB_UINT8, 100},
+               {0, 255, QB_UINT8, 255},
+               {0, 256, QB_INT16, 256},
+               {0, 1000, QB_INT16, 250},
+               {0, 4095, QB_UINT16, 255},
+               {7, 7, QB_INT32, 1},
+               {-0.4f, 0.4f, QB_INT16, 1},
+               {-50, 49.6f, QB_INT16, 100},
+               {0, 255, QB_INT8, 255},
+               {0, 1000, QB_INT64, 250},
+               {0, 1000, QB_UINT32, 250},
+               {0, 100, QB_FLOAT, 256},
+               {0, 1, QB_DOUBLE, 256},
+               {-1000, 3000, 5, 256},
+               // Bin widths are whole numbers: 600 / 256 rounds to 2, leaving 300 bins.
+               {0, 600, QB_INT16, 300}};
   for (const Case& c : cases)
     EXPECT_EQ(ZrVoxelRegistration::computeNumBins(c.min, c.max, c.type), c.bins)
         << c.min << " " << c.max << " type " << c.type;
@@ -434,12 +446,12 @@ TEST_F(VoxelRegistrationTest, StepSchedules) {
     EXPECT_EQ(mod.currentFunctional, nullptr);
     EXPECT_TRUE(mod.watch.isStopped());
   }
-  // The ramp's factor stops at one fifth: ten levels of a flat 1024 x 1024.
-  connect(m, field(1024, 1024, 1), field(1024, 1024, 1), QbVec3i(512, 512, 1));
+  // The ramp's factor stops at one fifth: twelve levels of a flat 2048 x 2048.
+  connect(m, field(2048, 2048, 1), field(2048, 2048, 1), QbVec3i(2048, 2048, 1));
   record(m, 1000.0f, 0.001f, 0, 0);
-  ASSERT_EQ(m.resolutions.size(), 10u);
-  const double ratios[9] = {0.6, 0.55, 0.5, 0.45, 0.4, 0.35, 0.3, 0.25, 0.2};
-  for (int i = 0; i < 9; i++)
+  ASSERT_EQ(m.resolutions.size(), 12u);
+  const double ratios[11] = {0.6, 0.55, 0.5, 0.45, 0.4, 0.35, 0.3, 0.25, 0.2, 0.2, 0.2};
+  for (int i = 0; i < 11; i++)
     EXPECT_NEAR(m.resolutions[i + 1].start / m.resolutions[i].start, ratios[i], 1e-12) << i;
 }
 

@@ -42,6 +42,7 @@ TEST(RegMeanSquaredDifference, OverlapRuleDividesByTheWeight) {
   EXPECT_DOUBLE_EQ(resultWithOverlap(1.0, 5, 100), -16.0);
   // 20% and more: unchanged.
   EXPECT_DOUBLE_EQ(resultWithOverlap(1.0, 20, 100), -4.0);
+  EXPECT_DOUBLE_EQ(resultWithOverlap(1.0, 22, 100), -4.0);
   EXPECT_DOUBLE_EQ(resultWithOverlap(1.0, 90, 100), -4.0);
   // Just below a fifth: weight 0.19 * 5 = 0.95.
   EXPECT_DOUBLE_EQ(resultWithOverlap(1.0, 19, 100), -4.0 / 0.95);

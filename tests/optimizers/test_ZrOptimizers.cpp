@@ -173,6 +173,21 @@ double maxDeviation(const QbDVector<double>& p, const Point& c) {
   return m;
 }
 
+// The searches of the tests: 0 aggressive, 1 line search, 2 extensive line
+// search, 3 steepest descent, 4 conjugate gradients, 5 quasi-Newton.
+std::unique_ptr<ZrOptimizer> makeSearch(int kind, RegOptimizerCallback* cb = nullptr) {
+  if (kind == 0)
+    return std::make_unique<ZrAggressiveDirectionOptimizer>(cb, 0.5, 0.1, 0, 3);
+  if (kind <= 2) {
+    auto o = std::make_unique<ZrBestDirectionOptimizer>(cb, 0.5, 1e-8, 0, kind == 2);
+    o->setProgressLevel(0, 1);
+    return o;
+  }
+  auto o = std::make_unique<ZrGradientOptimizer>(cb, 1e-10, 0.5);
+  o->method = kind - 3;
+  return o;
+}
+
 class OptimizerTest : public ::testing::Test {
 protected:
   void SetUp() override {
@@ -192,8 +207,7 @@ protected:
   }
   // Maximises from start with the optimizer made by make; checks the maximum
   // c within tol (parameters whose natural step is 0 must not move at all).
-  template <class Make>
-  void expectMaximum(Make make, Objective objective, Point start, const Point& c, double tol,
+  void expectMaximum(int kind, Objective objective, Point start, const Point& c, double tol,
                      double a, double b, std::vector<double> steps = {}) {
     TestTransform t(int(start.size()));
     for (size_t i = 0; i < start.size(); i++)
@@ -201,7 +215,7 @@ protected:
     for (size_t i = 0; i < steps.size(); i++)
       t.steps[i] = steps[i];
     AnalyticFunctional f(&t, objective);
-    auto opt = make();
+    auto opt = makeSearch(kind);
     opt->setFunctional(&f);
     opt->optimize(a, b);
     for (size_t i = 0; i < c.size(); i++)
@@ -220,54 +234,22 @@ TEST_F(OptimizerTest, EachSearchFindsTheMaximaOfAnalyticObjectives) {
   const Point frozen = {1, 1, 1, 0, 1, 1, 1};
   struct Search {
     const char* name;
-    std::function<std::unique_ptr<ZrOptimizer>()> make;
+    int kind;
     double a, b, coupledTol, valleyTol, separableTol;
   } searches[] = {
-      {"aggressive",
-       [] { return std::make_unique<ZrAggressiveDirectionOptimizer>(nullptr, 0.5, 0.1, 0, 3); },
-       1.0, 1.0 / 256, 2.0 / 256, 3e-3, 2.0 / 256},
-      {"line search",
-       [] {
-         auto o = std::make_unique<ZrBestDirectionOptimizer>(nullptr, 0.5, 1e-8, 0, false);
-         o->setProgressLevel(0, 1);
-         return o;
-       },
-       1.0, 1.0 / 256, 2.0 / 256, 3e-3, 2.0 / 256},
-      {"extensive line search",
-       [] {
-         auto o = std::make_unique<ZrBestDirectionOptimizer>(nullptr, 0.5, 1e-8, 0, true);
-         o->setProgressLevel(0, 1);
-         return o;
-       },
-       1.0, 1.0 / 256, 2.0 / 256, 3e-3, 2.0 / 256},
+      {"aggressive", 0, 1.0, 1.0 / 256, 2.0 / 256, 3e-3, 2.0 / 256},
+      {"line search", 1, 1.0, 1.0 / 256, 2.0 / 256, 3e-3, 2.0 / 256},
+      {"extensive line search", 2, 1.0, 1.0 / 256, 2.0 / 256, 3e-3, 2.0 / 256},
       // Steepest descent stops on short moves, well before the others.
-      {"steepest descent",
-       [] {
-         auto o = std::make_unique<ZrGradientOptimizer>(nullptr, 1e-10, 0.5);
-         o->method = 0;
-         return o;
-       },
-       0.5, 0.01, 1e-2, 5e-3, 2e-2},
-      {"conjugate gradients",
-       [] {
-         auto o = std::make_unique<ZrGradientOptimizer>(nullptr, 1e-10, 0.5);
-         o->method = 1;
-         return o;
-       },
-       0.5, 0.01, 3e-5, 1e-4, 1e-4},
-      {"quasi-Newton",
-       [] {
-         auto o = std::make_unique<ZrGradientOptimizer>(nullptr, 1e-10, 0.5);
-         o->method = 2;
-         return o;
-       },
-       0.5, 0.01, 3e-5, 1e-4, 1e-4},
+      {"steepest descent", 3, 0.5, 0.01, 1e-2, 5e-3, 2e-2},
+      {"conjugate gradients", 4, 0.5, 0.01, 3e-5, 1e-4, 1e-4},
+      {"quasi-Newton", 5, 0.5, 0.01, 3e-5, 1e-4, 1e-4},
   };
   for (const Search& s : searches) {
     SCOPED_TRACE(s.name);
-    expectMaximum(s.make, c7.objective(), Point(7), c7.c, s.coupledTol, s.a, s.b);
-    expectMaximum(s.make, c60.objective(), Point(60), c60.c, s.coupledTol, s.a, s.b);
-    expectMaximum(s.make, separable, Point(7), {0.4, -0.8, 1.2, 0.0, -0.3, 0.9, 0.2},
+    expectMaximum(s.kind, c7.objective(), Point(7), c7.c, s.coupledTol, s.a, s.b);
+    expectMaximum(s.kind, c60.objective(), Point(60), c60.c, s.coupledTol, s.a, s.b);
+    expectMaximum(s.kind, separable, Point(7), {0.4, -0.8, 1.2, 0.0, -0.3, 0.9, 0.2},
                   s.separableTol, s.a, s.b, frozen);
     // Far along a valley of condition 20 (100 for the gradient methods), just
     // off its floor: across the floor the value is steep, along it flat.
@@ -276,7 +258,7 @@ TEST_F(OptimizerTest, EachSearchFindsTheMaximaOfAnalyticObjectives) {
     t.paramVector[0] = gradient ? -1.5 : -1.0;
     t.paramVector[1] = gradient ? -0.7 : -1.1;
     AnalyticFunctional f(&t, valley(gradient ? 100.0 : 20.0));
-    auto opt = s.make();
+    auto opt = makeSearch(s.kind);
     opt->setFunctional(&f);
     opt->optimize(gradient ? 1.0 : s.a, gradient ? 0.001 : s.b);
     if (gradient) {
@@ -388,56 +370,22 @@ TEST_F(OptimizerTest, StopsLeaveTheParametersAtTheLastPointEvaluated) {
   const Coupled c(7);
   struct Case {
     const char* name;
-    std::function<std::unique_ptr<ZrOptimizer>(RegOptimizerCallback*)> make;
+    int search;
     char kind;
     int stopAt;
     bool viaCallback;
   } cases[] = {
-      // Upward probes: parameters 0 and 2 of the first sweep, 6 as its last
-      // probe pair, and parameter 0 of the second sweep.
-      {"aggressive",
-       [](RegOptimizerCallback* cb) {
-         return std::make_unique<ZrAggressiveDirectionOptimizer>(cb, 0.5, 0.1, 0, 3);
-       },
-       'I', 1, false},
-      {"aggressive",
-       [](RegOptimizerCallback* cb) {
-         return std::make_unique<ZrAggressiveDirectionOptimizer>(cb, 0.5, 0.1, 0, 3);
-       },
-       'I', 13, true},
-      {"aggressive",
-       [](RegOptimizerCallback* cb) {
-         return std::make_unique<ZrAggressiveDirectionOptimizer>(cb, 0.5, 0.1, 0, 3);
-       },
-       'I', 15, false},
+      // Upward probes: parameter 0 of the first sweep, 6 as its last probe
+      // pair, and parameter 0 of the second sweep.
+      {"aggressive", 0, 'I', 1, false},
+      {"aggressive", 0, 'I', 13, true},
+      {"aggressive", 0, 'I', 15, false},
       // The gradient methods, during the first bracket; the line search at
       // the poll after its second gradient.
-      {"conjugate gradients",
-       [](RegOptimizerCallback* cb) {
-         auto o = std::make_unique<ZrGradientOptimizer>(cb, 1e-10, 0.5);
-         o->method = 1;
-         return o;
-       },
-       'E', 3, true},
-      {"quasi-Newton",
-       [](RegOptimizerCallback* cb) {
-         auto o = std::make_unique<ZrGradientOptimizer>(cb, 1e-10, 0.5);
-         o->method = 2;
-         return o;
-       },
-       'E', 3, false},
-      {"steepest descent",
-       [](RegOptimizerCallback* cb) {
-         auto o = std::make_unique<ZrGradientOptimizer>(cb, 1e-10, 0.5);
-         o->method = 0;
-         return o;
-       },
-       'E', 3, false},
-      {"line search",
-       [](RegOptimizerCallback* cb) {
-         return std::make_unique<ZrBestDirectionOptimizer>(cb, 0.5, 1e-8, 0, true);
-       },
-       'G', 2, false},
+      {"conjugate gradients", 4, 'E', 3, true},
+      {"quasi-Newton", 5, 'E', 3, false},
+      {"steepest descent", 3, 'E', 3, false},
+      {"line search", 2, 'G', 2, false},
   };
   for (const Case& k : cases) {
     wa->clearInterrupt();
@@ -449,7 +397,7 @@ TEST_F(OptimizerTest, StopsLeaveTheParametersAtTheLastPointEvaluated) {
       if (f.calls.back().first == k.kind && f.count(k.kind) == k.stopAt)
         k.viaCallback ? void(cb.stop = true) : wa->requestInterrupt();
     };
-    auto opt = k.make(&cb);
+    auto opt = makeSearch(k.search, &cb);
     opt->setFunctional(&f);
     opt->optimize(1.0, 1.0 / 64);
     EXPECT_EQ(f.count(k.kind), k.stopAt) << k.name;
