@@ -89,26 +89,3 @@ TEST(RegMeanSquaredDifference, DecrementCancelsIncrement) {
   EXPECT_EQ(m.sum, 0.0);
   EXPECT_EQ(m.getResult(), -1000.0);
 }
-
-TEST(RegMeanSquaredDifference, CloneAndStateCopyTheStatistic) {
-  RegMeanSquaredDifference m(0.7);
-  m.reset();
-  m.increment(1.0, 4.0);
-  m.increment(2.0, 2.5);
-  m.numTotal += 30;
-  std::unique_ptr<RegMetric> c(m.clone());
-  auto* copy = dynamic_cast<RegMeanSquaredDifference*>(c.get());
-  ASSERT_NE(copy, nullptr);
-  EXPECT_EQ(copy->maxCoverage, 0.7);
-  EXPECT_EQ(copy->getResult(), m.getResult());
-  // getState overwrites, it does not merge.
-  RegMeanSquaredDifference other(0.3);
-  other.reset();
-  for (int i = 0; i < 5; i++)
-    other.increment(9.0, 0.0);
-  m.getState(&other);
-  EXPECT_EQ(other.numInside, 2);
-  EXPECT_EQ(other.numTotal, 32);
-  EXPECT_EQ(other.sum, m.sum);
-  EXPECT_EQ(other.maxCoverage, 0.3); // a parameter, not state
-}
