@@ -100,22 +100,6 @@ TEST(RegCubicSplineTransform, DoublingKeepsEveryTransformedVoxel) {
   delete fresh.controlPoints;
 }
 
-TEST(RegCubicSplineTransform, OtherFactorsOnlyWarn) {
-  const int dims[3] = {5, 5, 5};
-  const float box[6] = {0, 4, 0, 4, 0, 4};
-  const int n[3] = {5, 5, 5};
-  CubicFixture f(dims, box, n);
-  f.perturb(0.1);
-  const QbDVector<double> before = f.t->paramVector;
-  testing::internal::CaptureStderr();
-  f.t->refineNoInterpolants(3);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "WARNING: Cannot refine spline warps by factors other than 2.\n");
-  EXPECT_EQ(f.t->gridSize[0], 5);
-  EXPECT_FLOAT_EQ(f.t->gridSpacing[0], 2.0f);
-  EXPECT_TRUE(f.t->paramVector == before);
-}
-
 TEST(RegCubicSplineTransform, GridEnergy) {
   const int dims[3] = {8, 8, 8};
   const float box[6] = {0, 7, 0, 14, 0, 3.5f};

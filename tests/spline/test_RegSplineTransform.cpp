@@ -164,17 +164,3 @@ TEST(RegSplineTransform, SmoothGridWeights) {
   t->smoothGrid(0.5f, 0.5f);
   EXPECT_TRUE(std::isnan(t->paramVector[0]));
 }
-
-TEST(RegSplineTransform, UpdateKeepsControlPointSetInStep) {
-  const int dims[3] = {5, 5, 5};
-  const float box[6] = {0, 4, 0, 4, 0, 4};
-  const int n[3] = {4, 4, 4};
-  CubicFixture f(dims, box, n);
-  ASSERT_TRUE(f.t->controlPoints);
-  EXPECT_EQ(f.t->controlPoints->getNumMarkers(), 64);
-  f.t->paramVector[4] = 1.0 / 3.0;
-  f.t->refineNoInterpolants(2);
-  f.t->update();
-  EXPECT_EQ(f.t->controlPoints->getNumMarkers(), 125);
-  EXPECT_EQ(f.t->controlPoints->getPosition(0).x, (float)f.t->paramVector[0]);
-}
