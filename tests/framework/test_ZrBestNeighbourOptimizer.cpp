@@ -1,7 +1,6 @@
 // The best-neighbour search: maximising an analytic objective over an affine
 // transform, the schedule of step sizes, the parameters a flat registration
-// leaves alone, the choice within a sweep, interruption, and the isotropic
-// scale stage.
+// leaves alone, the choice within a sweep, and the isotropic scale stage.
 #include "RegAffineTransform.h"
 #include "RegFunctional.h"
 #include "ZrBestNeighbourOptimizer.h"
@@ -38,18 +37,10 @@ public:
     }
     return f;
   }
-  double evaluate() override {
-    numEvaluate++;
-    return value();
-  }
-  double evaluate(QbDVector<double>& gradient, double step, int keepAll) override {
-    return value();
-  }
-  double evaluateAndCache() override {
-    numCache++;
-    return value();
-  }
-  double evaluateIncremental(int index, double delta) override {
+  double evaluate() override { return value(); }
+  double evaluate(QbDVector<double>&, double, int) override { return value(); }
+  double evaluateAndCache() override { return value(); }
+  double evaluateIncremental(int index, double) override {
     probed.insert(index);
     numIncremental++;
     if (onIncremental)
@@ -60,7 +51,7 @@ public:
   double target[12];
   double weight[12] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
   std::set<int> probed;
-  int numEvaluate = 0, numCache = 0, numIncremental = 0;
+  int numIncremental = 0;
   std::function<void(int)> onIncremental;
 };
 
@@ -106,7 +97,6 @@ TEST_F(BestNeighbourTest, FindsTheMaximumOfASeparableParaboloid) {
 
   ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
   opt.setFunctional(&f);
-  ASSERT_EQ(opt.transform, &t);
   const double a = 2.0, b = 1.0 / 64.0;
   opt.optimize(a, b);
 
@@ -120,7 +110,6 @@ TEST_F(BestNeighbourTest, FindsTheMaximumOfASeparableParaboloid) {
   // The centre is never varied.
   for (int i = 12; i < 15; i++)
     EXPECT_EQ(t.paramVector[i], 0.0);
-  EXPECT_EQ(f.numCache, 1);
   EXPECT_EQ(f.probed.size(), 12u);
 
   // The last message reports the value that was reached.
@@ -211,9 +200,6 @@ TEST_F(BestNeighbourTest, FlatRegistrationsKeepTheirParameters) {
         EXPECT_NE(t.paramVector[i], i >= 6 && i <= 8 ? 1.0 : 0.0) << "mode " << mode;
     }
   }
-  // The table goes by index, whatever the transform; -1 skips nothing.
-  for (int i = 0; i < 20; i++)
-    EXPECT_FALSE(ZrOptimizer::isSkippedParameter(-1, i));
 }
 
 TEST_F(BestNeighbourTest, OnlyTheBestNeighbourOfASweepIsTaken) {
@@ -241,31 +227,6 @@ TEST_F(BestNeighbourTest, OnlyTheBestNeighbourOfASweepIsTaken) {
   EXPECT_EQ(seen[12], (std::vector<double>{2, 0, 1})); // sweep 3 from (1, 0, 1)
   EXPECT_EQ(t.paramVector[0], 1.0);
   EXPECT_EQ(t.paramVector[2], 1.0);
-}
-
-TEST_F(BestNeighbourTest, InterruptionStopsAtOnce) {
-  RegAffineTransform t;
-  QuadraticFunctional f(&t);
-  f.target[0] = 5.0;
-  f.target[1] = 5.0;
-  // The user stops during the first probe.
-  f.onIncremental = [&](int) { wa->requestInterrupt(); };
-  ZrBestNeighbourOptimizer opt(nullptr, 0.5, 3);
-  opt.setFunctional(&f);
-  opt.optimize(1.0, 0.125);
-  EXPECT_EQ(f.numIncremental, 1);
-  // Nothing is restored: parameter 0 keeps its probe value.
-  EXPECT_EQ(t.paramVector[0], 1.0);
-  EXPECT_EQ(t.paramVector[1], 0.0);
-  EXPECT_EQ(lines(" Metric result").size(), 0u);
-
-  // An interrupt that is already pending stops before any probe.
-  f.numIncremental = 0;
-  t.paramVector[0] = 0.0;
-  opt.stepFactor = 0.5;
-  opt.optimize(1.0, 0.125);
-  EXPECT_EQ(f.numIncremental, 0);
-  EXPECT_EQ(t.paramVector[0], 0.0);
 }
 
 namespace {
