@@ -9,11 +9,11 @@
 // Adds the samples of one reference lattice to `metric`. Each thread takes one
 // contiguous block of slices. A voxel counts in the statistic when the
 // reference value lies in the reference window and the interpolated model
-// value in the model window (both inclusive); a reference value outside its
-// window is not interpolated at all. The windows and running offsets are read
-// once; the sums and counts are merged in a guarded section at each thread's
-// end, so their summation order depends on the thread count and the order in
-// which the threads finish. The runtime's thread count is restored.
+// value in the model window (both inclusive; NaN lies in neither); a
+// reference value outside its window is not interpolated at all. The windows and running offsets
+// are read once; the sums and counts are merged in a guarded section at each thread's end, so their
+// summation order depends on the thread count and the order in which the threads finish. The
+// runtime's thread count is restored.
 template <class RefT, class ModelT>
 void reg_evaluateUniformCorr(const RefT* ref, const ModelT* model, const QbVec3i& refDims,
                              const ZrCoord3* coords, const SbMatrixd& matrix, const QbVec3i& flags,
@@ -45,11 +45,12 @@ void reg_evaluateUniformCorr(const RefT* ref, const ModelT* model, const QbVec3i
     for (int k = 0; k < nz; k++) {
       reg_evaluateUniformSlice(ref, refDims, coords, matrix, flags, step, clip, k, total,
                                [&](double r, const SbVec3d& v) {
-                                 if (r < refLow || r > refHigh)
+                                 // Within both limits, so that NaN is out.
+                                 if (!(r >= refLow && r <= refHigh))
                                    return;
                                  const double value =
                                      reg_evaluateUniformSample(model, v, mx, my, mz);
-                                 if (value < modelLow || value > modelHigh)
+                                 if (!(value >= modelLow && value <= modelHigh))
                                    return;
                                  const double a = r - refOffset, b = value - modelOffset;
                                  sRefSq += a * a;

@@ -432,3 +432,27 @@ TEST(RegAffineFunctionalUniform, LabelDifferenceIsTakenForSquaredDifference) {
   auto g = s.general(s.newMetric(LABEL));
   EXPECT_EQ(g->evaluate(), -1.0);
 }
+
+TEST(RegAffineFunctionalUniform, NotANumberLiesOutsideTheCorrelationWindows) {
+  // A sample counts for the correlation only when both values lie within
+  // their limits, which NaN never does: a NaN reference voxel, and model
+  // samples that a NaN model voxel reaches, are left out as on the general
+  // walk, and the value stays finite.
+  Pair s(makeField(QB_FLOAT, kRefDims, kRefBox), makeField(QB_FLOAT, kModelDims, kModelBox));
+  s.setSmallAffine();
+  float* ref = static_cast<float*>(s.reference->lattice.dataPtr());
+  float* model = static_cast<float*>(s.model->lattice.dataPtr());
+  ref[5 + 12 * (4 + 10 * 3)] = NAN;
+  model[10 + 20 * (9 + 18 * 8)] = NAN;
+  for (unsigned threads : {1u, 2u}) {
+    auto u = s.uniform(s.newMetric(CORR), threads);
+    auto g = s.general(s.newMetric(CORR));
+    const double uv = u->evaluate(), gv = g->evaluate();
+    EXPECT_TRUE(std::isfinite(uv));
+    EXPECT_NEAR(uv, gv, 1e-6 * std::fabs(gv));
+    EXPECT_EQ(u->metric->numInside, g->metric->numInside);
+    // The reference voxel and the up to 8 neighbours of the model voxel.
+    EXPECT_LE(u->metric->numInside, 12 * 10 * 9 - 2);
+    EXPECT_GE(u->metric->numInside, 12 * 10 * 9 - 9);
+  }
+}
