@@ -106,9 +106,12 @@ struct Pair {
     transform->paramVector[1] = start[1] + y;
     transform->paramVector[2] = start[2] + z;
   }
+  // With every thread in the walk, however small the lattice.
   std::unique_ptr<RegAffineFunctionalUniform> uniform(RegMetric* metric, unsigned threads = 1) {
-    return std::make_unique<RegAffineFunctionalUniform>(
+    auto f = std::make_unique<RegAffineFunctionalUniform>(
         refs, models, RegInterpolatorStandard, transform.get(), metric, nullptr, 3, threads);
+    f->minVoxelsPerThread = 1;
+    return f;
   }
   std::unique_ptr<RegAffineFunctional> general(RegMetric* metric) {
     return std::make_unique<RegAffineFunctional>(refs, models, RegInterpolatorStandard,
