@@ -8,6 +8,7 @@
 #include "ZrFieldResampler.h"
 #include "ZrImageIO.h"
 #include "ZrPortButtonList.h"
+#include "ZrPortFloatTextN.h"
 #include "ZrPortIntTextN.h"
 #include "ZrPortMultiMenu.h"
 #include "ZrPortToggleList.h"
@@ -85,6 +86,14 @@ void ZrAffineCommand::applyDefaults(ZrCompModule* module, const ZrRegScalarField
   ZrRunContext::useFinestLevel(module, finest, quiet);
   auto* options = dynamic_cast<ZrPortToggleList*>(module->getPort("options"));
   const bool ignoresFinest = options && options->getValue(0);
+  // The gradient search takes over on the two finest optimised levels of a
+  // large image: it needs fewer evaluations there than the direction search
+  // and ends as close to the truth. On small images the direction search
+  // stays on the second finest level: there the gradient search ended
+  // farther off.
+  if (ignoresFinest)
+    if (auto* gradient = dynamic_cast<ZrPortFloatTextN*>(module->getPort("nLevelsGradient")))
+      gradient->setValue(0, 2.0f);
 
   // Bins: the finer the level the search ends on, the more samples the
   // joint histogram has, and the more bins it fills: the cube root of the
@@ -144,8 +153,9 @@ void ZrAffineCommand::printHelp() {
               "\n"
               "defaults: normalised mutual information (also for two label images) with\n"
               "the cube root of the finest optimised level's samples as bins (16 to 128);\n"
-              "images over 2^20 voxels are optimised down to the second finest level\n"
-              "(--set options=off optimises the finest too, slower and rarely better)\n"
+              "images over 2^20 voxels are optimised down to the second finest level, with\n"
+              "the gradient search on the two finest of them (--set options=off optimises\n"
+              "the finest too, several times slower)\n"
               "\n"
               "outputs:\n"
               "  -o, --output FILE      the model with its new transform (required)\n"
