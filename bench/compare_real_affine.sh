@@ -36,7 +36,7 @@ while [ $# -gt 0 ]; do
   --no-default) default=0; shift ;;
   --no-elastix) elastix=0; shift ;;
   --zrreg) zrreg="$2"; shift 2 ;;
-  -h | --help) sed -n 2,19p "$0"; exit 0 ;;
+  -h | --help) sed -n 2,18p "$0"; exit 0 ;;
   *) echo "unknown option $1" >&2; exit 2 ;;
   esac
 done
