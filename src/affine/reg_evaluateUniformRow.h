@@ -2,8 +2,8 @@
 // The row walk shared by the uniform-grid evaluators: the interval of a row's
 // voxels that land inside the model, found with a few divisions per row
 // instead of a test per voxel, the trilinear sample of the model from its raw
-// voxels, and the walk over one reference slice that feeds each inside voxel
-// to a metric-specific step.
+// voxels, and the walk over one reference slice that feeds the inside voxels
+// to a metric-specific step in blocks.
 //
 // Positions are model voxel coordinates (voxel i at coordinate i) in double
 // precision. The model counts as reaching half a voxel beyond its outer voxel
