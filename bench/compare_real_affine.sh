@@ -158,6 +158,6 @@ print('| case | tool | wall s | CPU s | peak MB | error mm | Dice |')
 print('|---|---|---:|---:|---:|---:|---:|')
 for case, tool, t, cpu, mb, err_dice in rows:
     err, dice = err_dice.split()
-    dice = dice if dice == '-' else f'{float(dice):.3f}'
-    print(f'| {case} | {tool} | {float(t):.2f} | {float(cpu):.2f} | {mb} | {float(err):.3f} | {dice} |')
+    dice = dice if dice == '-' else f'{float(dice):.4f}'
+    print(f'| {case} | {tool} | {float(t):.2f} | {float(cpu):.2f} | {mb} | {float(err):.4f} | {dice} |')
 PY
