@@ -17,9 +17,6 @@
 #include "ZrSnapshot.h"
 #include "ZrTransformFiles.h"
 
-#include <itkImageIOBase.h>
-#include <itkImageIOFactory.h>
-
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -47,33 +44,33 @@ int usageError(const std::string& msg) {
   return 2;
 }
 
-// Number of dimensions the image file declares (2 for a 2-D image), 0 when
-// its header cannot be read.
-unsigned fileDimension(const std::string& path) {
-  try {
-    itk::ImageIOBase::Pointer io =
-        itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::ReadMode);
-    if (!io)
-      return 0;
-    io->SetFileName(path);
-    io->ReadImageInformation();
-    const unsigned nd = io->GetNumberOfDimensions();
-    return nd == 4 && io->GetDimensions(3) == 1 ? 3 : nd;
-  } catch (const itk::ExceptionObject&) {
-    return 0;
-  }
-}
-
 } // namespace
 
-void ZrAffineCommand::applyDefaults(ZrCompModule* module, const ZrRegScalarField3* reference,
-                                    bool labelPair, int dof, bool quiet) {
+void ZrAffineCommand::applyDefaults(ZrCompModule* module, bool quiet, int dof) {
   // The stages of the degrees of freedom: rigid first, then each added
   // class of parameters, every stage starting from the one before.
   if (auto* transform = dynamic_cast<ZrPortToggleList*>(module->getPort("transform"))) {
     const int stages[4] = {6, 7, 9, 12};
     for (int i = 0; i < 4 && i < transform->getNumEntries(); i++)
       transform->setValue(i, stages[i] <= dof ? 1 : 0);
+  }
+
+  // The rest follows the inputs.
+  auto input = [&](const char* port) -> ZrRegScalarField3* {
+    auto* c = dynamic_cast<ZrConnection*>(module->getPort(port));
+    return c ? c->source<ZrRegScalarField3>() : nullptr;
+  };
+  const ZrRegScalarField3* reference = input("reference");
+  const ZrRegScalarField3* model = module->portData.source<ZrRegScalarField3>();
+  if (!reference || !model) {
+    module->fire(0);
+    module->untouchPorts(true);
+    return;
+  }
+  bool labelPair = ZrRunContext::isLabelField(model);
+  for (const char* port : {"reference", "reference2", "reference3"}) {
+    const ZrRegScalarField3* r = input(port);
+    labelPair = labelPair && (!r || ZrRunContext::isLabelField(r));
   }
 
   // Levels: the finest level costs eight times the level above it and, on
@@ -304,10 +301,7 @@ int ZrAffineCommand::run(int argc, char** argv) {
       }
     }
   s.fire(m, false, error);
-  bool labelPair = ZrRunContext::isLabelField(model);
-  for (int r = 0; r < 3; r++)
-    labelPair = labelPair && (!refs[r] || ZrRunContext::isLabelField(refs[r]));
-  applyDefaults(m, refs[0], labelPair, o.dof, o.quiet);
+  applyDefaults(m, o.quiet, o.dof);
   // Port settings after the defaults that the inputs bring, one update each
   // so that a setting can depend on the one before (a menu that grows).
   for (const auto& kv : o.sets) {
@@ -343,8 +337,9 @@ int ZrAffineCommand::run(int argc, char** argv) {
   model->getTransform(after);
   // Old world position -> new world position, as column vectors.
   SbMatrixd change = before.inverse() * after;
-  std::printf("Model transform (local to world, column vectors):\n%s",
-              ZrTransformFiles::formatMatrix(after.transpose()).c_str());
+  if (!o.quiet)
+    std::printf("Model transform (local to world, column vectors):\n%s",
+                ZrTransformFiles::formatMatrix(after.transpose()).c_str());
 
   bool ok = true;
   auto report = [&](bool written, const std::string& what) {
@@ -355,14 +350,15 @@ int ZrAffineCommand::run(int argc, char** argv) {
       std::fprintf(stderr, "wrote %s\n", what.c_str());
   };
   std::string notice;
-  report(ZrImageIO::write(model, o.out, error, &notice), o.out);
+  report(ZrImageIO::write(model, o.out, error, &notice, s.fileOrder("model")), o.out);
   if (!notice.empty())
-    std::fprintf(stderr, "zrreg: %s\n", notice.c_str());
+    ZrRunContext::notice(notice);
   if (!o.resampled.empty()) {
     std::unique_ptr<ZrRegScalarField3> r(ZrFieldResampler::resample(model, refs[0]));
     if (!r)
       error = "the reference is not on a uniform grid; no resampled image";
-    report(r && ZrImageIO::write(r.get(), o.resampled, error), o.resampled);
+    report(r && ZrImageIO::write(r.get(), o.resampled, error, nullptr, s.fileOrder("reference")),
+           o.resampled);
   }
   if (!o.matrix.empty())
     report(ZrTransformFiles::writeMatrix(change.transpose(), o.matrix, error), o.matrix);
@@ -370,7 +366,9 @@ int ZrAffineCommand::run(int argc, char** argv) {
     // Reference point -> point of the original model file.
     SbMatrixd refToOldModel = after.inverse() * before;
     bool written;
-    if (fileDimension(o.reference[0]) == 2 && fileDimension(o.model) == 2) {
+    const ZrImageIO::FileOrder* refOrder = s.fileOrder("reference");
+    const ZrImageIO::FileOrder* modelOrder = s.fileOrder("model");
+    if (refOrder && modelOrder && refOrder->dimension == 2 && modelOrder->dimension == 2) {
       // ITK reads 2-D images into the plane z = 0; ours lie in the plane of
       // the reference.
       float p[3];

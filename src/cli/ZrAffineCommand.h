@@ -2,7 +2,6 @@
 // zrreg affine: rigid or affine registration of a model image onto one to
 // three reference images, through the package's affine registration module.
 class ZrCompModule;
-class ZrRegScalarField3;
 
 class ZrAffineCommand {
 public:
@@ -18,9 +17,10 @@ public:
   // is written).
   static int run(int argc, char** argv);
   static void printHelp();
-  // zrreg's settings of a connected and updated affine registration module:
-  // the stages up to `dof`, the levels to optimise, the histogram bins and,
-  // for two label images, mutual information. --set comes after them.
-  static void applyDefaults(ZrCompModule* module, const ZrRegScalarField3* reference,
-                            bool labelPair, int dof, bool quiet);
+  // The settings the command gives a connected and updated module before the
+  // user's --set: the stages up to `dof` and, from the inputs, the levels to
+  // optimise, the histogram bins and, for two label images, mutual
+  // information. `zrreg ports ZrAffineRegistration` shows the module with
+  // them.
+  static void applyDefaults(ZrCompModule* module, bool quiet, int dof = kDefaultDof);
 };

@@ -132,7 +132,7 @@ bool ZrTransformFiles::readItkAffine(const std::string& path, SbMatrixd& a, std:
     numbers("FixedParameters:", fixed);
   }
   if (!affine || int(p.size()) != dim * dim + dim) {
-    error = "'" + path + "' is not an affine ITK transform";
+    error = "'" + path + "' is not a 2-D or 3-D affine ITK transform";
     return false;
   }
   double c[3] = {0, 0, 0};

@@ -1,16 +1,21 @@
 // Image files in and out: geometry (oblique, flipped, permuted headers) must
 // keep every voxel at its world position, and bad input must be refused with a
 // message instead of a crash or a half-written file.
+#include "QbPrimType.h"
 #include "SbMatrixd.h"
 #include "ZrImageIO.h"
 #include "ZrLandmarkSet.h"
 #include "ZrPointSetIO.h"
 #include "ZrUniformLabelField3.h"
 #include "ZrUniformScalarField3.h"
+#include "ZrVectorImageIO.h"
 
 #include <itkImage.h>
 #include <itkImageFileReader.h>
 #include <itkImageFileWriter.h>
+#include <itkImageRegionIteratorWithIndex.h>
+#include <itkPNGImageIO.h>
+#include <itkVectorImage.h>
 
 #include <gtest/gtest.h>
 
@@ -328,5 +333,238 @@ TEST(ZrImageIO, EveryFormatRoundTripsVoxelsAndGeometry) {
     std::remove(path.c_str());
     if (std::string(fmt.ext) == ".mhd")
       std::remove(tempPath("fmt.zraw").c_str()), std::remove(tempPath("fmt.raw").c_str());
+  }
+}
+
+TEST(ZrImageIO, GreyPicturesReadAsScalarAndColourAsLuminance) {
+  // A 7 x 5 PNG in four forms: palette whose index is not the grey value,
+  // grey stored as RGB, colour, and grey with an opaque alpha channel.
+  const int nx = 7, ny = 5, n = nx * ny;
+  auto grey = [](int i) { return (unsigned char)(i * 7 % 256); };
+  struct Case {
+    const char* name;
+    int components;
+    bool palette;
+    bool colour;
+  } cases[] = {{"palette", 1, true, false},
+               {"rgb-grey", 3, false, false},
+               {"rgb-colour", 3, false, true},
+               {"grey-alpha", 2, false, false}};
+  for (const Case& c : cases) {
+    std::vector<unsigned char> data(size_t(n) * c.components);
+    itk::PNGImageIO::PaletteType palette;
+    for (int i = 0; i < n; i++) {
+      unsigned char* p = &data[size_t(i) * c.components];
+      if (c.palette) {
+        p[0] = (unsigned char)(255 - i); // index
+      } else if (c.components == 2) {
+        p[0] = grey(i);
+        p[1] = 255;
+      } else {
+        p[0] = grey(i);
+        p[1] = c.colour ? (unsigned char)(i * 3) : grey(i);
+        p[2] = c.colour ? (unsigned char)(200 - i) : grey(i);
+      }
+    }
+    if (c.palette)
+      for (int k = 0; k < 256; k++) {
+        const unsigned char g = grey(255 - k); // so that index 255 - i shows grey(i)
+        itk::RGBPixel<unsigned char> rgb;
+        rgb.Set(g, g, g);
+        palette.push_back(rgb);
+      }
+    auto io = itk::PNGImageIO::New();
+    io->SetNumberOfDimensions(2);
+    io->SetComponentType(itk::IOComponentEnum::UCHAR);
+    io->SetNumberOfComponents(c.components);
+    io->SetPixelType(c.components == 3   ? itk::IOPixelEnum::RGB
+                     : c.components == 2 ? itk::IOPixelEnum::VECTOR
+                                         : itk::IOPixelEnum::SCALAR);
+    io->SetDimensions(0, nx);
+    io->SetDimensions(1, ny);
+    if (c.palette) {
+      io->SetColorPalette(palette);
+      io->SetWritePalette(true);
+    }
+    itk::ImageIORegion region(2);
+    region.SetSize(0, nx);
+    region.SetSize(1, ny);
+    io->SetIORegion(region);
+    const std::string path = tempPath(std::string(c.name) + ".png");
+    io->SetFileName(path);
+    io->WriteImageInformation();
+    io->Write(data.data());
+
+    std::string error;
+    ZrImageIO::ReadInfo info;
+    std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(path, {}, &info, error));
+    ASSERT_TRUE(f) << c.name << ": " << error;
+    ASSERT_EQ(f->primType(), QB_UINT8) << c.name;
+    ASSERT_EQ(f->lattice.numNodes(), size_t(n)) << c.name;
+    for (int i = 0; i < n; i++) {
+      const double expected =
+          c.colour ? std::floor(0.299 * grey(i) + 0.587 * (i * 3) + 0.114 * (200 - i) + 0.5)
+                   : grey(i);
+      ASSERT_EQ(f->lattice.getValueAsDouble(i), expected) << c.name << " voxel " << i;
+    }
+    EXPECT_EQ(info.notice.find("luminance") != std::string::npos, c.colour)
+        << c.name << ": " << info.notice;
+    std::remove(path.c_str());
+  }
+}
+
+namespace {
+
+// An ITK image of D dimensions with distinct voxel values and the given
+// direction (columns = voxel axes), spacing and origin.
+template <unsigned D>
+typename itk::Image<short, D>::Pointer makeImageD(const double (&dir)[D][D], const int (&size)[D],
+                                                  const double (&spacing)[D],
+                                                  const double (&origin)[D]) {
+  using Image = itk::Image<short, D>;
+  auto img = Image::New();
+  typename Image::SizeType sz;
+  typename Image::SpacingType sp;
+  typename Image::PointType org;
+  typename Image::DirectionType d;
+  for (unsigned r = 0; r < D; r++) {
+    sz[r] = size[r];
+    sp[r] = spacing[r];
+    org[r] = origin[r];
+    for (unsigned c = 0; c < D; c++)
+      d[r][c] = dir[r][c];
+  }
+  img->SetRegions(typename Image::RegionType(sz));
+  img->Allocate();
+  img->SetSpacing(sp);
+  img->SetOrigin(org);
+  img->SetDirection(d);
+  short v = 0;
+  for (itk::ImageRegionIterator<Image> it(img, img->GetLargestPossibleRegion()); !it.IsAtEnd();
+       ++it)
+    it.Set(short(v++ * 7 % 3001));
+  return img;
+}
+
+// ITK reads path as an image of D dimensions with the same geometry and the
+// same voxel array as img.
+template <unsigned D>
+void expectSameFile(const std::string& path, const itk::Image<short, D>* img, const char* what) {
+  using Image = itk::Image<short, D>;
+  auto reader = itk::ImageFileReader<Image>::New();
+  reader->SetFileName(path);
+  reader->Update();
+  const Image* back = reader->GetOutput();
+  auto io = reader->GetImageIO();
+  ASSERT_EQ(io->GetNumberOfDimensions(), D) << what;
+  ASSERT_EQ(back->GetLargestPossibleRegion().GetSize(), img->GetLargestPossibleRegion().GetSize())
+      << what;
+  for (unsigned r = 0; r < D; r++) {
+    EXPECT_NEAR(back->GetSpacing()[r], img->GetSpacing()[r], 1e-5) << what;
+    EXPECT_NEAR(back->GetOrigin()[r], img->GetOrigin()[r], 1e-4) << what;
+    for (unsigned c = 0; c < D; c++)
+      EXPECT_NEAR(back->GetDirection()[r][c], img->GetDirection()[r][c], 1e-6) << what;
+  }
+  const size_t n = img->GetLargestPossibleRegion().GetNumberOfPixels();
+  EXPECT_EQ(std::memcmp(back->GetBufferPointer(), img->GetBufferPointer(), n * sizeof(short)), 0)
+      << what << ": the voxel array differs";
+}
+
+} // namespace
+
+TEST(ZrImageIO, WrittenInTheInputsVoxelOrderAndDimension) {
+  // Read, then written with the order noted on reading: ITK reads back the
+  // file's own voxel array, dimension and geometry, whatever the reader
+  // permuted and flipped.
+  const double ras[3][3] = {{-1, 0, 0}, {0, -1, 0}, {0, 0, 1}}; // R,A,S storage in LPS terms
+  const double permFlip[3][3] = {{0, 0, -1}, {-1, 0, 0}, {0, 1, 0}};
+  const double perm2[3][3] = {{0, 1, 0}, {0, 0, -1}, {1, 0, 0}};
+  const double c = std::cos(0.2), s = std::sin(0.2);
+  const double tilt[3][3] = {{c, -s, 0}, {s, c, 0}, {0, 0, 1}};
+  const struct {
+    const double (*dir)[3];
+    bool tilted;
+    const char* ext;
+  } cases3[] = {{ras, false, ".nii.gz"}, {permFlip, true, ".nrrd"}, {perm2, false, ".mha"}};
+  for (const auto& k : cases3) {
+    // Permuted and flipped axes, tilted by 0.2 rad about z for an oblique
+    // header.
+    double dir[3][3] = {};
+    for (int r = 0; r < 3; r++)
+      for (int q = 0; q < 3; q++)
+        for (int t = 0; t < 3; t++)
+          dir[r][q] += (k.tilted ? tilt[r][t] : double(r == t)) * k.dir[t][q];
+    auto img = makeImageD<3>(dir, {6, 5, 4}, {1.5, 0.8, 2.5}, {10, -20, 5});
+    const std::string in = tempPath(std::string("order-in") + k.ext),
+                      out = tempPath(std::string("order-out") + k.ext);
+    itk::ImageFileWriter<itk::Image<short, 3>>::Pointer w =
+        itk::ImageFileWriter<itk::Image<short, 3>>::New();
+    w->SetInput(img);
+    w->SetFileName(in);
+    w->Update();
+    std::string error;
+    ZrImageIO::ReadInfo info;
+    std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(in, {}, &info, error));
+    ASSERT_TRUE(f) << error;
+    ASSERT_TRUE(ZrImageIO::write(f.get(), out, error, nullptr, &info.order)) << error;
+    expectSameFile<3>(out, img.GetPointer(), k.ext);
+    std::remove(in.c_str());
+    std::remove(out.c_str());
+  }
+
+  // 2-D files, flipped along y, stay 2-D.
+  const double flipY[2][2] = {{1, 0}, {0, -1}};
+  auto img2 = makeImageD<2>(flipY, {7, 5}, {0.5, 0.25}, {3, 4});
+  for (const char* ext : {".mha", ".nii"}) {
+    const std::string in = tempPath(std::string("flat-in") + ext),
+                      out = tempPath(std::string("flat-out") + ext);
+    auto w = itk::ImageFileWriter<itk::Image<short, 2>>::New();
+    w->SetInput(img2);
+    w->SetFileName(in);
+    w->Update();
+    std::string error;
+    ZrImageIO::ReadInfo info;
+    std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(in, {}, &info, error));
+    ASSERT_TRUE(f) << error;
+    ASSERT_TRUE(ZrImageIO::write(f.get(), out, error, nullptr, &info.order)) << error;
+    expectSameFile<2>(out, img2.GetPointer(), ext);
+
+    // A vector field on that lattice (world vectors in the plane) goes out as
+    // a 2-D, two-component image in the same order: the vector at each file
+    // voxel is a function of the voxel's world position.
+    const size_t n = f->lattice.numNodes();
+    std::vector<float> vectors(3 * n);
+    float box[6];
+    f->getBoundingBox(box);
+    SbMatrixd m;
+    f->getTransform(m);
+    const int* d = f->getDims();
+    for (size_t i = 0; i < n; i++) {
+      double w3[3];
+      worldOf(f.get(), int(i % d[0]), int(i / d[0] % d[1]), int(i / d[0] / d[1]), w3);
+      vectors[3 * i] = float(w3[0] * 2 + w3[1]);
+      vectors[3 * i + 1] = float(w3[1] - 1);
+      vectors[3 * i + 2] = 0.0f;
+    }
+    const std::string vout = tempPath(std::string("flat-vec") + ext);
+    ASSERT_TRUE(ZrVectorImageIO::writeOnLattice(f.get(), vectors.data(), vout, error, &info.order))
+        << error;
+    using VecImage = itk::VectorImage<float, 2>;
+    auto vr = itk::ImageFileReader<VecImage>::New();
+    vr->SetFileName(vout);
+    vr->Update();
+    VecImage* v = vr->GetOutput();
+    ASSERT_EQ(v->GetNumberOfComponentsPerPixel(), 2u);
+    ASSERT_EQ(v->GetLargestPossibleRegion().GetSize(), img2->GetLargestPossibleRegion().GetSize());
+    for (itk::ImageRegionIteratorWithIndex<VecImage> it(v, v->GetLargestPossibleRegion());
+         !it.IsAtEnd(); ++it) {
+      VecImage::PointType p;
+      v->TransformIndexToPhysicalPoint(it.GetIndex(), p);
+      EXPECT_NEAR(it.Get()[0], p[0] * 2 + p[1], 1e-4);
+      EXPECT_NEAR(it.Get()[1], p[1] - 1, 1e-4);
+    }
+    std::remove(in.c_str());
+    std::remove(out.c_str());
+    std::remove(vout.c_str());
   }
 }

@@ -268,6 +268,19 @@ TEST(ZrMessage, SinkQuietAndInfo) {
   EXPECT_EQ(ZrMessage::format("%.3f %s", 0.5, "x"), "0.500 x");
 }
 
+TEST(ZrMessage, ShownMessagesEachEndTheirLine) {
+  // Reports printed in pieces without line ends come out a line each; a text
+  // that ends its line is not given a second line end.
+  FILE* f = std::tmpfile();
+  ASSERT_NE(f, nullptr);
+  for (const char* text : {"step size    : 0.047247", "Metric result: 1.18643",
+                           "numBinsRef, numBinsMod: 135 135\n", "", "elapsed time: 0.20 seconds\n"})
+    ZrMessage::putLine(f, text);
+  EXPECT_EQ(contents(f), "step size    : 0.047247\nMetric result: 1.18643\n"
+                         "numBinsRef, numBinsMod: 135 135\nelapsed time: 0.20 seconds\n");
+  std::fclose(f);
+}
+
 TEST(ZrSettingsMgr, ThreadCount) {
   ZrSettingsMgr* s = ZrSettingsMgr::getInstance();
   EXPECT_GE(s->getNumThreads(), 1);
