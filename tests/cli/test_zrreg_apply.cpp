@@ -340,7 +340,7 @@ TEST_F(ZrregApply, BadInputIsRefusedAndNothingWritten) {
     const char* message;
   } cases[] = {
       {img0 + " -t " + path("bad.txt") + ref, 1, "holds 6 numbers, not 16"},
-      {img0 + " -t " + path("bad.tfm") + ref, 1, "is not a 3-D affine ITK transform"},
+      {img0 + " -t " + path("bad.tfm") + ref, 1, "is not a 2-D or 3-D affine ITK transform"},
       {img0 + " --displacement " + path("img.nii.gz") + ref, 1, "three-component vectors"},
       {" --image " + path("nan.nii") + ref, 1, "contains NaN or infinite voxels"},
       {img0 + " --labels --interpolation cubic" + ref, 1, "nearest voxel only"},

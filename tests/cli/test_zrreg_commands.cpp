@@ -78,6 +78,9 @@ TEST_F(ZrregCommands, HelpAndUsageErrors) {
   r = run("affine --model x.nii");
   EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.output.find("--reference"), std::string::npos);
+  r = run("affine --dof 8 --reference x.nii --model y.nii -o z.nii");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.output.find("6, 7, 9 or 12"), std::string::npos) << r.output;
 }
 
 TEST_F(ZrregCommands, BadInputGivesAMessageAndNoOutput) {
@@ -122,9 +125,9 @@ TEST_F(ZrregCommands, PortsListsTheModulesPorts) {
 
 TEST_F(ZrregCommands, AffineFindsTheKnownTransform) {
   std::string out = dir + "/aligned.nii.gz", mat = dir + "/change.txt", tfm = dir + "/t.tfm";
-  Result r = run("affine --quiet --reference " + dir + "/reference.nii.gz --model " + dir +
-                 "/model.nii.gz --set transform=Rigid=on,Iso-=on -o " + out + " --matrix " + mat +
-                 " --itk-transform " + tfm);
+  Result r =
+      run("affine --quiet --reference " + dir + "/reference.nii.gz --model " + dir +
+          "/model.nii.gz --dof 7 -o " + out + " --matrix " + mat + " --itk-transform " + tfm);
   ASSERT_EQ(r.status, 0) << r.output;
   EXPECT_EQ(r.output, ""); // quiet: nothing but errors
   EXPECT_TRUE(exists(out));
