@@ -106,7 +106,7 @@ public:
 private:
   double logged(char kind) {
     const QbDVector<double>& p = transform->paramVector;
-    calls.emplace_back(kind, Point(&p[0], &p[0] + p.size()));
+    calls.emplace_back(kind, Point(p.data(), p.data() + p.size()));
     if (onCall)
       onCall();
     return value();
