@@ -121,6 +121,7 @@ double RegElasticFunctionalRegular::evaluateAndCacheWithRegularizer() {
       splineTransform, scaleX, scaleY, scaleZ, this, grid, gridPartialY, derivPartialY,
       derivPartialZ, dXX, dYY, dZZ, dXY, dXZ, dYZ, dX, dY, dZ, regularNumVoxels, energySum,
       energyWeight, jacobianSum, jacobianWeight, is2D));
+  cacheLocalParams();
   return result;
 }
 

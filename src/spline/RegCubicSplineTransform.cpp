@@ -12,12 +12,19 @@ RegCubicSplineTransform::RegCubicSplineTransform(int dim, bool fast)
 
 void RegCubicSplineTransform::setModel(ZrSpatialData* model) {
   RegSplineTransform::setModel(model);
-  if (!model)
+  if (!model || !model->getTransform(false))
     return;
-  if (ZrTransformNode* node = model->getTransform(false)) {
-    const SbVec3d& s = node->scaleFactor;
-    modelVolumeScale = (double)((float)s[1] * (float)s[0] * (float)s[2]);
-  }
+  // The penalties measure the deformation in the model's local coordinates,
+  // where a lattice at rest has the determinant of the inverse model matrix
+  // (1 / s^3 for a scale s, negative for a reflection), not the product of
+  // the model's scale factors: that product would make the rest state cost
+  // 6 ln s per voxel and pull the deformation towards growth. In 2-D only
+  // the x-y block counts, as z keeps its world value.
+  const SbMatrix& m = modelInverseMatrix;
+  if (dimension == 3)
+    modelVolumeScale = m.det3();
+  else
+    modelVolumeScale = (double)m[0][0] * m[1][1] - (double)m[0][1] * m[1][0];
 }
 
 void RegCubicSplineTransform::updateNeighbourOffset() {

@@ -7,7 +7,10 @@
 
 class RegCubicSplineTransform : public RegSplineTransform {
 public:
-  // Product of the model transformation's three scale factors.
+  // Determinant of the lattice at rest in the model's local coordinates: the
+  // volume change that the model's own transformation implies, against which
+  // the Jacobian penalty measures the deformation. Signed: a reflecting model
+  // transformation makes it negative.
   double modelVolumeScale = 1.0;
   // For coordinate c, layer k and row j: offset in paramVector from the first
   // point of a 4 x 4 x 4 neighbourhood to its point (0, j, k), coordinate c.

@@ -64,6 +64,16 @@ public:
   // Map v into the model's local coordinates (saving it), and back.
   virtual void applyModelTransformInv(QbDVector<double>& v);
   virtual void applyModelTransform(QbDVector<double>& v);
+  // The same mapping into local coordinates for one point, or from one vector
+  // into another, touching neither savedParams nor the flag: safe to call
+  // from several threads at once. In 2-D z keeps its world value.
+  void mapToLocal(const double* world, double* local) const;
+  void mapToLocal(const QbDVector<double>& world, QbDVector<double>& local) const;
+  // How a point's local coordinates move when its world coordinate c moves by
+  // 1: row c of the linear part of modelInverseMatrix, or the unit vector c
+  // when the model has no transformation. In 2-D the z entry is 1 for c = 2
+  // only, as z keeps its world value there.
+  void getLocalDirection(int c, double dir[3]) const;
   virtual void setReference(ZrSpatialData* reference);
   virtual void setModel(ZrSpatialData* model);
   // Position of voxel v under parameters p.
