@@ -301,13 +301,20 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     if (!s.setPort(m, "landmarks", "landmarks", error))
       return fail(error);
   }
+  // A control grid gives the lattice's size too; a CSV of points needs
+  // --set initialGridSize to match its number of points.
+  std::string gridSize;
   if (!get("--control-points").empty()) {
     std::string path = get("--control-points");
     ZrLandmarkSet* cp = nullptr;
     std::string why;
-    if (std::unique_ptr<ZrRegVectorField3> grid{ZrVectorImageIO::read(path, why)})
+    if (std::unique_ptr<ZrRegVectorField3> grid{ZrVectorImageIO::read(path, why)}) {
       cp = controlPointsFromGrid(grid.get());
-    else
+      const int* d = grid->getDims();
+      gridSize = std::to_string(d[0]) + "," + std::to_string(d[1]);
+      if (d[2] > 1)
+        gridSize += "," + std::to_string(d[2]);
+    } else
       cp = ZrPointSetIO::readLandmarks(path, error);
     if (!cp)
       return fail(error);
@@ -317,6 +324,11 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
       return fail(error);
   }
   s.fire(m, false, error);
+  if (!gridSize.empty()) {
+    if (!s.setPort(m, "initialGridSize", gridSize, error))
+      return fail(error);
+    s.fire(m, false, error);
+  }
   ZrRunContext::useFinestLevel(m, false, a.values.count("--quiet") > 0);
   for (const auto& kv : a.sets) {
     if (!s.setPort(m, kv.first, kv.second, error))

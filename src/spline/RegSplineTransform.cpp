@@ -113,20 +113,32 @@ ZrLandmarkSet* RegSplineTransform::createControlPoints(ZrLandmarkSet*) {
   return controlPoints;
 }
 
-void RegSplineTransform::setControlPoints(ZrLandmarkSet* set) {
+bool RegSplineTransform::setControlPoints(ZrLandmarkSet* set) {
+  const int lattice = getNumControlPoints();
+  if (set && lattice > 0 && set->getNumMarkers() != lattice) {
+    ZrMessage::getTheMsg()->printf(
+        "The control points hold %d points, but the lattice of %dx%dx%d has %d.\n",
+        set->getNumMarkers(), gridSize[0], gridSize[1], gridSize[2], lattice);
+    return false;
+  }
   controlPoints = set;
-  if (set)
-    controlPoints2Params();
+  return set ? controlPoints2Params() : true;
 }
 
-void RegSplineTransform::controlPoints2Params() {
+bool RegSplineTransform::controlPoints2Params() {
   const int n = controlPoints->getNumMarkers();
+  // The flags are sized for the lattice; parameters of another size would
+  // be read and written past them.
+  const int lattice = getNumControlPoints();
+  if (lattice > 0 && n != lattice)
+    return false;
   if (paramVector.size() != 3 * n)
     paramVector.resize(3 * n);
   const QbVec3f* c = controlPoints->getCoords(0);
   for (int i = 0; i < n; i++)
     for (int a = 0; a < 3; a++)
       paramVector[3 * i + a] = c[i][a];
+  return true;
 }
 
 void RegSplineTransform::params2ControlPoints() {

@@ -107,13 +107,18 @@ public:
   // Marks as new the points that did not exist before the last doubling.
   void setNewControlPoints();
 
-  void setControlPoints(ZrLandmarkSet* set);
+  // Stores the set and takes its positions as parameters. A set whose number
+  // of points differs from the lattice's is refused (false, with a message,
+  // nothing changed): its positions would not fit the per-point flags.
+  bool setControlPoints(ZrLandmarkSet* set);
   // Takes size, boundary and positions from a field made by getControlPoints.
   void setControlPoints(ZrRegVectorField3* field);
   // The lattice as a float vector field "ControlGridVectors"; owned by the
   // caller, null on failure.
   ZrRegVectorField3* getControlPoints() const;
-  void controlPoints2Params();
+  // Copies the set's positions into the parameters; false, leaving them, when
+  // a lattice size is set and the set holds another number of points.
+  bool controlPoints2Params();
   void params2ControlPoints();
 
   void applyModelTransformInv() { applyModelTransformInv(paramVector); }
