@@ -339,6 +339,28 @@ int ZrElasticRegistration::initRegistration() {
   if (landmarks)
     splineTransform->setLandmarks(landmarks);
 
+  // The label difference reads the model at the nearest voxel, and a lattice
+  // at rest puts every sample on a voxel centre: a probe changes the objective
+  // only once it moves some voxel by half a voxel, which takes a control-point
+  // move of 27/16 voxels (the largest weight of the cubic basis in 3-D is
+  // 8/27). Smaller steps see a flat objective and the run would not start;
+  // so the first step is at least three voxels of the coarsest optimised
+  // level.
+  if (portMetric.getIndex(0) == 4 && functionals && functionals->size() > 0) {
+    ZrRegScalarField3* coarsest = scalarField(functionals->last()->references);
+    if (coarsest) {
+      const int* d = coarsest->getDims();
+      float box[6];
+      coarsest->getBoundingBox(box);
+      float voxel = 0.0f;
+      for (int a = 0; a < 3; a++)
+        if (d[a] > 1)
+          voxel = std::max(voxel, (box[2 * a + 1] - box[2 * a]) / (float)(d[a] - 1));
+      if (portStep.getValue(0) < 3.0f * voxel)
+        portStep.setValue(0, 3.0f * voxel);
+    }
+  }
+
   refineCounter = 0;
   refinementsDone = 0;
   const int numLevels = functionals ? functionals->size() : 0;
