@@ -311,6 +311,9 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     if (!s.setPort(m, "landmarks", "landmarks", error))
       return fail(error);
   }
+  // A control grid gives the lattice's size too; a CSV of points needs
+  // --set initialGridSize to match its number of points.
+  std::string gridSize;
   if (!get("--control-points").empty()) {
     std::string path = get("--control-points");
     ZrLandmarkSet* cp = nullptr;
@@ -318,6 +321,10 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     // A saved grid is in the frame already; points in a CSV are in the world.
     if (std::unique_ptr<ZrRegVectorField3> grid{ZrVectorImageIO::read(path, why)}) {
       cp = controlPointsFromGrid(grid.get());
+      const int* d = grid->getDims();
+      gridSize = std::to_string(d[0]) + "," + std::to_string(d[1]);
+      if (d[2] > 1)
+        gridSize += "," + std::to_string(d[2]);
     } else {
       cp = ZrPointSetIO::readLandmarks(path, error);
       frame.toFrame(cp);
@@ -330,6 +337,11 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
       return fail(error);
   }
   s.fire(m, false, error);
+  if (!gridSize.empty()) {
+    if (!s.setPort(m, "initialGridSize", gridSize, error))
+      return fail(error);
+    s.fire(m, false, error);
+  }
   applyDefaults(m, a.values.count("--quiet") > 0);
   for (const auto& kv : a.sets) {
     if (!s.setPort(m, kv.first, kv.second, error))

@@ -317,7 +317,13 @@ double RegElasticFunctional::evaluateAndCacheWithRegularizer() {
       ref, dims, cachedSamples, cachedEnergy, cachedJacobian, metric, splineTransform,
       evaluator->location, evaluator->eval, this, grid, dXX, dYY, dZZ, dXY, dXZ, dYZ, dX, dY, dZ,
       numVoxels, energySum, energyWeight, jacobianSum, jacobianWeight));
+  cacheLocalParams();
   return result;
+}
+
+void RegElasticFunctional::cacheLocalParams() {
+  if (splineTransform->modelTransformed)
+    splineTransform->mapToLocal(transform->paramVector, localParams);
 }
 
 double RegElasticFunctional::evaluateIncrementalWithRegularizer(int index) {

@@ -131,6 +131,10 @@ public:
   RegInterpolator interpolator;
   // Owned; samples models[0] on the serial path.
   RegVoxelEvaluator* evaluator = nullptr;
+  // With a model transformation: the parameters of the last regularised
+  // caching pass mapped into the model's local coordinates, which the
+  // three-dimensional regularised probes read (see RegProbeParams).
+  QbDVector<double> localParams;
 
   RegElasticFunctional(const QbDArray<ZrSpatialData*>& references, QbDArray<ZrSpatialData*>& models,
                        RegInterpolator interpolator, RegParametricTransform* transform,
@@ -157,6 +161,9 @@ public:
   // Freezes the control points that see nothing worth matching.
   virtual void updateFixedControlPoints();
 
+  // Maps the present parameters into localParams (model transformation only);
+  // the regularised caching passes call it.
+  void cacheLocalParams();
   // Minus the mean squared distance of the transformed reference landmarks
   // to the model landmarks.
   double evaluateLandmarks() const;

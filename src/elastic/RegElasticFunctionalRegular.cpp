@@ -2,8 +2,10 @@
 
 #include "RegElasticFunctionalRegularThread.h"
 #include "RegMetric.h"
+#include "ZrMessage.h"
 #include "ZrRegScalarField3.h"
 #include "ZrWorkArea.h"
+#include "qbmalloc.h"
 #include "reg_evaluateRegular.h"
 
 #include <cmath>
@@ -15,12 +17,44 @@ RegElasticFunctionalRegular::RegElasticFunctionalRegular(
     RegOptimizerCallback* callback, RegDataClass dataClass, ZrLandmarkSet* landmarks,
     bool fixLowEntropy)
     : RegElasticFunctional(references, models, interpolator, transform, metric, callback, dataClass,
-                           landmarks, fixLowEntropy) {}
+                           landmarks, fixLowEntropy) {
+  // The templates read reference and model as one voxel type. A model of
+  // another type than the reference (a script may pair them) would be read
+  // past its end, so both are sampled from float copies instead: exact for
+  // every type up to 16 bits, and a model that the reference's type could not
+  // hold keeps its values.
+  ZrRegScalarField3* reference = static_cast<ZrRegScalarField3*>(references[0]);
+  ZrRegScalarField3* model = static_cast<ZrRegScalarField3*>(models[0]);
+  if ((QbPrimType)model->primType() != primType) {
+    auto toFloat = [](const ZrRegScalarField3* f) {
+      const size_t n = f->lattice.numNodes();
+      float* out = (float*)qbmalloc(sizeof(float) * (n > 0 ? n : 1));
+      for (size_t i = 0; i < n; i++)
+        out[i] = f->lattice.getValueAsFloat(i);
+      return out;
+    };
+    floatReference = toFloat(reference);
+    try {
+      floatModel = toFloat(model);
+    } catch (...) {
+      qbfree(floatReference);
+      throw;
+    }
+    ZrMessage::getTheMsg()->printf("The model's voxels (%s) differ in type from the reference's "
+                                   "(%s): both are sampled as float.\n",
+                                   qbPrimTypeName(model->primType()), qbPrimTypeName(primType));
+    referenceVoxels = floatReference;
+    modelVoxels = floatModel;
+    primType = QB_FLOAT;
+  }
+}
 
 RegElasticFunctionalRegular::~RegElasticFunctionalRegular() {
   for (int i = 0; i < regularThreads.size(); i++)
     delete regularThreads[i];
   regularThreads.clearAndFree();
+  qbfree(floatReference);
+  qbfree(floatModel);
 }
 
 void RegElasticFunctionalRegular::setSamplingState(RegMetric* m) const {
@@ -121,6 +155,7 @@ double RegElasticFunctionalRegular::evaluateAndCacheWithRegularizer() {
       splineTransform, scaleX, scaleY, scaleZ, this, grid, gridPartialY, derivPartialY,
       derivPartialZ, dXX, dYY, dZZ, dXY, dXZ, dYZ, dX, dY, dZ, regularNumVoxels, energySum,
       energyWeight, jacobianSum, jacobianWeight, is2D));
+  cacheLocalParams();
   return result;
 }
 

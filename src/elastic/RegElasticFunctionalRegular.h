@@ -26,6 +26,10 @@ public:
   unsigned char boxFlags = 0;
   // Voxels per world unit of the model.
   float scaleX = 0.0f, scaleY = 0.0f, scaleZ = 0.0f;
+  // Owned float copies of reference and model when their voxel types differ
+  // (see the constructor); null otherwise.
+  float* floatReference = nullptr;
+  float* floatModel = nullptr;
 
   RegElasticFunctionalRegular(QbDArray<ZrSpatialData*>& references,
                               QbDArray<ZrSpatialData*>& models, RegInterpolator interpolator,

@@ -82,6 +82,7 @@ void RegElasticFunctionalRegularThread::init(
   metric->inside = 1;
 
   this->params = params;
+  localParams = functional->localParams;
   this->gradient = gradient;
   this->step = (float)step;
   this->keepAll = keepAll;

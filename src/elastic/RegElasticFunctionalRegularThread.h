@@ -27,6 +27,9 @@ public:
   float step = 0.0f;
   int keepAll = 0;
   QbDVector<double> params;
+  // The functional's localParams, copied for each gradient: the frame of the
+  // three-dimensional regularised probes under a model transformation.
+  QbDVector<double> localParams;
   // Unregularised or two-dimensional: the functional's grid, shared. Three-
   // dimensional regularised: a line of nx entries of its own.
   QbVec3f* grid = nullptr;

@@ -55,6 +55,7 @@ void RegElasticFunctionalThread::init(QbDVector<double> params, double* gradient
   metric = nullptr;
   metric = functional->metric->clone();
   this->params = params;
+  localParams = functional->localParams;
   this->gradient = gradient;
   this->step = (float)step;
   this->keepAll = keepAll;

@@ -35,6 +35,9 @@ public:
   int keepAll = 0;
   // This worker's copy of the transform's parameters.
   QbDVector<double> params;
+  // The functional's localParams, copied for each gradient: the frame of the
+  // three-dimensional regularised probes under a model transformation.
+  QbDVector<double> localParams;
   // Unregularised: the functional's grid, shared. Regularised: a line of nx
   // entries of its own.
   QbVec3f* grid = nullptr;

@@ -149,9 +149,10 @@ double reg_evaluateIncrementalWithRegularizer(
   const RegElasticFieldSampler sampler{metric, location, evaluator};
   const RegElasticLines lines{dXX, dYY, dZZ, dXY, dXZ, dYZ, dX, dY, dZ};
   double E = energySum, J = jacobianSum;
+  const RegProbeParams probe(cubic, cubic->paramVector, functional->localParams, index);
   if (!reg_evaluateElasticRegularizedBox(
           ref, dims, index, boxes[index], cachedSamples, cachedEnergy, cachedJacobian, metric,
-          sampler, cubic, cubic->paramVector, grid, lines, energyWeight, jacobianWeight, E, J))
+          sampler, cubic, probe.params, grid, lines, energyWeight, jacobianWeight, E, J))
     return REG_INVALID_VALUE;
   return reg_elasticObjective(functional, metric, E, energyWeight, J, jacobianWeight,
                               (double)count);

@@ -157,6 +157,7 @@ public:
   double sxx, syy, szz, sxy, sxz, syz;
   double detScale;
   double volumeScale;
+  double detFactor;
 
   // In two dimensions the determinant takes sx * sy only.
   RegElasticPenalty(const float* inv, double modelVolumeScale, bool twoD)
@@ -169,6 +170,7 @@ public:
     sxz = (double)(sx * sz);
     syz = (double)(sy * sz);
     detScale = twoD ? (double)(sx * sy) : (double)(sx * sy * sz);
+    detFactor = detScale / volumeScale;
   }
   static inline double sq(const QbVec3d& v) { return v.x * v.x + v.y * v.y + v.z * v.z; }
   inline double energy(const QbVec3d& xx, const QbVec3d& yy, const QbVec3d& zz, const QbVec3d& xy,
@@ -176,13 +178,17 @@ public:
     return sxx * sq(xx) + syy * sq(yy) + szz * sq(zz) +
            2.0 * (sxy * sq(xy) + sxz * sq(xz) + syz * sq(yz));
   }
-  // Scaled determinant of the columns a = Tx, b = Ty, c = Tz.
+  // Scaled determinant of the columns a = Tx, b = Ty, c = Tz, relative to
+  // the determinant of the lattice at rest (modelVolumeScale): 1 where the
+  // deformation keeps the volume, and not above 0 where it folds. Taken
+  // relative, a model transformation that reflects (negative rest
+  // determinant) is not mistaken for a fold.
   inline double determinant(const QbVec3d& a, const QbVec3d& b, const QbVec3d& c) const {
-    return detScale * (a.x * b.y * c.z + a.y * b.z * c.x + a.z * b.x * c.y - c.x * b.y * a.z -
-                       c.y * a.x * b.z - c.z * a.y * b.x);
+    return detFactor * (a.x * b.y * c.z + a.y * b.z * c.x + a.z * b.x * c.y - c.x * b.y * a.z -
+                        c.y * a.x * b.z - c.z * a.y * b.x);
   }
   // 0 where the volume change matches the model's own scale.
-  inline double jacobian(double det) const { return std::fabs(std::log(det / volumeScale)); }
+  inline double jacobian(double ratio) const { return std::fabs(std::log(ratio)); }
 };
 
 // The nine one-line derivative buffers of the three-dimensional regularised
@@ -194,6 +200,65 @@ struct RegElasticLines {
 inline bool reg_boxIsEmpty(const int* box) {
   return box[1] < box[0] || box[3] < box[2] || box[5] < box[4];
 }
+
+// Maps the transform's parameters into the model's local coordinates for the
+// life of the object, when the model has a transformation, and back on every
+// way out: a pass that finds a fold returns early, and the optimizer and the
+// displays must never see local coordinates.
+class RegModelFrameScope {
+public:
+  explicit RegModelFrameScope(RegSplineTransform* t)
+      : transform(t->modelTransformed ? t : nullptr) {
+    if (transform)
+      transform->applyModelTransformInv();
+  }
+  ~RegModelFrameScope() {
+    if (transform)
+      transform->applyModelTransform();
+  }
+  RegModelFrameScope(const RegModelFrameScope&) = delete;
+  RegModelFrameScope& operator=(const RegModelFrameScope&) = delete;
+
+private:
+  RegSplineTransform* transform;
+};
+
+// The parameters that a regularised probe reads, in the frame of the cached
+// grid. Without a model transformation these are `world` themselves. With
+// one, they are `local`, the world parameters of the caching pass mapped once
+// into local coordinates, in which the probed control point is mapped anew
+// from `world` for the life of the object: a probe costs the same whatever
+// the number of parameters, and the transform itself is not written, so that
+// workers may probe at the same time.
+class RegProbeParams {
+public:
+  RegProbeParams(const RegSplineTransform* t, QbDVector<double>& world, QbDVector<double>& local,
+                 int index)
+      : params(t->modelTransformed ? local : world) {
+    if (!t->modelTransformed)
+      return;
+    // Not yet mapped (a probe without a caching pass): map all once.
+    if (local.size() != world.size())
+      t->mapToLocal(world, local);
+    point = 3 * (index / 3);
+    for (int a = 0; a < 3; a++)
+      saved[a] = local[point + a];
+    t->mapToLocal(world.data() + point, local.data() + point);
+  }
+  ~RegProbeParams() {
+    if (point >= 0)
+      for (int a = 0; a < 3; a++)
+        params[point + a] = saved[a];
+  }
+  RegProbeParams(const RegProbeParams&) = delete;
+  RegProbeParams& operator=(const RegProbeParams&) = delete;
+
+  QbDVector<double>& params;
+
+private:
+  int point = -1;
+  double saved[3] = {0, 0, 0};
+};
 
 // Samples every reference voxel at `grid` (voxel order), optionally keeping
 // the samples in `cache`.
@@ -223,8 +288,10 @@ inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, con
     return;
   const int nx = dims[0], ny = dims[1];
   const int x0 = box[0], x1 = box[1], y0 = box[2], y1 = box[3], z0 = box[4], z1 = box[5];
-  if (transform->modelTransformed)
-    transform->applyModelTransformInv(params);
+  // The new positions follow from the cached grid and delta alone (the
+  // parameters are not read), and with a model transformation the routine
+  // moves them along the local direction of the world parameter: no mapping
+  // of the parameters into local coordinates is needed here.
   transform->getTransformedGridIncremental(params, index, incGrid, grid, box, plane, line, delta);
   size_t v = ((size_t)z0 * ny + y0) * nx + x0;
   const size_t rowSkip = (size_t)(nx - 1 + x0 - x1);
@@ -237,8 +304,6 @@ inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, con
         const double r = (double)ref[v];
         sampler.replace(r, (double)cachedSamples[v], sample, *p);
       }
-  if (transform->modelTransformed)
-    transform->applyModelTransform(params);
 }
 
 // Full three-dimensional regularised pass, line by line. With Cache set the
@@ -259,8 +324,7 @@ reg_evaluateElasticRegularizedPass(const T* ref, const int* dims, const S& sampl
   // never read.
   QbVec3d* dxx = wantE ? l.dxx : nullptr;
   QbVec3d* dx = wantJ ? l.dx : nullptr;
-  if (transform->modelTransformed)
-    transform->applyModelTransformInv();
+  const RegModelFrameScope frame(transform);
   float sample = 0.0f;
   size_t v = 0;
   for (int z = 0; z < nz; z++)
@@ -290,20 +354,19 @@ reg_evaluateElasticRegularizedPass(const T* ref, const int* dims, const S& sampl
         }
       }
     }
-  if (transform->modelTransformed)
-    transform->applyModelTransform();
   return true;
 }
 
 // One three-dimensional regularised probe: each line of the box is recomputed
-// from `params` with its derivatives, and every voxel replaces its cached
-// sample and penalty terms by the new ones. E and J start from the sums of the
-// caching pass. Returns false on a fold.
+// from `params` (in the frame of the cached grid, see RegProbeParams) with its
+// derivatives, and every voxel replaces its cached sample and penalty terms by
+// the new ones. E and J start from the sums of the caching pass. Returns false
+// on a fold.
 template <class T, class S>
 inline bool reg_evaluateElasticRegularizedBox(
     const T* ref, const int* dims, int index, const int* box, const float* cachedSamples,
     const float* cachedEnergy, const float* cachedJacobian, RegMetric* metric, const S& sampler,
-    RegVoxelCubicSplineTransform* transform, QbDVector<double>& params, QbVec3f* grid,
+    RegVoxelCubicSplineTransform* transform, const QbDVector<double>& params, QbVec3f* grid,
     const RegElasticLines& l, float energyWeight, float jacobianWeight, double& E, double& J) {
   if (reg_boxIsEmpty(box))
     return true;
@@ -313,8 +376,6 @@ inline bool reg_evaluateElasticRegularizedBox(
   const bool wantE = energyWeight > 0, wantJ = jacobianWeight > 0;
   QbVec3d* dxx = wantE ? l.dxx : nullptr;
   QbVec3d* dx = wantJ ? l.dx : nullptr;
-  if (transform->modelTransformed)
-    transform->applyModelTransformInv(params);
   float sample = 0.0f;
   for (int z = z0; z <= z1; z++)
     for (int y = y0; y <= y1; y++) {
@@ -336,7 +397,5 @@ inline bool reg_evaluateElasticRegularizedBox(
         }
       }
     }
-  if (transform->modelTransformed)
-    transform->applyModelTransform(params);
   return true;
 }

@@ -23,8 +23,7 @@ inline bool reg_evaluateElasticRegularizedPass2D(
     float* cachedEnergy, float* cachedJacobian, double& E, double& J, int64_t& n) {
   const RegElasticPenalty pen(transform->invGridSpacing, transform->modelVolumeScale, true);
   const bool wantE = energyWeight > 0, wantJ = jacobianWeight > 0;
-  if (transform->modelTransformed)
-    transform->applyModelTransformInv();
+  const RegModelFrameScope frame(transform);
   transform->getTransformedGridCompleteWithRegularization2D(
       gridPartialY, derivPartialY, grid, l.dx, l.dy, derivPartialZ, l.dxx, l.dyy, l.dxy);
   const size_t N = (size_t)dims[0] * dims[1] * dims[2];
@@ -50,8 +49,6 @@ inline bool reg_evaluateElasticRegularizedPass2D(
         cachedJacobian[v] = (float)j;
     }
   }
-  if (transform->modelTransformed)
-    transform->applyModelTransform();
   return true;
 }
 
@@ -72,8 +69,8 @@ inline bool reg_evaluateElasticRegularizedBox2D(
   const bool wantE = energyWeight > 0, wantJ = jacobianWeight > 0;
   const int nx = dims[0], ny = dims[1];
   const int x0 = box[0], x1 = box[1], y0 = box[2], y1 = box[3], z0 = box[4], z1 = box[5];
-  if (transform->modelTransformed)
-    transform->applyModelTransformInv(params);
+  // From the cached images and delta alone, along the local direction of the
+  // world parameter: the parameters are not read.
   transform->getTransformedGridIncrementalWithRegularization2D(
       params, index, grid, incGrid, l.dx, inc.dx, l.dy, inc.dy, l.dxx, inc.dxx, l.dyy, inc.dyy,
       l.dxy, inc.dxy, box, bufs[0], bufs[1], bufs[2], bufs[3], bufs[4], bufs[5], bufs[6], bufs[7],
@@ -98,8 +95,6 @@ inline bool reg_evaluateElasticRegularizedBox2D(
           J = ((double)cachedJacobian[v] + J) - pen.jacobian(d);
         }
       }
-  if (transform->modelTransformed)
-    transform->applyModelTransform(params);
   return true;
 }
 
@@ -250,9 +245,10 @@ double reg_evaluateIncrementalRegular_WithRegularizer(
           sampler, cubic, cubic->paramVector, grid, incGrid, lines, inc, bufs, delta, energyWeight,
           jacobianWeight, E, J);
     } else {
+      const RegProbeParams probe(cubic, cubic->paramVector, functional->localParams, index);
       fine = reg_evaluateElasticRegularizedBox(
           ref, dims, index, boxes[index], cachedSamples, cachedEnergy, cachedJacobian, metric,
-          sampler, cubic, cubic->paramVector, grid, lines, energyWeight, jacobianWeight, E, J);
+          sampler, cubic, probe.params, grid, lines, energyWeight, jacobianWeight, E, J);
     }
     return fine;
   });

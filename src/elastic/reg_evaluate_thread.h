@@ -37,10 +37,11 @@ double reg_evaluateIncremental_threadWithRegularizer(
                               lineBuffers[3], lineBuffers[4], lineBuffers[5],
                               lineBuffers[6], lineBuffers[7], lineBuffers[8]};
   double E = energySum, J = jacobianSum;
-  if (!reg_evaluateElasticRegularizedBox(ref, dims, index, boxes[index], cachedSamples,
-                                         cachedEnergy, cachedJacobian, metric, sampler,
-                                         static_cast<RegVoxelCubicSplineTransform*>(transform),
-                                         params, grid, lines, energyWeight, jacobianWeight, E, J))
+  const RegProbeParams probe(transform, params, worker->localParams, index);
+  if (!reg_evaluateElasticRegularizedBox(
+          ref, dims, index, boxes[index], cachedSamples, cachedEnergy, cachedJacobian, metric,
+          sampler, static_cast<RegVoxelCubicSplineTransform*>(transform), probe.params, grid, lines,
+          energyWeight, jacobianWeight, E, J))
     return REG_INVALID_VALUE;
   return worker->getWeightedResult(metric->getResult() +
                                    ((double)energyWeight * E + (double)jacobianWeight * J) /
@@ -77,14 +78,15 @@ double reg_evaluateIncrementalRegular_threadWithRegularizer(
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(transform);
   double E = energySum, J = jacobianSum;
   const bool ok = reg_withElasticVoxelSampler(metric, model, [&](const auto& sampler) {
-    return is2D ? reg_evaluateElasticRegularizedBox2D(
-                      ref, dims, index, boxes[index], cachedSamples, cachedEnergy, cachedJacobian,
-                      metric, sampler, cubic, params, grid, incGrid, images, inc, bufs, delta,
-                      energyWeight, jacobianWeight, E, J)
-                : reg_evaluateElasticRegularizedBox(ref, dims, index, boxes[index], cachedSamples,
-                                                    cachedEnergy, cachedJacobian, metric, sampler,
-                                                    cubic, params, grid, images, energyWeight,
-                                                    jacobianWeight, E, J);
+    if (is2D)
+      return reg_evaluateElasticRegularizedBox2D(ref, dims, index, boxes[index], cachedSamples,
+                                                 cachedEnergy, cachedJacobian, metric, sampler,
+                                                 cubic, params, grid, incGrid, images, inc, bufs,
+                                                 delta, energyWeight, jacobianWeight, E, J);
+    const RegProbeParams probe(transform, params, worker->localParams, index);
+    return reg_evaluateElasticRegularizedBox(
+        ref, dims, index, boxes[index], cachedSamples, cachedEnergy, cachedJacobian, metric,
+        sampler, cubic, probe.params, grid, images, energyWeight, jacobianWeight, E, J);
   });
   if (!ok)
     return REG_INVALID_VALUE;

@@ -292,9 +292,25 @@ void ZrApplyBSplineTransform::createVectorField(bool referenceToModel) {
   if (!out)
     return;
   setResult(1, out);
+  forwardField = referenceToModel ? nullptr : out;
+  forwardFieldParams = splineTransform->paramVector;
+  forwardFieldReference = R;
   out->setName("VectorField");
   out->touch(0xffffffffu);
   out->fire(1);
+}
+
+ZrField3* ZrApplyBSplineTransform::currentForwardField() {
+  // Only the model-to-reference field of this lattice maps a model landmark
+  // onto the reference: "DeformedGrid", the control lattice, and the field
+  // "Vector field (referenceToModel)", pointing the other way, would each
+  // move the landmarks wrongly.
+  const bool current = forwardField && getResult(1) == forwardField &&
+                       forwardFieldReference == references[0] &&
+                       forwardFieldParams == splineTransform->paramVector;
+  if (!current)
+    createVectorField(false);
+  return getResult(1) == forwardField ? dynamic_cast<ZrField3*>(getResult(1)) : nullptr;
 }
 
 void ZrApplyBSplineTransform::showDeformedGrid() {
@@ -302,6 +318,7 @@ void ZrApplyBSplineTransform::showDeformedGrid() {
   ZrRegVectorField3* out = RegSplineOutput::makeDeformedGrid(splineTransform, rest);
   if (out) {
     setResult(1, out);
+    forwardField = nullptr;
     out->setName("DeformedGrid");
     out->touch(0xffffffffu);
     out->fire(1);
@@ -335,10 +352,7 @@ void ZrApplyBSplineTransform::applyTransform() {
         RegSplineOutput::ensureMappedSet(transformedLandmarks, landmarks->getNumMarkers());
     if (fresh)
       transformedLandmarks->ref();
-    if (!getResult(1))
-      createVectorField(false);
-    RegSplineOutput::mapLandmarks(landmarks, transformedLandmarks,
-                                  dynamic_cast<ZrField3*>(getResult(1)));
+    RegSplineOutput::mapLandmarks(landmarks, transformedLandmarks, currentForwardField());
     transformedLandmarks->touch(0xffffffffu);
     transformedLandmarks->fire(1);
   }
@@ -355,9 +369,7 @@ void ZrApplyBSplineTransform::validateLandmarks() {
   transformedLandmarks = RegSplineOutput::ensureMappedSet(transformedLandmarks, n);
   if (fresh)
     transformedLandmarks->ref();
-  if (!getResult(1))
-    createVectorField(false);
-  RegSplineOutput::validate(landmarks, transformedLandmarks, dynamic_cast<ZrField3*>(getResult(1)),
+  RegSplineOutput::validate(landmarks, transformedLandmarks, currentForwardField(),
                             portAboveThreshold.getValue(0), &portStatistics, &portStatistics2);
   transformedLandmarks->touch(0xffffffffu);
   transformedLandmarks->fire(1);

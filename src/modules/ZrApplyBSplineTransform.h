@@ -20,6 +20,7 @@
 //   "statistics", "statistics2"  the landmark check
 //   "landmarks"       ZrLandmarkSet of landmark pairs
 #include "QbDArray.h"
+#include "QbDVector.h"
 #include "ZrCompModule.h"
 #include "ZrConnection.h"
 #include "ZrPortButtonList.h"
@@ -29,6 +30,7 @@
 
 class QbInterfaceOwner;
 class RegVoxelCubicSplineTransform;
+class ZrField3;
 class ZrLandmarkSet;
 class ZrRegScalarField3;
 class ZrRegVectorField3;
@@ -69,6 +71,11 @@ public:
   int modelClass = 0;
   // Owned; rebuilt on every button press.
   RegVoxelCubicSplineTransform* splineTransform = nullptr;
+  // Result 1 as createVectorField(false) made it, with the parameters and
+  // reference it was made from; null once another result took slot 1.
+  ZrData* forwardField = nullptr;
+  QbDVector<double> forwardFieldParams;
+  ZrSpatialData* forwardFieldReference = nullptr;
   ZrLandmarkSet* landmarks = nullptr;
   // Mapped landmarks and their targets; referenced while the module holds it.
   ZrLandmarkSet* transformedLandmarks = nullptr;
@@ -87,6 +94,10 @@ public:
   void applyTransform();
   // Landmark statistics on "statistics" and "statistics2".
   void validateLandmarks();
+  // Result 1 if it is the model-to-reference vector field of the present
+  // lattice and reference; otherwise it is made anew first. Null if it
+  // cannot be made.
+  ZrField3* currentForwardField();
 
 private:
   // A reference of "resolution" nodes over the lattice's inner box, from the

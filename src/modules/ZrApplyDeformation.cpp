@@ -17,9 +17,10 @@ ZrApplyDeformation::ZrApplyDeformation()
     : ZrCompModule(ZrVertexSet::getClassTypeId()),
       portVectorField(this, "VectorField", ZrField3::getClassTypeId()), portAction(this, "action") {
   portAction.setLabel(0, "DoIt");
-  // The button carries the usual snap toggle; it starts released, so that a
-  // change of the inputs alone moves nothing until the user asks for it.
-  portAction.setSnap(false);
+  // The button's snap toggle starts on: connecting a vertex set and a field
+  // is enough to get the moved points, and they follow every change of
+  // either input.
+  portAction.setSnap(true);
 }
 
 ZrApplyDeformation::~ZrApplyDeformation() = default;

@@ -24,6 +24,7 @@
 #include "ZrSettingsMgr.h"
 #include "ZrWorkArea.h"
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <memory>
@@ -170,16 +171,35 @@ void ZrElasticRegistration::createTransform() {
   gridSize[2] = dimensionMode == 3 ? portInitialGridSize.getValue(2) : 1;
   splineTransform->setControlGridSize(gridSize[0], gridSize[1], gridSize[2]);
 
+  // The box of a run from the start: the reference and its landmarks, with
+  // the margin that initRegistration gives, so that a lattice made or
+  // connected now is the lattice the run starts from.
   QbBox3f box = R->getBoundingBox();
-  splineTransform->updateInterpolatedSpaceBoundary(box);
   const int* dims = R->getDims();
   for (int a = 0; a < 3; a++)
     voxelSize[a] = dims[a] > 1 ? (box[2 * a + 1] - box[2 * a]) / (float)(dims[a] - 1) : 0.0f;
-  splineTransform->correctInterpolatedSpaceBoundary(voxelSize);
+  if (landmarks && landmarks->getNumSets() > 1) {
+    const QbVec3f* c = landmarks->getCoords(1);
+    for (int i = 0; i < landmarks->getNumMarkers(); i++)
+      for (int a = 0; a < 3; a++) {
+        box[2 * a] = std::min(box[2 * a], c[i][a]);
+        box[2 * a + 1] = std::max(box[2 * a + 1], c[i][a]);
+      }
+  }
+  splineTransform->updateInterpolatedSpaceBoundary(box);
+  float margin[3];
+  runMargin(margin);
+  splineTransform->correctInterpolatedSpaceBoundary(margin);
   splineTransform->getGridSpacing();
 
   if (controlPointSet) {
-    splineTransform->setControlPoints(controlPointSet);
+    // A set of another size than the lattice is refused: no transform.
+    if (!splineTransform->setControlPoints(controlPointSet)) {
+      delete transform;
+      transform = nullptr;
+      splineTransform = nullptr;
+      return;
+    }
   } else {
     controlPointSet = splineTransform->createControlPoints(nullptr);
     controlPointSet->setName("Control-points");
@@ -188,6 +208,13 @@ void ZrElasticRegistration::createTransform() {
   }
   splineTransform->setReference(R);
   splineTransform->precomputeInterpolants();
+}
+
+void ZrElasticRegistration::runMargin(float margin[3]) const {
+  // A margin of one voxel keeps transformed voxels off the very edge of the
+  // spline's support; without landmarks the margin is three voxels.
+  for (int a = 0; a < 3; a++)
+    margin[a] = landmarks ? voxelSize[a] : voxelSize[a] * 3.0f;
 }
 
 void ZrElasticRegistration::discardTransform() {
@@ -275,24 +302,64 @@ int ZrElasticRegistration::initRegistration() {
 
   // An empty box: each functional of the pyramid widens it to its own
   // reference (and landmarks) when it is made.
+  float before[6];
+  for (int a = 0; a < 6; a++)
+    before[a] = splineTransform->interpolatedSpaceBoundary[a];
   for (int a = 0; a < 3; a++) {
     splineTransform->interpolatedSpaceBoundary[2 * a] = 0.0f;
     splineTransform->interpolatedSpaceBoundary[2 * a + 1] = -10000000000.0f;
   }
-  if (!ZrVoxelRegistration::initRegistration())
+  if (!ZrVoxelRegistration::initRegistration()) {
+    for (int a = 0; a < 6; a++)
+      splineTransform->interpolatedSpaceBoundary[a] = before[a];
+    splineTransform->getGridSpacing();
     return 0;
+  }
 
-  // A margin of one voxel keeps transformed voxels off the very edge of the
-  // spline's support; without landmarks the margin is three voxels. The
-  // margin is taken from voxelSize afresh on every run, so that a run that
+  // The margin is taken from voxelSize afresh on every run, so that a run that
   // continues from an earlier result gets the same box.
   float margin[3];
-  for (int a = 0; a < 3; a++)
-    margin[a] = landmarks ? voxelSize[a] : voxelSize[a] * 3.0f;
+  runMargin(margin);
   splineTransform->correctInterpolatedSpaceBoundary(margin);
+  // The parameters are absolute positions placed for the box the lattice had
+  // until now. Should the run's box differ (landmarks connected since the
+  // lattice was made, or a pyramid level of another extent), the lattice
+  // moves onto it keeping each point's displacement, so that a lattice at rest
+  // starts the run as the identity rather than shrunk or stretched.
+  float box[6];
+  bool moved = false;
+  for (int a = 0; a < 6; a++) {
+    box[a] = splineTransform->interpolatedSpaceBoundary[a];
+    moved |= box[a] != before[a];
+    splineTransform->interpolatedSpaceBoundary[a] = before[a];
+  }
   splineTransform->getGridSpacing();
+  if (moved)
+    splineTransform->moveToBoundary(box);
   if (landmarks)
     splineTransform->setLandmarks(landmarks);
+
+  // The label difference reads the model at the nearest voxel, and a lattice
+  // at rest puts every sample on a voxel centre: a probe changes the objective
+  // only once it moves some voxel by half a voxel, which takes a control-point
+  // move of 27/16 voxels (the largest weight of the cubic basis in 3-D is
+  // 8/27). Smaller steps see a flat objective and the run would not start;
+  // so the first step is at least three voxels of the coarsest optimised
+  // level.
+  if (portMetric.getIndex(0) == 4 && functionals && functionals->size() > 0) {
+    ZrRegScalarField3* coarsest = scalarField(functionals->last()->references);
+    if (coarsest) {
+      const int* d = coarsest->getDims();
+      float box[6];
+      coarsest->getBoundingBox(box);
+      float voxel = 0.0f;
+      for (int a = 0; a < 3; a++)
+        if (d[a] > 1)
+          voxel = std::max(voxel, (box[2 * a + 1] - box[2 * a]) / (float)(d[a] - 1));
+      if (portStep.getValue(0) < 3.0f * voxel)
+        portStep.setValue(0, 3.0f * voxel);
+    }
+  }
 
   refineCounter = 0;
   refinementsDone = 0;
@@ -603,7 +670,11 @@ bool ZrElasticRegistration::applyTransform(RegParametricTransform*) {
   result->touch(0xffffffffu);
   result->fire(1);
 
-  if (landmarks) {
+  // The landmarks are mapped through the dense vector field of the present
+  // lattice on the full reference. During a run, where this is called after
+  // every step, that field would cost a warp of the full reference each time,
+  // so the landmarks follow once the run is over.
+  if (landmarks && !currentFunctional) {
     splineTransform->setLandmarks(landmarks);
     splineTransform->precomputeInterpolantsLandmarks();
     const bool fresh = transformedLandmarks == nullptr;
@@ -611,10 +682,7 @@ bool ZrElasticRegistration::applyTransform(RegParametricTransform*) {
         RegSplineOutput::ensureMappedSet(transformedLandmarks, landmarks->getNumMarkers());
     if (fresh)
       transformedLandmarks->ref();
-    if (!getResult(1))
-      createVectorField();
-    RegSplineOutput::mapLandmarks(landmarks, transformedLandmarks,
-                                  dynamic_cast<ZrField3*>(getResult(1)));
+    RegSplineOutput::mapLandmarks(landmarks, transformedLandmarks, currentVectorField());
     transformedLandmarks->touch(0xffffffffu);
     transformedLandmarks->fire(1);
   }
@@ -658,6 +726,7 @@ void ZrElasticRegistration::saveControlPoints() {
   ZrRegVectorField3* field = RegSplineOutput::makeControlGridVectors(splineTransform, rest);
   if (field) {
     setResult(1, field);
+    vectorFieldResult = nullptr;
     field->setName("ControlGridVectors");
     field->touch(0xffffffffu);
     field->fire(1);
@@ -665,6 +734,18 @@ void ZrElasticRegistration::saveControlPoints() {
   // The rest positions were only needed for the displacements; they leave
   // the pool also when the field could not be made.
   pool()->removeObject(rest);
+}
+
+ZrField3* ZrElasticRegistration::currentVectorField() {
+  // Result 1 serves only if it is the dense field made from the present
+  // parameters. After a run it is "ControlGridVectors", saved when the last
+  // level began: a field of control-point displacements over the control
+  // lattice, which read as the dense field would map every landmark wrongly.
+  const bool current = vectorFieldResult && getResult(1) == vectorFieldResult &&
+                       vectorFieldParams == splineTransform->paramVector;
+  if (!current)
+    createVectorField();
+  return getResult(1) == vectorFieldResult ? dynamic_cast<ZrField3*>(getResult(1)) : nullptr;
 }
 
 void ZrElasticRegistration::createVectorField() {
@@ -676,6 +757,8 @@ void ZrElasticRegistration::createVectorField() {
   ZrRegVectorField3* field = RegSplineOutput::makeVectorField(splineTransform, R, 1.0f);
   if (field) {
     setResult(1, field);
+    vectorFieldResult = field;
+    vectorFieldParams = splineTransform->paramVector;
     field->setName("VectorField");
     field->touch(0xffffffffu);
     field->fire(1);
@@ -699,9 +782,7 @@ void ZrElasticRegistration::validateLandmarks() {
   transformedLandmarks = RegSplineOutput::ensureMappedSet(transformedLandmarks, n);
   if (fresh)
     transformedLandmarks->ref();
-  if (!getResult(1))
-    createVectorField();
-  RegSplineOutput::validate(landmarks, transformedLandmarks, dynamic_cast<ZrField3*>(getResult(1)),
+  RegSplineOutput::validate(landmarks, transformedLandmarks, currentVectorField(),
                             portAboveThreshold.getValue(0), &portStatistics, &portStatistics2);
   transformedLandmarks->touch(0xffffffffu);
   transformedLandmarks->fire(1);

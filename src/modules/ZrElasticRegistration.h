@@ -16,6 +16,7 @@
 // each level; "transformedLandmarks", the mapped landmarks and their
 // targets; and "Control-points", the live control points.
 #include "QbDArray.h"
+#include "QbDVector.h"
 #include "ZrConnection.h"
 #include "ZrPortButtonList.h"
 #include "ZrPortFloatTextN.h"
@@ -25,6 +26,7 @@
 
 class QbInterfaceOwner;
 class RegVoxelCubicSplineTransform;
+class ZrField3;
 class ZrLandmarkSet;
 
 class ZrElasticRegistration : public ZrVoxelRegistration {
@@ -74,6 +76,10 @@ public:
   short refinementsDone = 0;
   // The number of last refinement stages over which the grid energy fades in.
   short energyLevels = 2;
+  // Result 1 as createVectorField() made it, and the parameters it was made
+  // from; null once another result took slot 1.
+  ZrData* vectorFieldResult = nullptr;
+  QbDVector<double> vectorFieldParams;
 
   // --- Overrides -------------------------------------------------------------------
   void createTransform() override;
@@ -102,6 +108,9 @@ public:
   void writeModel();
   // Landmark statistics on "statistics" and "statistics2".
   void validateLandmarks();
+  // Result 1 if it is the dense vector field of the present parameters;
+  // otherwise it is made anew first. Null if it cannot be made.
+  ZrField3* currentVectorField();
 
   // The refinement plan of a run over `numLevels` optimised levels with
   // `refinements` doublings: one to each level but the finest, then, as long
@@ -114,6 +123,8 @@ private:
   bool currentFields(ZrRegScalarField3*& R, ZrRegScalarField3*& M);
   // Deletes the transform; the next action makes a new one.
   void discardTransform();
+  // The margin of the spline's box around the reference, per axis.
+  void runMargin(float margin[3]) const;
   // Sensitivity of "Validate" and visibility of the validation ports.
   void offerValidation(bool offer);
 };

@@ -2,6 +2,7 @@
 #include "ZrLandmarkSet.h"
 #include "ZrSpatialData.h"
 #include "qbmalloc.h"
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -12,12 +13,19 @@ RegCubicSplineTransform::RegCubicSplineTransform(int dim, bool fast)
 
 void RegCubicSplineTransform::setModel(ZrSpatialData* model) {
   RegSplineTransform::setModel(model);
-  if (!model)
+  if (!model || !model->getTransform(false))
     return;
-  if (ZrTransformNode* node = model->getTransform(false)) {
-    const SbVec3d& s = node->scaleFactor;
-    modelVolumeScale = (double)((float)s[1] * (float)s[0] * (float)s[2]);
-  }
+  // The penalties measure the deformation in the model's local coordinates,
+  // where a lattice at rest has the determinant of the inverse model matrix
+  // (1 / s^3 for a scale s, negative for a reflection), not the product of
+  // the model's scale factors: that product would make the rest state cost
+  // 6 ln s per voxel and pull the deformation towards growth. In 2-D only
+  // the x-y block counts, as z keeps its world value.
+  const SbMatrix& m = modelInverseMatrix;
+  if (dimension == 3)
+    modelVolumeScale = m.det3();
+  else
+    modelVolumeScale = (double)m[0][0] * m[1][1] - (double)m[0][1] * m[1][0];
 }
 
 void RegCubicSplineTransform::updateNeighbourOffset() {
@@ -62,6 +70,39 @@ ZrLandmarkSet* RegCubicSplineTransform::createControlPoints(ZrLandmarkSet* set) 
   target->touch();
   target->fire();
   return controlPoints;
+}
+
+void RegCubicSplineTransform::getRestPositions(QbDVector<double>& rest) const {
+  rest.resize(3 * getNumControlPoints());
+  const float* b = interpolatedSpaceBoundary;
+  const float x0 = b[0] - gridSpacing[0];
+  const float y0 = b[2] - gridSpacing[1];
+  const float z0 = dimension == 3 ? b[4] - gridSpacing[2] : (b[5] - b[4]) * 0.5f;
+  int n = 0;
+  float z = z0;
+  for (int k = 0; k < gridSize[2]; k++, z += gridSpacing[2]) {
+    float y = y0;
+    for (int j = 0; j < gridSize[1]; j++, y += gridSpacing[1]) {
+      float x = x0;
+      for (int i = 0; i < gridSize[0]; i++, x += gridSpacing[0], n += 3) {
+        rest[n] = x;
+        rest[n + 1] = y;
+        rest[n + 2] = z;
+      }
+    }
+  }
+}
+
+void RegCubicSplineTransform::moveToBoundary(const float box[6]) {
+  QbDVector<double> before, after;
+  getRestPositions(before);
+  for (int i = 0; i < 6; i++)
+    interpolatedSpaceBoundary[i] = box[i];
+  getGridSpacing();
+  getRestPositions(after);
+  const int n = std::min(paramVector.size(), after.size());
+  for (int i = 0; i < n; i++)
+    paramVector[i] += after[i] - before[i];
 }
 
 void RegCubicSplineTransform::refineNoInterpolants(int factor) {

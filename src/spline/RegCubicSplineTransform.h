@@ -7,7 +7,10 @@
 
 class RegCubicSplineTransform : public RegSplineTransform {
 public:
-  // Product of the model transformation's three scale factors.
+  // Determinant of the lattice at rest in the model's local coordinates: the
+  // volume change that the model's own transformation implies, against which
+  // the Jacobian penalty measures the deformation. Signed: a reflecting model
+  // transformation makes it negative.
   double modelVolumeScale = 1.0;
   // For coordinate c, layer k and row j: offset in paramVector from the first
   // point of a 4 x 4 x 4 neighbourhood to its point (0, j, k), coordinate c.
@@ -23,6 +26,13 @@ public:
   ZrLandmarkSet* createControlPoints(ZrLandmarkSet* set) override;
   // Doubles the lattice by subdivision; other factors are refused.
   void refineNoInterpolants(int factor) override;
+  // Rest positions of all control points, 3 per point in lattice order, for
+  // the present box and spacing, with the arithmetic of createControlPoints.
+  void getRestPositions(QbDVector<double>& rest) const;
+  // Takes `box` as interpolatedSpaceBoundary (and its spacing) and moves every
+  // control point so that it keeps its displacement from its rest position:
+  // a lattice at rest stays at rest, a shift stays a shift.
+  void moveToBoundary(const float box[6]);
   // Mean bending energy over the interior points of v.
   virtual double getGridEnergy(const QbDVector<double>& v) const;
   // Bending energy density at the point whose x parameter p points to.

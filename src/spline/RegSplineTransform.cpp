@@ -113,20 +113,32 @@ ZrLandmarkSet* RegSplineTransform::createControlPoints(ZrLandmarkSet*) {
   return controlPoints;
 }
 
-void RegSplineTransform::setControlPoints(ZrLandmarkSet* set) {
+bool RegSplineTransform::setControlPoints(ZrLandmarkSet* set) {
+  const int lattice = getNumControlPoints();
+  if (set && lattice > 0 && set->getNumMarkers() != lattice) {
+    ZrMessage::getTheMsg()->printf(
+        "The control points hold %d points, but the lattice of %dx%dx%d has %d.\n",
+        set->getNumMarkers(), gridSize[0], gridSize[1], gridSize[2], lattice);
+    return false;
+  }
   controlPoints = set;
-  if (set)
-    controlPoints2Params();
+  return set ? controlPoints2Params() : true;
 }
 
-void RegSplineTransform::controlPoints2Params() {
+bool RegSplineTransform::controlPoints2Params() {
   const int n = controlPoints->getNumMarkers();
+  // The flags are sized for the lattice; parameters of another size would
+  // be read and written past them.
+  const int lattice = getNumControlPoints();
+  if (lattice > 0 && n != lattice)
+    return false;
   if (paramVector.size() != 3 * n)
     paramVector.resize(3 * n);
   const QbVec3f* c = controlPoints->getCoords(0);
   for (int i = 0; i < n; i++)
     for (int a = 0; a < 3; a++)
       paramVector[3 * i + a] = c[i][a];
+  return true;
 }
 
 void RegSplineTransform::params2ControlPoints() {
@@ -160,6 +172,37 @@ static inline void reg_mapPoint(const SbMatrix& m, const double* in, double* out
         ((double)m[0][c] * x + (double)m[1][c] * y + (double)m[2][c] * z + (double)m[3][c]) / w;
 }
 
+void RegSplineTransform::mapToLocal(const double* world, double* local) const {
+  double r[3];
+  reg_mapPoint(modelInverseMatrix, world, r);
+  local[0] = r[0];
+  local[1] = r[1];
+  // A 2-D registration keeps z in world coordinates.
+  local[2] = dimension == 3 ? r[2] : world[2];
+}
+
+void RegSplineTransform::mapToLocal(const QbDVector<double>& world,
+                                    QbDVector<double>& local) const {
+  if (local.size() != world.size())
+    local.resize(world.size());
+  const int n = world.size() / 3;
+  for (int i = 0; i < n; i++)
+    mapToLocal(world.data() + 3 * i, local.data() + 3 * i);
+}
+
+void RegSplineTransform::getLocalDirection(int c, double dir[3]) const {
+  for (int a = 0; a < 3; a++)
+    dir[a] = a == c ? 1.0 : 0.0;
+  if (!modelTransformed)
+    return;
+  // The homogeneous row of an affine matrix ends in (0, 0, 0, 1), so the map
+  // is affine and a world move of coordinate c moves the local point along
+  // row c of its linear part.
+  const int axes = dimension == 3 ? 3 : 2;
+  for (int a = 0; a < axes; a++)
+    dir[a] = (double)modelInverseMatrix[c][a];
+}
+
 void RegSplineTransform::applyModelTransformInv(QbDVector<double>& v) {
   if (savedParams.size() != v.size())
     savedParams.resize(v.size());
@@ -167,16 +210,10 @@ void RegSplineTransform::applyModelTransformInv(QbDVector<double>& v) {
   double* s = savedParams.data();
   const int n = v.size() / 3;
   for (int i = 0; i < n; i++, d += 3, s += 3) {
-    double r[3];
     s[0] = d[0];
     s[1] = d[1];
     s[2] = d[2];
-    reg_mapPoint(modelInverseMatrix, d, r);
-    d[0] = r[0];
-    d[1] = r[1];
-    // A 2-D registration keeps z in world coordinates.
-    if (dimension == 3)
-      d[2] = r[2];
+    mapToLocal(s, d);
   }
   modelInverseApplied = true;
 }

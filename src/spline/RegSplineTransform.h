@@ -64,6 +64,16 @@ public:
   // Map v into the model's local coordinates (saving it), and back.
   virtual void applyModelTransformInv(QbDVector<double>& v);
   virtual void applyModelTransform(QbDVector<double>& v);
+  // The same mapping into local coordinates for one point, or from one vector
+  // into another, touching neither savedParams nor the flag: safe to call
+  // from several threads at once. In 2-D z keeps its world value.
+  void mapToLocal(const double* world, double* local) const;
+  void mapToLocal(const QbDVector<double>& world, QbDVector<double>& local) const;
+  // How a point's local coordinates move when its world coordinate c moves by
+  // 1: row c of the linear part of modelInverseMatrix, or the unit vector c
+  // when the model has no transformation. In 2-D the z entry is 1 for c = 2
+  // only, as z keeps its world value there.
+  void getLocalDirection(int c, double dir[3]) const;
   virtual void setReference(ZrSpatialData* reference);
   virtual void setModel(ZrSpatialData* model);
   // Position of voxel v under parameters p.
@@ -97,13 +107,18 @@ public:
   // Marks as new the points that did not exist before the last doubling.
   void setNewControlPoints();
 
-  void setControlPoints(ZrLandmarkSet* set);
+  // Stores the set and takes its positions as parameters. A set whose number
+  // of points differs from the lattice's is refused (false, with a message,
+  // nothing changed): its positions would not fit the per-point flags.
+  bool setControlPoints(ZrLandmarkSet* set);
   // Takes size, boundary and positions from a field made by getControlPoints.
   void setControlPoints(ZrRegVectorField3* field);
   // The lattice as a float vector field "ControlGridVectors"; owned by the
   // caller, null on failure.
   ZrRegVectorField3* getControlPoints() const;
-  void controlPoints2Params();
+  // Copies the set's positions into the parameters; false, leaving them, when
+  // a lattice size is set and the set holds another number of points.
+  bool controlPoints2Params();
   void params2ControlPoints();
 
   void applyModelTransformInv() { applyModelTransformInv(paramVector); }

@@ -521,6 +521,12 @@ void RegVoxelCubicSplineTransform::getTransformedGridIncremental(const QbDVector
         dst[x] = (float)(bufX[x] * f);
     }
   }
+  // With a model transformation the base grid holds local positions, and a
+  // world move of coordinate c moves them along row c of the inverse model
+  // matrix, not along local axis c: all three coordinates then change.
+  double dir[3];
+  getLocalDirection(c, dir);
+  const bool along = !modelTransformed;
   if (!is2D) {
     int wz = std::min(3, k);
     for (int z = z0; z <= z1; z++) {
@@ -530,10 +536,21 @@ void RegVoxelCubicSplineTransform::getTransformedGridIncremental(const QbDVector
       for (int y = y0; y <= y1; y++) {
         const QbVec3f* b = base + ((size_t)z * nvy + y) * nvx + x0;
         const float* inc = bufXY + (size_t)(y - y0) * w;
-        for (int x = 0; x < w; x++) {
-          QbVec3f o = b[x];
-          o[c] = (float)(o[c] + inc[x] * f);
-          *out++ = o;
+        if (along) {
+          for (int x = 0; x < w; x++) {
+            QbVec3f o = b[x];
+            o[c] = (float)(o[c] + inc[x] * f);
+            *out++ = o;
+          }
+        } else {
+          for (int x = 0; x < w; x++) {
+            const double m = inc[x] * f;
+            QbVec3f o = b[x];
+            o.x = (float)(o.x + m * dir[0]);
+            o.y = (float)(o.y + m * dir[1]);
+            o.z = (float)(o.z + m * dir[2]);
+            *out++ = o;
+          }
         }
       }
     }
@@ -545,8 +562,13 @@ void RegVoxelCubicSplineTransform::getTransformedGridIncremental(const QbDVector
       for (int x = 0; x < w; x++, out++) {
         out->x = b[x].x;
         out->y = b[x].y;
-        if (c < 2)
-          (*out)[c] += inc[x];
+        if (along) {
+          if (c < 2)
+            (*out)[c] += inc[x];
+        } else {
+          out->x = (float)(out->x + inc[x] * dir[0]);
+          out->y = (float)(out->y + inc[x] * dir[1]);
+        }
       }
     }
   }
@@ -597,7 +619,13 @@ void RegVoxelCubicSplineTransform::getTransformedGridIncrementalWithRegularizati
       bufDxy[o + x] = (float)(bufX1[x] * f1);
     }
   }
-  const bool add = c < 2; // z is not deformed in 2-D
+  // z is not deformed in 2-D. With a model transformation the images hold
+  // local positions and derivatives, which a world move of coordinate c
+  // changes along row c of the inverse model matrix.
+  double dir[3];
+  getLocalDirection(c, dir);
+  const bool along = !modelTransformed;
+  const bool add = c < 2;
   size_t e = 0;
   for (int y = y0; y <= y1; y++) {
     const size_t b = (size_t)y * nvx + x0;
@@ -609,13 +637,24 @@ void RegVoxelCubicSplineTransform::getTransformedGridIncrementalWithRegularizati
       outDxx[e].x = baseDxx[s].x, outDxx[e].y = baseDxx[s].y;
       outDyy[e].x = baseDyy[s].x, outDyy[e].y = baseDyy[s].y;
       outDxy[e].x = baseDxy[s].x, outDxy[e].y = baseDxy[s].y;
-      if (add) {
-        out[e][c] += bufT[e];
-        outDx[e][c] += bufDx[e];
-        outDy[e][c] += bufDy[e];
-        outDxx[e][c] += bufDxx[e];
-        outDyy[e][c] += bufDyy[e];
-        outDxy[e][c] += bufDxy[e];
+      if (along) {
+        if (add) {
+          out[e][c] += bufT[e];
+          outDx[e][c] += bufDx[e];
+          outDy[e][c] += bufDy[e];
+          outDxx[e][c] += bufDxx[e];
+          outDyy[e][c] += bufDyy[e];
+          outDxy[e][c] += bufDxy[e];
+        }
+        continue;
+      }
+      for (int a = 0; a < 2; a++) {
+        out[e][a] = (float)(out[e][a] + bufT[e] * dir[a]);
+        outDx[e][a] += bufDx[e] * dir[a];
+        outDy[e][a] += bufDy[e] * dir[a];
+        outDxx[e][a] += bufDxx[e] * dir[a];
+        outDyy[e][a] += bufDyy[e] * dir[a];
+        outDxy[e][a] += bufDxy[e] * dir[a];
       }
     }
   }
@@ -665,10 +704,12 @@ double RegVoxelCubicSplineTransform::getJacobianConstraint() const {
     for (int y = 0; y < nvy; y++) {
       getJacobianDeterminant(paramVector, row, QbVec3i(0, y, z), nvx);
       for (int x = 0; x < nvx; x++) {
-        const double J = row[x];
+        // Relative to the rest state, whose sign a reflecting model
+        // transformation turns.
+        const double J = row[x] / modelVolumeScale;
         if (J <= 0.0)
           return -3.4028234663852886e+38; // a fold: the invalid value
-        sum += std::fabs(std::log(J / modelVolumeScale));
+        sum += std::fabs(std::log(J));
       }
     }
   return sum / (double)(nvy * nvx * nvz);

@@ -93,6 +93,8 @@ public:
   void getJacobianDeterminant(const QbDVector<double>& p, QbDVector<double>& out, const QbVec3i& v,
                               int count) const;
   // Mean |log(J / modelVolumeScale)| over the reference lattice, or the
-  // invalid value if the deformation folds anywhere.
+  // invalid value if the deformation folds anywhere (J / modelVolumeScale not
+  // above 0). The parameters are read as they stand: with a model
+  // transformation, bracket the call with applyModelTransformInv().
   double getJacobianConstraint() const;
 };

@@ -13,10 +13,12 @@
 #include "RegNormMutualInformation.h"
 #include "RegSimpleMutualInformation.h"
 #include "RegVoxelCubicSplineTransform.h"
+#include "SbMatrix.h"
 #include "ZrLandmarkSet.h"
 #include "ZrMessage.h"
 #include "ZrUniformScalarField3.h"
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <string>
@@ -132,6 +134,55 @@ struct ElasticSetup {
     }
     refs.append(reference.get());
     models.append(model.get());
+  }
+
+  // Replaces the model by one whose header carries `m` (row vectors, local to
+  // world) and whose voxels show in world what the plain model shows: the
+  // local voxel at l holds the pattern at m(l), shifted as makeData's model.
+  // The local lattice has voxels of size 1 and covers the reference widened
+  // by three voxels. Call before makeTransform.
+  void moveModelHeader(const SbMatrix& m, MetricKind kind = NMI) {
+    const bool twoD = reference->getDims()[2] == 1;
+    const SbMatrix inv = m.inverse();
+    float rb[6];
+    reference->getBoundingBox(rb);
+    float lo[3] = {1e30f, 1e30f, 1e30f}, hi[3] = {-1e30f, -1e30f, -1e30f};
+    for (int corner = 0; corner < 8; corner++) {
+      float w[3], l[3];
+      for (int a = 0; a < 3; a++) {
+        const float margin = (twoD && a == 2) ? 0.0f : 3.0f;
+        w[a] = (corner >> a) & 1 ? rb[2 * a + 1] + margin : rb[2 * a] - margin;
+      }
+      for (int a = 0; a < 3; a++)
+        l[a] = w[0] * inv[0][a] + w[1] * inv[1][a] + w[2] * inv[2][a] + inv[3][a];
+      for (int a = 0; a < 3; a++) {
+        lo[a] = std::min(lo[a], std::floor(l[a]));
+        hi[a] = std::max(hi[a], std::ceil(l[a]));
+      }
+    }
+    int dims[3];
+    float box[6];
+    for (int a = 0; a < 3; a++) {
+      dims[a] = (int)(hi[a] - lo[a]) + 1;
+      box[2 * a] = lo[a];
+      box[2 * a + 1] = hi[a];
+    }
+    auto f = kind == LABEL ? labels : pattern;
+    auto moved = std::make_unique<ZrUniformScalarField3>(dims, QB_FLOAT, box);
+    float* data = static_cast<float*>(moved->lattice.dataPtr());
+    for (int k = 0; k < dims[2]; k++)
+      for (int j = 0; j < dims[1]; j++)
+        for (int i = 0; i < dims[0]; i++) {
+          const float l[3] = {lo[0] + i, lo[1] + j, lo[2] + k};
+          double w[3];
+          for (int a = 0; a < 3; a++)
+            w[a] = l[0] * m[0][a] + l[1] * m[1][a] + l[2] * m[2][a] + m[3][a];
+          data[((size_t)k * dims[1] + j) * dims[0] + i] =
+              (float)f(w[0] + 0.6, w[1] - 0.45, twoD ? 0.0 : w[2] + 0.35);
+        }
+    moved->setTransform(m);
+    model = std::move(moved);
+    models[0] = model.get();
   }
 
   void makeTransform(int n, bool twoD) {

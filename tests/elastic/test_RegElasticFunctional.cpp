@@ -320,3 +320,37 @@ TEST(ElasticRegular, BoundMetricCallsChangeNoBit) {
     EXPECT_GT(nonZero, g[0].size() / 4) << what;
   }
 }
+
+// A float reference with a byte model (a pair a script may connect): the
+// regular class samples both as float, so value and gradient are those of
+// the same pair with the model converted to float first.
+TEST(ElasticRegular, ModelOfAnotherVoxelTypeIsSampledAsFloat) {
+  auto asFloat = [](const ZrUniformScalarField3& f) {
+    float box[6];
+    f.getBoundingBox(box);
+    auto out = std::make_unique<ZrUniformScalarField3>(f.getDims(), QB_FLOAT, box);
+    for (size_t i = 0; i < f.lattice.numNodes(); i++)
+      out->lattice.setValue(i, f.lattice.getValueAsFloat(i));
+    return out;
+  };
+  QbDVector<double> g[2];
+  double value[2];
+  for (int converted = 0; converted < 2; converted++) {
+    ElasticSetup s;
+    s.makeData(false, NMI, QB_UINT8);
+    s.reference = asFloat(*s.reference);
+    s.refs[0] = s.reference.get();
+    if (converted) {
+      s.model = asFloat(*s.model);
+      s.models[0] = s.model.get();
+    }
+    s.makeTransform(6, false);
+    s.perturb(0.2);
+    s.makeFunctional(true, NMI, 0.5f, 0.1f);
+    EXPECT_EQ(converted == 0, s.messages.text.find("sampled as float") != std::string::npos);
+    g[converted].resize(s.transform->paramVector.size());
+    value[converted] = s.functional->evaluate(g[converted], 0.3, 1);
+  }
+  EXPECT_EQ(value[0], value[1]);
+  EXPECT_EQ(g[0], g[1]);
+}

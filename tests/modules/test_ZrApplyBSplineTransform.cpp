@@ -357,6 +357,11 @@ TEST_F(ApplySplineTest, LandmarkValidation) {
   app->fire(1);
   EXPECT_TRUE(app->portResult.isSensitive(2));
   EXPECT_TRUE(app->portAboveThreshold.isVisible());
+  // The deformed control lattice in result 1 is no field to map markers with.
+  ASSERT_TRUE(app->portAction.hit(2)); // "Control grid"
+  app->fire(1);
+  ASSERT_NE(app->getResult(1), nullptr);
+  EXPECT_STREQ(app->getResult(1)->getName(), "DeformedGrid");
 
   // The first check measures the fresh set: all markers at the origin.
   ASSERT_TRUE(app->portResult.hit(2));

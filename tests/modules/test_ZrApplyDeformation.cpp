@@ -84,11 +84,9 @@ TEST_F(ApplyDeformationTest, MovesPointsAndRecomputesFromInput) {
   ASSERT_TRUE(module->portData.connect(input));
   ASSERT_TRUE(module->portVectorField.connect(field));
 
-  // Nothing happens until the button is pressed.
+  // "DoIt" starts snapped: connecting the inputs is enough.
+  EXPECT_TRUE(module->portAction.isSnapped());
   module->fire(1);
-  EXPECT_EQ(module->getResult(0), nullptr);
-
-  press();
   ZrVertexSet* result = dynamic_cast<ZrVertexSet*>(module->getResult(0));
   ASSERT_NE(result, nullptr);
   EXPECT_NE(result, input);

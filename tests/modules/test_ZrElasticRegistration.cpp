@@ -10,6 +10,9 @@
 #include "ZrMessage.h"
 #include "ZrRegVectorField3.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -202,15 +205,15 @@ TEST_F(ElasticModuleTest, SaveAndShowControlPointsWithoutRun) {
   EXPECT_STREQ(grid->getName(), "ControlGridVectors");
   EXPECT_EQ(grid->coordType(), ZR_COORD_UNIFORM);
   // At rest every displacement is 0, and the box is the interpolated box
-  // widened by one spacing: the reference box, one voxel more on each side,
-  // and one spacing of 33 / 1 more.
+  // widened by one spacing: the reference box with the run's margin of three
+  // voxels on each side, and one spacing of 37 / 1 more.
   for (size_t i = 0; i < grid->lattice.numNodes() * 3; i++)
     EXPECT_NEAR(grid->floatData()[i], 0.0f, 1e-4f);
   float box[6];
   grid->getBoundingBox(box);
-  EXPECT_NEAR(box[0], -1.0f - 33.0f, 1e-4f);
-  EXPECT_NEAR(box[1], 32.0f + 33.0f, 1e-4f);
-  EXPECT_NEAR(box[5], 24.0f + 25.0f, 1e-4f);
+  EXPECT_NEAR(box[0], -3.0f - 37.0f, 1e-4f);
+  EXPECT_NEAR(box[1], 34.0f + 37.0f, 1e-4f);
+  EXPECT_NEAR(box[5], 26.0f + 29.0f, 1e-4f);
   ZrLandmarkSet* live =
       dynamic_cast<ZrLandmarkSet*>(ZrObjectPool::getTheObjectPool()->findObject("Control-points"));
   ASSERT_NE(live, nullptr);
@@ -292,9 +295,12 @@ TEST_F(ElasticModuleTest, ScheduleOfRefinementsAndWeights) {
     // Every level left a visible result, and the run its warp and grid.
     EXPECT_NE(ZrObjectPool::getTheObjectPool()->findObject("result"), nullptr);
     EXPECT_NE(m->getResult(0), nullptr);
-    ZrRegVectorField3* grid = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
-    ASSERT_NE(grid, nullptr);
-    EXPECT_EQ(grid->getDims()[0], sizes[m->passes.size() - 1]);
+    // With landmarks the run ends by mapping them through the dense field of
+    // the final lattice, which then stands in result 1.
+    ZrRegVectorField3* field = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
+    ASSERT_NE(field, nullptr);
+    EXPECT_STREQ(field->getName(), "VectorField");
+    EXPECT_EQ(field->getDims()[0], dims[0]);
     EXPECT_TRUE(m->portResult.isVisible());
     EXPECT_TRUE(m->portResult.isSensitive(2)) << "landmarks are connected";
     ZrObjectPool::getTheObjectPool()->clear();
@@ -364,4 +370,107 @@ TEST_F(ElasticModuleTest, FlatRunWithPenaltiesNeedsTheRegularGridPath) {
   EXPECT_NE(messages.find("not available for two-dimensional data"), std::string::npos) << messages;
   EXPECT_EQ(m->getResult(0), nullptr) << "the run was refused";
   EXPECT_EQ(m->functionals, nullptr);
+}
+
+namespace {
+// Runs the schedule without optimising: records, when the first level is
+// entered, how far the lattice lies from rest, then moves every control
+// point by `shift`.
+class ShiftModule : public ZrElasticRegistration {
+public:
+  QbVec3f shift{0.0f, 0.0f, 0.0f};
+  double startDeviation = -1.0;
+  void doResolution(int level, int numLevels, RegFunctional* functional, double, double) override {
+    for (;;) {
+      enterResolution(level, numLevels, functional);
+      QbDVector<double>& p = splineTransform->paramVector;
+      if (startDeviation < 0) {
+        QbDVector<double> rest;
+        splineTransform->getRestPositions(rest);
+        startDeviation = 0.0;
+        for (int i = 0; i < p.size(); i++)
+          startDeviation = std::max(startDeviation, std::fabs(p[i] - rest[i]));
+      }
+      for (int i = 0; i < p.size(); i++)
+        p[i] += shift[i % 3];
+      if (doneResolution(level, numLevels))
+        return;
+    }
+  }
+};
+
+ZrLandmarkSet* addLandmarks(const std::vector<QbVec3f>& model, const std::vector<QbVec3f>& ref) {
+  ZrLandmarkSet* lm = new ZrLandmarkSet(2);
+  lm->setNumMarkers((int)model.size());
+  for (size_t k = 0; k < model.size(); k++) {
+    lm->setPosition(model[k], (int)k, 0);
+    lm->setPosition(ref[k], (int)k, 1);
+  }
+  addToPool(lm, "landmarks");
+  return lm;
+}
+} // namespace
+
+// The first level starts from the identity, whether the lattice was made for
+// the run or before landmarks widened the run's box; and the landmark check
+// straight after a run measures the final lattice: a lattice shifted by s
+// maps model marker q onto q - s exactly.
+TEST_F(ElasticModuleTest, RunStartsAtRestAndValidatesItsResult) {
+  const int dims[3] = {32, 32, 24};
+  for (bool madeBefore : {false, true}) {
+    SCOPED_TRACE(madeBefore ? "lattice made before the landmarks" : "lattice made by the run");
+    ShiftModule* m = makeModule<ShiftModule>(dims);
+    for (int a = 0; a < 3; a++)
+      m->portCoarsestResolution.setValue(a, 2);
+    m->portRefineGrid.setValue(0, 0);
+    m->fire(1);
+    if (madeBefore) {
+      ASSERT_TRUE(m->portResult.hit(0)); // makes the lattice at rest
+      m->fire(1);
+    }
+    m->shift = QbVec3f(1.5f, -1.0f, 0.75f);
+    std::vector<QbVec3f> model = {{10, 12, 8}, {20, 15, 14}, {15, 22, 10}, {22, 9, 16}}, ref;
+    for (const QbVec3f& q : model)
+      ref.push_back(q - m->shift);
+    // A reference marker beyond the reference widens the run's box.
+    if (madeBefore) {
+      model.push_back(QbVec3f(38, 10, 10));
+      ref.push_back(QbVec3f(38, 10, 10));
+    }
+    ASSERT_TRUE(m->portLandmarks.connect(addLandmarks(model, ref)));
+    m->fire(1);
+    ASSERT_TRUE(m->portAction.hit(0));
+    m->fire(1);
+    EXPECT_NEAR(m->startDeviation, 0.0, 1e-4);
+    EXPECT_GE(m->splineTransform->interpolatedSpaceBoundary[1], madeBefore ? 38.0f : 31.0f);
+    if (madeBefore)
+      continue;
+    ASSERT_TRUE(m->portResult.hit(2)); // "Validate"
+    m->fire(1);
+    float mean, dev, rms, max;
+    ASSERT_EQ(std::sscanf(m->portStatistics.getValue(), "mean %g dev %g rms %g max %g", &mean, &dev,
+                          &rms, &max),
+              4);
+    EXPECT_NEAR(max, 0.0f, 1e-3f) << m->portStatistics.getValue();
+    ZrObjectPool::getTheObjectPool()->clear();
+  }
+}
+
+// A connected set of control points whose size is not that of the lattice
+// is refused with a message; nothing is registered.
+TEST_F(ElasticModuleTest, ControlPointSetOfAnotherSizeIsRefused) {
+  const int dims[3] = {24, 24, 16};
+  ZrElasticRegistration* m = makeModule(dims);
+  ZrLandmarkSet* set = new ZrLandmarkSet(1);
+  set->setNumMarkers(27);
+  addToPool(set, "points");
+  ASSERT_TRUE(m->portControlPoints.connect(set));
+  m->fire(1);
+  messages.clear();
+  ASSERT_TRUE(m->portAction.hit(0));
+  m->fire(1);
+  EXPECT_NE(messages.find("hold 27 points, but the lattice of 4x4x4 has 64"), std::string::npos)
+      << messages;
+  EXPECT_EQ(m->transform, nullptr);
+  EXPECT_EQ(m->getResult(0), nullptr);
 }
