@@ -1,5 +1,6 @@
 #include "RegElasticFunctionalRegular.h"
 
+#include "RegElasticAnalyticGradient.h"
 #include "RegElasticFunctionalRegularThread.h"
 #include "RegMetric.h"
 #include "ZrRegScalarField3.h"
@@ -142,6 +143,8 @@ double RegElasticFunctionalRegular::evaluateIncrementalWithRegularizer(int index
 
 double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double step,
                                              int keepAll) {
+  if (analyticGradient)
+    return analyticGradient->evaluate(*this, gradient);
   const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
   double base = regularized ? evaluateAndCacheWithRegularizer() : evaluateAndCache();
   if (base == REG_INVALID_VALUE)

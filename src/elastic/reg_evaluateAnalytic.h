@@ -1,0 +1,434 @@
+#pragma once
+// Inner loops of the analytic elastic gradient: the exact derivative of the
+// objective with respect to every control-point coordinate, in one pass over
+// the reference voxels.
+//
+// At voxel v the objective changes with its model sample s(v) at the rate
+// dF/ds (the metric's slope, from the statistics of the caching pass), the
+// sample with its position T(v) at the rate of the model's gradient there
+// (the trilinear interpolant's own, exactly as the sampler interpolates), and
+// T(v) with the local control point k at the rate of the spline's basis
+// product B_k(v). The penalties add their derivatives with respect to the
+// first and second derivatives of T, whose basis products take weight1 and
+// weight2 in place of weight on one or two axes. So every voxel adds a few
+// 3-vectors, each with its own kind of basis product, into the 4 x 4 x 4
+// control points around it.
+//
+// The basis products are separable, and the sums are taken the way the
+// spline is evaluated, in reverse: along a line of voxels (fixed y and z)
+// the vectors are summed per lattice column with the x weights; at the end
+// of the line the columns go into the rows of the slice with the y weights;
+// at the end of the slice the rows go into four lattice layers with the z
+// weights. A voxel thus costs 4 x 3 multiply-adds per kind of vector, not
+// 64 x 3.
+//
+// Work units are z slices (rows in two dimensions); each unit writes its own
+// block of four lattice layers (rows), and the blocks are added up in unit
+// order afterwards, so the result does not depend on how many threads ran.
+// Nothing here allocates; the voxel type, the metric's slope and the model's
+// gradient are template parameters.
+#include "QbVec3d.h"
+#include "QbVec3f.h"
+#include "RegCorrelationRatio.h"
+#include "RegElasticFunctional.h"
+#include "RegMutualInformation.h"
+#include "RegSplineInterpolant.h"
+#include "RegVoxelCubicSplineTransform.h"
+#include "reg_evaluateElastic.h"
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+// The kinds of vector a voxel adds, by the derivative order of the basis on
+// y and z: the metric's and the Jacobian's Tx terms and the energy's Txx term
+// go with (0, 0), Ty and Txy with (1, 0), Tz and Txz with (0, 1), Tyy with
+// (2, 0), Tzz with (0, 2), Tyz with (1, 1). Within a kind the x order is
+// carried by which of weight, weight1, weight2 multiplies the vector.
+enum RegAnalyticGroup { REG_G00, REG_G10, REG_G01, REG_G20, REG_G02, REG_G11, REG_GROUPS };
+const int reg_analyticGroupY[REG_GROUPS] = {0, 1, 0, 2, 0, 1};
+const int reg_analyticGroupZ[REG_GROUPS] = {0, 0, 1, 0, 2, 1};
+
+// Slope of mutual information and its normalised form with respect to one
+// model sample, through the soft bin weights. With h the histogram, a sample
+// of reference bin i (weights a0, a1) and model position t between bins j and
+// j + 1 moves weight from bin j to bin j + 1 at the rate `scale`, so
+//   dF/ds = -scale / N * (a0 G(i, j) + a1 G(i + 1, j)),
+//   G(i, j) = alpha (ln m(j + 1) - ln m(j)) - beta (ln h(i, j + 1) - ln h(i, j)),
+// with m the model's marginal, alpha = beta = w for mutual information and
+// alpha = w / Hj, beta = F / Hj for the normalised form. `slope` holds G.
+// A sample exactly on a bin centre has the mean of its two one-sided slopes.
+struct RegAnalyticHistogramSlope {
+  const double* slope = nullptr;
+  double refMin = 0, refScale = 0, modelMin = 0, modelScale = 0;
+  int nRef = 0, nMod = 0;
+  double factor = 0;
+  inline double operator()(double r, double s) const {
+    double t = (s - modelMin) * modelScale;
+    // Below the first and at or above the last bin the weights are constant.
+    if (!(t >= 0.0 && t < (double)(nMod - 1)))
+      return 0.0;
+    int i;
+    double a0, a1;
+    RegMutualInformation::binOf(r, refMin, refScale, nRef, i, a0, a1);
+    const int j = (int)t;
+    const double* g = slope + (size_t)i * nMod + j;
+    double d = a0 * g[0] + a1 * g[nMod];
+    if (t == (double)j && j > 0)
+      d = 0.5 * (d + a0 * g[-1] + a1 * g[nMod - 1]);
+    return factor * d;
+  }
+};
+
+// Slope of minus the mean squared difference: 2 w (r - s) / n.
+struct RegAnalyticSquaredSlope {
+  double factor = 0;
+  inline double operator()(double r, double s) const { return factor * (r - s); }
+};
+
+// Slope of the absolute correlation w |c|, c = cov / sqrt(varR varM), for a
+// sample inside both windows: w sign(c) ((r - meanR) / sqrt(varR varM) -
+// c (s - meanM) / varM). Samples outside a window do not enter the sums.
+struct RegAnalyticCorrelationSlope {
+  double refLow = 0, refHigh = 0, modelLow = 0, modelHigh = 0;
+  double refMean = 0, modelMean = 0, k1 = 0, k2 = 0;
+  inline double operator()(double r, double s) const {
+    if (!(r >= refLow && r <= refHigh && s >= modelLow && s <= modelHigh))
+      return 0.0;
+    return k1 * (r - refMean) - k2 * (s - modelMean);
+  }
+};
+
+// Derivatives of the trilinear interpolant with respect to the fractions of
+// its cell, from the corners c000, c100, c010, c110, c011, c111, c001, c101
+// (the sampler's order).
+inline void reg_trilinearSlope(const float* c, double fx, double fy, double fz, double* d) {
+  const double e0 = c[0] + (c[1] - c[0]) * fx, e1 = c[6] + (c[7] - c[6]) * fx;
+  const double e2 = c[2] + (c[3] - c[2]) * fx, e3 = c[4] + (c[5] - c[4]) * fx;
+  const double x0 = (double)c[1] - c[0], x1 = (double)c[7] - c[6];
+  const double x2 = (double)c[3] - c[2], x3 = (double)c[5] - c[4];
+  const double x4 = x0 + (x2 - x0) * fy, x5 = x1 + (x3 - x1) * fy;
+  d[0] = x4 + (x5 - x4) * fz;
+  const double y0 = e2 - e0, y1 = e3 - e1;
+  d[1] = y0 + (y1 - y0) * fz;
+  d[2] = (e1 + (e3 - e1) * fy) - (e0 + (e2 - e0) * fy);
+}
+
+// Gradient of a uniform model's raw voxels as the metric's trilinear sampler
+// reads them: positions are clamped into the lattice, and along a clamped
+// axis the sample does not change. Returns false where the gradient is 0.
+template <class T> struct RegAnalyticVoxelSlope {
+  const T* data = nullptr;
+  float box[6] = {0, 0, 0, 0, 0, 0};
+  int dims[3] = {0, 0, 0};
+  float scale[3] = {0, 0, 0};
+  inline bool operator()(const QbVec3f& point, double* g) const {
+    const float pt[3] = {point.x, point.y, point.z};
+    float fr[3];
+    int vs[3];
+    bool moves[3];
+    for (int a = 0; a < 3; a++) {
+      float p = (pt[a] - box[2 * a]) * scale[a];
+      int v = (int)p;
+      moves[a] = true;
+      if (p < 0) {
+        v = 0;
+        p = 0;
+        moves[a] = false;
+      } else if (v + 1 >= dims[a]) {
+        v = dims[a] - 1;
+        p = (float)v;
+        moves[a] = false;
+      }
+      vs[a] = v;
+      fr[a] = p - (float)v;
+    }
+    if (!(moves[0] || moves[1] || moves[2]))
+      return false;
+    const int64_t nx = dims[0], ny = dims[1], nz = dims[2];
+    const int64_t off = ((int64_t)vs[2] * ny + vs[1]) * nx + vs[0];
+    const int64_t sx = vs[0] + 1 < nx ? 1 : 0;
+    const int64_t sy = vs[1] + 1 < ny ? nx : 0;
+    const int64_t sz = vs[2] + 1 < nz ? nx * ny : 0;
+    const T* p = data + off;
+    const float c[8] = {(float)p[0],       (float)p[sx],           (float)p[sy], (float)p[sy + sx],
+                        (float)p[sy + sz], (float)p[sy + sz + sx], (float)p[sz], (float)p[sz + sx]};
+    double d[3];
+    reg_trilinearSlope(c, fr[0], fr[1], fr[2], d);
+    for (int a = 0; a < 3; a++)
+      g[a] = moves[a] ? d[a] * (double)scale[a] : 0.0;
+    return g[0] != 0.0 || g[1] != 0.0 || g[2] != 0.0;
+  }
+};
+
+// Gradient of a uniform model as its field evaluator interpolates it: a
+// point outside the box of the nodes reads 0 and has no gradient; inside,
+// the cell and fractions follow the evaluator's location.
+template <class T> struct RegAnalyticFieldSlope {
+  const T* data = nullptr;
+  float box[6] = {0, 0, 0, 0, 0, 0};
+  int dims[3] = {0, 0, 0};
+  double inv[3] = {0, 0, 0};
+  int lastCell[3] = {0, 0, 0};
+  int64_t step[3] = {0, 0, 0};
+  inline bool operator()(const QbVec3f& point, double* g) const {
+    const float pt[3] = {point.x, point.y, point.z};
+    if (!(pt[0] >= box[0] && pt[0] <= box[1] && pt[1] >= box[2] && pt[1] <= box[3] &&
+          pt[2] >= box[4] && pt[2] <= box[5]))
+      return false;
+    int cell[3];
+    double fr[3];
+    for (int a = 0; a < 3; a++) {
+      const double f = ((double)pt[a] - (double)box[2 * a]) * inv[a];
+      int i = (int)f;
+      if (i > lastCell[a])
+        i = lastCell[a];
+      double u = f - (double)i;
+      u = u > 1.0 ? 1.0 : (u < 0.0 ? 0.0 : u);
+      cell[a] = i;
+      fr[a] = u;
+    }
+    const T* p = data + ((int64_t)cell[2] * dims[1] + cell[1]) * dims[0] + cell[0];
+    const int64_t sx = step[0], sy = step[1], sz = step[2];
+    const float c[8] = {(float)p[0],       (float)p[sx],           (float)p[sy], (float)p[sy + sx],
+                        (float)p[sy + sz], (float)p[sy + sz + sx], (float)p[sz], (float)p[sz + sx]};
+    double d[3];
+    reg_trilinearSlope(c, fr[0], fr[1], fr[2], d);
+    for (int a = 0; a < 3; a++)
+      g[a] = d[a] * inv[a];
+    return g[0] != 0.0 || g[1] != 0.0 || g[2] != 0.0;
+  }
+};
+
+// What one pass reads: the voxels and caches of the functional, the spline's
+// tables, and the penalty factors. The buffers are the functional's own.
+struct RegAnalyticPass {
+  const int* dims = nullptr;
+  // Samples and positions of the caching pass; `grid` holds every voxel,
+  // except in a three-dimensional regularised pass, which recomputes lines.
+  const float* cachedSamples = nullptr;
+  const QbVec3f* grid = nullptr;
+  // Two-dimensional regularised pass: the whole derivative images.
+  const QbVec3d *dX = nullptr, *dY = nullptr, *dXX = nullptr, *dYY = nullptr, *dXY = nullptr;
+  const RegVoxelCubicSplineTransform* transform = nullptr;
+  const RegSplineInterpolant *gx = nullptr, *gy = nullptr, *gz = nullptr;
+  int ncx = 0, ncy = 0;
+  bool is2D = false;
+  bool wantE = false, wantJ = false;
+  // -weight / n of each penalty: the objective adds weight * (-sum) / n.
+  double energyFactor = 0, jacobianFactor = 0;
+  RegElasticPenalty penalty;
+  // The reference value reaches the metric in single precision (regular
+  // class) or as it is (general class).
+  bool refAsFloat = false;
+
+  explicit RegAnalyticPass(const RegElasticPenalty& penalty) : penalty(penalty) {}
+};
+
+// Scratch of one thread.
+struct RegAnalyticScratch {
+  // REG_GROUPS blocks of ncx * 3 column sums.
+  double* columns = nullptr;
+  // Three blocks (z order 0, 1, 2) of ncy * ncx * 3 row sums.
+  double* rows = nullptr;
+  // One line of positions and derivatives (three-dimensional regularised).
+  QbVec3f* line = nullptr;
+  QbVec3d *dx = nullptr, *dy = nullptr, *dz = nullptr, *dxx = nullptr, *dyy = nullptr,
+          *dzz = nullptr, *dxy = nullptr, *dxz = nullptr, *dyz = nullptr;
+};
+
+// Adds `u` (by x order 0, 1, 2) into the four columns of the voxel's x cell.
+inline void reg_analyticAddColumns(double* col, const RegSplineInterpolant& W, const double* u0,
+                                   const double* u1, const double* u2) {
+  for (int l = 0; l < 4; l++) {
+    double* q = col + 3 * l;
+    const double w0 = W.weight[l], w1 = W.weight1[l], w2 = W.weight2[l];
+    q[0] += w0 * u0[0] + w1 * u1[0] + w2 * u2[0];
+    q[1] += w0 * u0[1] + w1 * u1[1] + w2 * u2[1];
+    q[2] += w0 * u0[2] + w1 * u1[2] + w2 * u2[2];
+  }
+}
+
+inline void reg_analyticAddColumns0(double* col, const RegSplineInterpolant& W, const double* u0) {
+  for (int l = 0; l < 4; l++) {
+    double* q = col + 3 * l;
+    const double w0 = W.weight[l];
+    q[0] += w0 * u0[0];
+    q[1] += w0 * u0[1];
+    q[2] += w0 * u0[2];
+  }
+}
+
+// The penalty vectors of one voxel, added into the column sums of the line.
+// a, b, c: Tx, Ty, Tz; the second derivatives as named. In two dimensions the
+// third column is the constant (1, 1, 1), whose terms do not move.
+inline void reg_analyticPenaltyVoxel(const RegAnalyticPass& P, double* columns,
+                                     const RegSplineInterpolant& W, const QbVec3d& a,
+                                     const QbVec3d& b, const QbVec3d& c, const QbVec3d* xx,
+                                     const QbVec3d* yy, const QbVec3d* zz, const QbVec3d* xy,
+                                     const QbVec3d* xz, const QbVec3d* yz) {
+  const RegElasticPenalty& pen = P.penalty;
+  const int stride = 3 * P.ncx;
+  const int base = 3 * W.cell;
+  double u0[REG_GROUPS][3] = {}, u1[REG_GROUPS][3] = {}, u2[3] = {0, 0, 0};
+  if (P.wantJ) {
+    const double det = pen.determinant(a, b, c);
+    const double l = std::log(det / pen.volumeScale);
+    // d|ln(D / V)| / dD, times the scale of the determinant and the factor.
+    const double dj = (l > 0 ? 1.0 : (l < 0 ? -1.0 : 0.0)) / det * pen.detScale * P.jacobianFactor;
+    const QbVec3d bc = b.cross(c) * dj, ca = c.cross(a) * dj, ab = a.cross(b) * dj;
+    u1[REG_G00][0] = bc.x, u1[REG_G00][1] = bc.y, u1[REG_G00][2] = bc.z;
+    u0[REG_G10][0] = ca.x, u0[REG_G10][1] = ca.y, u0[REG_G10][2] = ca.z;
+    if (!P.is2D)
+      u0[REG_G01][0] = ab.x, u0[REG_G01][1] = ab.y, u0[REG_G01][2] = ab.z;
+  }
+  if (P.wantE) {
+    const double f = P.energyFactor;
+    auto put = [](double* u, const QbVec3d& v, double k) {
+      u[0] += k * v.x;
+      u[1] += k * v.y;
+      u[2] += k * v.z;
+    };
+    put(u2, *xx, 2.0 * pen.sxx * f);
+    put(u1[REG_G10], *xy, 4.0 * pen.sxy * f);
+    put(u0[REG_G20], *yy, 2.0 * pen.syy * f);
+    if (!P.is2D) {
+      put(u1[REG_G01], *xz, 4.0 * pen.sxz * f);
+      put(u0[REG_G02], *zz, 2.0 * pen.szz * f);
+      put(u0[REG_G11], *yz, 4.0 * pen.syz * f);
+    }
+  }
+  const double zero[3] = {0, 0, 0};
+  reg_analyticAddColumns(columns + REG_G00 * stride + base, W, u0[REG_G00], u1[REG_G00], u2);
+  reg_analyticAddColumns(columns + REG_G10 * stride + base, W, u0[REG_G10], u1[REG_G10], zero);
+  reg_analyticAddColumns0(columns + REG_G20 * stride + base, W, u0[REG_G20]);
+  if (!P.is2D) {
+    reg_analyticAddColumns(columns + REG_G01 * stride + base, W, u0[REG_G01], u1[REG_G01], zero);
+    reg_analyticAddColumns0(columns + REG_G02 * stride + base, W, u0[REG_G02]);
+    reg_analyticAddColumns0(columns + REG_G11 * stride + base, W, u0[REG_G11]);
+  }
+}
+
+// The metric's vector of one voxel: dF/ds times the model's gradient at the
+// voxel's position. Returns false when it is 0.
+template <class T, class Slope, class Grad>
+inline bool reg_analyticMetricVoxel(const RegAnalyticPass& P, const T* ref, size_t v,
+                                    const QbVec3f& position, const Slope& slope, const Grad& grad,
+                                    double* columns, const RegSplineInterpolant& W) {
+  const double r = P.refAsFloat ? (double)(float)ref[v] : (double)ref[v];
+  const double dFds = slope(r, (double)P.cachedSamples[v]);
+  if (dFds == 0.0)
+    return false;
+  double g[3];
+  if (!grad(position, g))
+    return false;
+  const double u[3] = {dFds * g[0], dFds * g[1], dFds * g[2]};
+  reg_analyticAddColumns0(columns + 3 * W.cell, W, u);
+  return true;
+}
+
+// Column sums of one line (y, z) into s.columns; returns false when the line
+// added nothing. Regularized: the penalties' vectors too, with the
+// derivatives from the images (two dimensions) or from the line recomputed
+// (three dimensions).
+template <class T, bool Regularized, class Slope, class Grad>
+inline bool reg_evaluateAnalyticLine(const RegAnalyticPass& P, const T* ref, const Slope& slope,
+                                     const Grad& grad, int y, int z, RegAnalyticScratch& s) {
+  const int nx = P.dims[0], ny = P.dims[1];
+  const int groups = Regularized ? REG_GROUPS : 1;
+  std::memset(s.columns, 0, sizeof(double) * 3 * P.ncx * groups);
+  const size_t v0 = ((size_t)z * ny + y) * nx;
+  const bool lines = Regularized && !P.is2D;
+  const QbVec3f* positions = lines ? s.line : P.grid + v0;
+  if (lines) {
+    int start[3] = {0, y, z};
+    P.transform->getTransformedGridSequence(s.line, P.wantE ? s.dxx : nullptr, s.dyy, s.dzz, s.dxy,
+                                            s.dxz, s.dyz, P.wantJ ? s.dx : nullptr, s.dy, s.dz, nx,
+                                            start);
+  }
+  bool any = Regularized;
+  for (int x = 0; x < nx; x++) {
+    const RegSplineInterpolant& W = P.gx[x];
+    any |= reg_analyticMetricVoxel(P, ref, v0 + x, positions[x], slope, grad, s.columns, W);
+    if (!Regularized)
+      continue;
+    if (P.is2D) {
+      const size_t v = v0 + x;
+      const QbVec3d one(1.0, 1.0, 1.0);
+      reg_analyticPenaltyVoxel(P, s.columns, W, P.dX[v], P.dY[v], one, P.dXX + v, P.dYY + v,
+                               nullptr, P.dXY + v, nullptr, nullptr);
+    } else {
+      const QbVec3d zero;
+      reg_analyticPenaltyVoxel(P, s.columns, W, P.wantJ ? s.dx[x] : zero, P.wantJ ? s.dy[x] : zero,
+                               P.wantJ ? s.dz[x] : zero, s.dxx + x, s.dyy + x, s.dzz + x, s.dxy + x,
+                               s.dxz + x, s.dyz + x);
+    }
+  }
+  return any;
+}
+
+// Adds the column sums of group g of a line into its rows: rows[kz][j0 + m]
+// += Wy[m] * columns, for the y and z orders of the group.
+inline void reg_analyticColumnsToRows(const RegAnalyticPass& P, const double* columns, int g,
+                                      const RegSplineInterpolant& By, double* rows, size_t rowBlock,
+                                      int j0) {
+  const int len = 3 * P.ncx;
+  const double* col = columns + (size_t)g * len;
+  const int ky = reg_analyticGroupY[g], kz = reg_analyticGroupZ[g];
+  const double* wy = ky == 0 ? By.weight : (ky == 1 ? By.weight1 : By.weight2);
+  double* blk = rows + (size_t)kz * rowBlock;
+  for (int m = 0; m < 4; m++) {
+    double* r = blk + (size_t)(j0 + m) * len;
+    const double w = wy[m];
+    for (int e = 0; e < len; e++)
+      r[e] += w * col[e];
+  }
+}
+
+// One work unit: slice z in three dimensions (out: four lattice layers from
+// the slice's z cell on, ncy * ncx * 3 each), row y in two (out: four
+// lattice rows from the row's y cell on, ncx * 3 each). out is overwritten.
+template <class T, bool Regularized, class Slope, class Grad>
+void reg_evaluateAnalyticUnit(const RegAnalyticPass& P, const T* ref, const Slope& slope,
+                              const Grad& grad, int unit, RegAnalyticScratch& s, double* out) {
+  const int len = 3 * P.ncx;
+  if (P.is2D) {
+    // All groups of a flat lattice have z order 0.
+    std::memset(out, 0, sizeof(double) * 4 * len);
+    if (reg_evaluateAnalyticLine<T, Regularized>(P, ref, slope, grad, unit, 0, s)) {
+      const RegSplineInterpolant& By = P.gy[unit];
+      reg_analyticColumnsToRows(P, s.columns, REG_G00, By, out, 0, 0);
+      if (Regularized) {
+        reg_analyticColumnsToRows(P, s.columns, REG_G10, By, out, 0, 0);
+        reg_analyticColumnsToRows(P, s.columns, REG_G20, By, out, 0, 0);
+      }
+    }
+    return;
+  }
+  const int ny = P.dims[1];
+  const size_t rowBlock = (size_t)P.ncy * len;
+  const int kinds = Regularized ? 3 : 1;
+  std::memset(s.rows, 0, sizeof(double) * rowBlock * kinds);
+  for (int y = 0; y < ny; y++) {
+    if (!reg_evaluateAnalyticLine<T, Regularized>(P, ref, slope, grad, y, unit, s))
+      continue;
+    const RegSplineInterpolant& By = P.gy[y];
+    for (int g = 0; g < (Regularized ? (int)REG_GROUPS : 1); g++)
+      reg_analyticColumnsToRows(P, s.columns, g, By, s.rows, rowBlock, By.cell);
+  }
+  const RegSplineInterpolant& Bz = P.gz[unit];
+  const double* r0 = s.rows;
+  const double* r1 = s.rows + rowBlock;
+  const double* r2 = s.rows + 2 * rowBlock;
+  for (int n = 0; n < 4; n++) {
+    double* layer = out + (size_t)n * rowBlock;
+    const double w0 = Bz.weight[n], w1 = Bz.weight1[n], w2 = Bz.weight2[n];
+    if (kinds == 1)
+      for (size_t e = 0; e < rowBlock; e++)
+        layer[e] = w0 * r0[e];
+    else
+      for (size_t e = 0; e < rowBlock; e++)
+        layer[e] = w0 * r0[e] + w1 * r1[e] + w2 * r2[e];
+  }
+}
