@@ -11,6 +11,8 @@
 #include "ZrRegScalarField3.h"
 #include "ZrSettingsMgr.h"
 #include "ZrWorkArea.h"
+#include "qbmalloc.h"
+#include "reg_evaluate.h"
 #include "reg_evaluateAnalytic.h"
 
 #include <omp.h>
@@ -18,23 +20,25 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
+#include <type_traits>
 #include <typeinfo>
 
 namespace {
 
-enum SlopeKind { SLOPE_HISTOGRAM, SLOPE_SQUARED, SLOPE_CORRELATION, SLOPE_NONE };
+enum MetricKind { METRIC_HISTOGRAM, METRIC_SQUARED, METRIC_CORRELATION, METRIC_NONE };
 
-SlopeKind slopeKindOf(const RegMetric* m) {
+MetricKind metricKindOf(const RegMetric* m) {
   if (!m)
-    return SLOPE_NONE;
+    return METRIC_NONE;
   const std::type_info& t = typeid(*m);
   if (t == typeid(RegNormMutualInformation) || t == typeid(RegSimpleMutualInformation))
-    return SLOPE_HISTOGRAM;
+    return METRIC_HISTOGRAM;
   if (t == typeid(RegMeanSquaredDifference))
-    return SLOPE_SQUARED;
+    return METRIC_SQUARED;
   if (t == typeid(RegCorrelationRatio))
-    return SLOPE_CORRELATION;
-  return SLOPE_NONE;
+    return METRIC_CORRELATION;
+  return METRIC_NONE;
 }
 
 // The metrics' overlap factor: 1, or the covered fraction times 5 /
@@ -62,7 +66,7 @@ RegAnalyticHistogramSlope histogramSlope(RegMutualInformation* mi, QbDArray<doub
   s.modelMin = mi->modelMin;
   s.modelScale = mi->modelScale;
   const double n = (double)mi->numInside;
-  table.resize(nr * nm);
+  table.resize(nr * nm + nm);
   for (int k = 0; k < table.size(); k++)
     table[k] = 0.0;
   s.slope = table.data();
@@ -78,17 +82,17 @@ RegAnalyticHistogramSlope histogramSlope(RegMutualInformation* mi, QbDArray<doub
     beta = w * (hRef + hMod) / (hJoint * hJoint);
   }
   const double* h = mi->histogram.data();
-  QbDArray<double> column(nm);
-  for (int j = 0; j < nm; j++)
-    column[j] = 0.0;
+  // The model's marginal, in the last row of the table while it is built.
+  double* column = table.data() + (size_t)nr * nm;
   for (int i = 0; i < nr; i++)
     for (int j = 0; j < nm; j++)
       column[j] += h[(size_t)i * nm + j];
+  for (int j = 0; j + 1 < nm; j++)
+    column[j] = alpha * (logEntry(column[j + 1]) - logEntry(column[j]));
   for (int i = 0; i < nr; i++)
     for (int j = 0; j + 1 < nm; j++) {
       const double* e = h + (size_t)i * nm + j;
-      table[i * nm + j] = alpha * (logEntry(column[j + 1]) - logEntry(column[j])) -
-                          beta * (logEntry(e[1]) - logEntry(e[0]));
+      table[i * nm + j] = column[j] - beta * (logEntry(e[1]) - logEntry(e[0]));
     }
   s.factor = -mi->modelScale / n;
   return s;
@@ -128,7 +132,188 @@ RegAnalyticCorrelationSlope correlationSlope(const RegCorrelationRatio* m) {
   return s;
 }
 
+// The reference's bins by voxel value, for voxel types of at most 16 bits;
+// false (no table) for the others.
+template <class T>
+const RegAnalyticRefBin* refBinTable(const RegMutualInformation* mi, bool refAsFloat,
+                                     std::vector<RegAnalyticRefBin>& table, int& base) {
+  if constexpr (sizeof(T) > 2 || !std::is_integral<T>::value) {
+    return nullptr;
+  } else {
+    const int lo = (int)std::numeric_limits<T>::lowest(), hi = (int)std::numeric_limits<T>::max();
+    table.resize(hi - lo + 1);
+    for (int v = lo; v <= hi; v++) {
+      const double r = refAsFloat ? (double)(float)v : (double)v;
+      RegAnalyticRefBin& b = table[v - lo];
+      RegMutualInformation::binOf(r, mi->refMin, mi->refScale, mi->numBinsRef, b.bin, b.w0, b.w1);
+    }
+    base = lo;
+    return table.data();
+  }
+}
+
+bool isRegularized(const RegElasticFunctional& f) {
+  return f.regularizerMode >= 1 && f.regularizerMode <= 3;
+}
+
+// What the passes read of the functional and its transform.
+RegAnalyticPass passOf(RegElasticFunctional& f) {
+  RegVoxelCubicSplineTransform* t = static_cast<RegVoxelCubicSplineTransform*>(f.splineTransform);
+  RegElasticFunctionalRegular* regular = dynamic_cast<RegElasticFunctionalRegular*>(&f);
+  const bool regularized = isRegularized(f);
+  RegAnalyticPass P(RegElasticPenalty(t->invGridSpacing, t->modelVolumeScale, f.is2D));
+  P.dims = f.dims;
+  P.cachedSamples = f.cachedSamples;
+  P.grid = f.grid;
+  P.dX = f.dX;
+  P.dY = f.dY;
+  P.dXX = f.dXX;
+  P.dYY = f.dYY;
+  P.dXY = f.dXY;
+  P.transform = t;
+  P.gx = t->interpolantsX;
+  P.gy = t->interpolantsY;
+  P.gz = t->interpolantsZ;
+  P.ncx = t->gridSize[0];
+  P.ncy = t->gridSize[1];
+  P.is2D = f.is2D;
+  P.wantE = regularized && f.energyWeight > 0;
+  P.wantJ = regularized && f.jacobianWeight > 0;
+  const int64_t count = regular ? regular->regularNumVoxels : f.numVoxels;
+  if (regularized && count > 0) {
+    P.energyFactor = -(double)f.energyWeight / (double)count;
+    P.jacobianFactor = -(double)f.jacobianWeight / (double)count;
+  }
+  P.refAsFloat = regular != nullptr;
+  return P;
+}
+
+// Runs fn(ref, model) with the reference's voxels and the model as the
+// functional samples it: raw voxels through the metric's sampler (regular
+// class) or the field evaluator's interpolation (general class).
+template <class F> void withModel(RegElasticFunctional& f, F&& fn) {
+  RegElasticFunctionalRegular* regular = dynamic_cast<RegElasticFunctionalRegular*>(&f);
+  if (!qbDispatchVoxelType(f.primType, [&](auto tag) {
+        typedef decltype(tag) T;
+        const T* ref = (const T*)f.referenceVoxels;
+        if (regular) {
+          RegAnalyticVoxelModel<T> m;
+          m.data = (const T*)f.modelVoxels;
+          for (int a = 0; a < 6; a++)
+            m.box[a] = regular->modelBox[a];
+          for (int a = 0; a < 3; a++)
+            m.dims[a] = regular->modelDims[a];
+          m.scale[0] = regular->scaleX;
+          m.scale[1] = regular->scaleY;
+          m.scale[2] = regular->scaleZ;
+          fn(ref, m);
+        } else {
+          const ZrRegScalarField3* model = static_cast<const ZrRegScalarField3*>(f.models[0]);
+          RegAnalyticFieldModel<T> m;
+          m.data = (const T*)model->lattice.dataPtr();
+          model->getBoundingBox(m.box);
+          for (int a = 0; a < 3; a++) {
+            const int d = model->getDims()[a];
+            m.dims[a] = d;
+            const double extent = (double)m.box[2 * a + 1] - (double)m.box[2 * a];
+            m.inv[a] = (d > 1 && extent > 0.0) ? (double)(d - 1) / extent : 0.0;
+            m.lastCell[a] = d > 1 ? d - 2 : 0;
+          }
+          m.step[0] = m.dims[0] > 1 ? 1 : 0;
+          m.step[1] = m.dims[1] > 1 ? m.dims[0] : 0;
+          m.step[2] = m.dims[2] > 1 ? (int64_t)m.dims[0] * m.dims[1] : 0;
+          fn(ref, m);
+        }
+      }))
+    abort();
+}
+
+// Maps the transform's parameters into the model's local coordinates while
+// it lives, when the model has a transformation, for the passes that compute
+// positions from the parameters.
+class LocalFrame {
+public:
+  explicit LocalFrame(RegSplineTransform* t) : t(t->modelTransformed ? t : nullptr) {
+    if (this->t)
+      this->t->applyModelTransformInv();
+  }
+  ~LocalFrame() {
+    if (t)
+      t->applyModelTransform();
+  }
+  LocalFrame(const LocalFrame&) = delete;
+  LocalFrame& operator=(const LocalFrame&) = delete;
+
+private:
+  RegSplineTransform* t;
+};
+
+// Carves each thread's scratch out of one array: the column and row sums of
+// the gradient pass, and a line of positions with nine of derivatives.
+class ScratchLayout {
+public:
+  size_t columns, rows, zplane, phi, line, perThread;
+  int nx;
+  ScratchLayout(const RegAnalyticPass& P, int threads, QbDArray<double>& store) {
+    nx = P.dims[0];
+    columns = (size_t)REG_GROUPS * 3 * P.ncx;
+    rows = (size_t)3 * P.ncy * 3 * P.ncx;
+    zplane = (size_t)P.ncy * 3 * P.ncx;
+    phi = (size_t)3 * P.ncx;
+    // Positions take 3 floats each, rounded up to 2 doubles.
+    line = (size_t)nx * 2 + (size_t)9 * 3 * nx;
+    perThread = columns + rows + zplane + phi + line;
+    store.resize((int)(perThread * threads));
+    base = store.data();
+  }
+  RegAnalyticScratch of(int thread) const {
+    double* mine = base + perThread * (size_t)thread;
+    RegAnalyticScratch s;
+    s.columns = mine;
+    s.rows = mine + columns;
+    s.zplane = s.rows + rows;
+    s.phi = s.zplane + zplane;
+    double* l = s.phi + phi;
+    s.line = reinterpret_cast<QbVec3f*>(l);
+    QbVec3d* d = reinterpret_cast<QbVec3d*>(l + (size_t)nx * 2);
+    QbVec3d** all[9] = {&s.dx, &s.dy, &s.dz, &s.dxx, &s.dyy, &s.dzz, &s.dxy, &s.dxz, &s.dyz};
+    for (int k = 0; k < 9; k++)
+      *all[k] = d + (size_t)k * nx;
+    return s;
+  }
+
+private:
+  double* base;
+};
+
+// Runs the gradient's work units over the threads.
+template <class T, bool Regularized, class Slope, class Model>
+void runUnits(const RegAnalyticPass& P, const T* ref, const Slope& slope, const Model& model,
+              int threads, const ScratchLayout& layout, double* out, size_t unitBlock) {
+  const int units = P.is2D ? P.dims[1] : P.dims[2];
+#pragma omp parallel num_threads(threads)
+  {
+    RegAnalyticScratch s = layout.of(omp_get_thread_num());
+#pragma omp for schedule(dynamic, 1)
+    for (int u = 0; u < units; u++)
+      reg_evaluateAnalyticUnit<T, Regularized>(P, ref, slope, model, u, s,
+                                               out + unitBlock * (size_t)u);
+  }
+}
+
+// The blocks of slices of a value pass: a number that depends on the size of
+// the data and of the metric's statistics, never on the threads, so that the
+// sums are added in the same order whatever the thread count. Each block's
+// statistics cost their size to clear and to add up.
+int blockCount(const RegElasticFunctional& f, size_t statistics) {
+  const size_t n = (size_t)f.dims[0] * f.dims[1] * f.dims[2];
+  const size_t per = std::max((size_t)65536, 16 * statistics);
+  return (int)std::max((size_t)1, std::min({(size_t)f.dims[2], (size_t)64, n / per}));
+}
+
 } // namespace
+
+RegElasticAnalyticGradient::RegElasticAnalyticGradient() {}
 
 RegElasticAnalyticGradient::~RegElasticAnalyticGradient() {}
 
@@ -136,7 +321,7 @@ bool RegElasticAnalyticGradient::isAvailable(const RegElasticFunctional& f, cons
   const char* reason = nullptr;
   const ZrRegScalarField3* model =
       f.models.size() > 0 ? dynamic_cast<const ZrRegScalarField3*>(f.models[0]) : nullptr;
-  if (slopeKindOf(f.metric) == SLOPE_NONE)
+  if (metricKindOf(f.metric) == METRIC_NONE)
     reason = "the metric has no derivative";
   else if (!dynamic_cast<const RegVoxelCubicSplineTransform*>(f.splineTransform))
     reason = "the transform is no cubic spline on voxels";
@@ -155,9 +340,175 @@ int RegElasticAnalyticGradient::threadsToUse() const {
   return n > 0 ? n : 1;
 }
 
+double RegElasticAnalyticGradient::value(RegElasticFunctional& f, bool cache) {
+  if (f.is2D) {
+    // Flat lattices keep the serial passes of the functional.
+    f.metric->reset();
+    if (!cache)
+      return f.evaluate();
+    return isRegularized(f) ? f.evaluateAndCacheWithRegularizer() : f.evaluateAndCache();
+  }
+  RegElasticFunctionalRegular* regular = dynamic_cast<RegElasticFunctionalRegular*>(&f);
+  const bool regularized = isRegularized(f);
+  RegAnalyticPass P = passOf(f);
+  const size_t N = (size_t)f.dims[0] * f.dims[1] * f.dims[2];
+  const int nz = f.dims[2];
+  if (cache && !f.cachedSamples)
+    f.cachedSamples = (float*)qbmalloc(sizeof(float) * N);
+  float* samples = cache ? f.cachedSamples : nullptr;
+
+  RegMetric* metric = f.metric;
+  const MetricKind kind = metricKindOf(metric);
+  RegMutualInformation* mi =
+      kind == METRIC_HISTOGRAM ? static_cast<RegMutualInformation*>(metric) : nullptr;
+  const size_t histSize = mi ? (size_t)mi->histogram.size() : 0;
+  const int blocks = blockCount(f, histSize);
+  const int threads = std::max(1, std::min(threadsToUse(), blocks));
+  // Per block: penalty sums, fold, counts and the metric's sums (5 for the
+  // correlation, 1 for squared difference, the histogram for mutual
+  // information).
+  blockSums.resize(blocks * 10);
+  if (mi)
+    blockHist.resize((int)(histSize * blocks));
+  ScratchLayout layout(P, threads, scratch);
+  double* sums = blockSums.data();
+  double* hists = mi ? blockHist.data() : nullptr;
+  RegCorrelationRatio* corr =
+      kind == METRIC_CORRELATION ? static_cast<RegCorrelationRatio*>(metric) : nullptr;
+
+  {
+    const LocalFrame frame(f.splineTransform);
+    withModel(f, [&](const auto* ref, const auto& model) {
+      typedef std::remove_cv_t<std::remove_pointer_t<decltype(ref)>> T;
+      auto run = [&](auto makeStats, auto store) {
+#pragma omp parallel num_threads(threads)
+        {
+          RegAnalyticScratch s = layout.of(omp_get_thread_num());
+#pragma omp for schedule(dynamic, 1)
+          for (int b = 0; b < blocks; b++) {
+            auto stats = makeStats(b);
+            double E = 0.0, J = 0.0;
+            bool fine = true;
+            const int z0 = (int)((int64_t)b * nz / blocks),
+                      z1 = (int)((int64_t)(b + 1) * nz / blocks);
+            for (int z = z0; z < z1 && fine; z++)
+              fine = regularized ? reg_evaluateAnalyticValueSlice<T, true>(P, ref, model, stats, z,
+                                                                           s, samples, E, J)
+                                 : reg_evaluateAnalyticValueSlice<T, false>(P, ref, model, stats, z,
+                                                                            s, samples, E, J);
+            double* out = sums + 10 * (size_t)b;
+            out[0] = E;
+            out[1] = J;
+            out[2] = fine ? 0.0 : 1.0;
+            out[3] = (double)stats.inside;
+            out[4] = (double)stats.total;
+            store(stats, out + 5);
+          }
+        }
+      };
+      if (mi) {
+        int refBase = 0;
+        const RegAnalyticRefBin* refTable = refBinTable<T>(mi, P.refAsFloat, refBins, refBase);
+        run(
+            [&](int b) {
+              RegAnalyticHistogramSum h;
+              h.hist = hists + histSize * (size_t)b;
+              std::fill(h.hist, h.hist + histSize, 0.0);
+              h.refMin = mi->refMin;
+              h.refScale = mi->refScale;
+              h.modelMin = mi->modelMin;
+              h.modelScale = mi->modelScale;
+              h.nRef = mi->numBinsRef;
+              h.nMod = mi->numBinsMod;
+              h.refTable = refTable;
+              h.refBase = refBase;
+              return h;
+            },
+            [](const RegAnalyticHistogramSum&, double*) {});
+      } else if (corr) {
+        run(
+            [&](int) {
+              RegAnalyticCorrelationSum c;
+              c.refLow = corr->refLow;
+              c.refHigh = corr->refHigh;
+              c.modelLow = corr->modelLow;
+              c.modelHigh = corr->modelHigh;
+              c.refOffset = corr->refOffset;
+              c.modelOffset = corr->modelOffset;
+              return c;
+            },
+            [](const RegAnalyticCorrelationSum& c, double* o) {
+              o[0] = c.aa, o[1] = c.bb, o[2] = c.ab, o[3] = c.a, o[4] = c.b;
+            });
+      } else {
+        run([](int) { return RegAnalyticSquaredSum(); },
+            [](const RegAnalyticSquaredSum& q, double* o) { o[0] = q.sum; });
+      }
+    });
+  }
+
+  // The blocks' sums, in block order.
+  metric->reset();
+  double E = 0.0, J = 0.0;
+  bool fold = false;
+  int64_t inside = 0, total = 0;
+  for (int b = 0; b < blocks; b++) {
+    const double* in = sums + 10 * (size_t)b;
+    E += in[0];
+    J += in[1];
+    fold |= in[2] != 0.0;
+    inside += (int64_t)in[3];
+    total += (int64_t)in[4];
+  }
+  metric->numInside = inside;
+  metric->numTotal = total;
+  if (mi) {
+    double* h = mi->histogram.data();
+    for (int b = 0; b < blocks; b++) {
+      const double* src = hists + histSize * (size_t)b;
+      for (size_t k = 0; k < histSize; k++)
+        h[k] += src[k];
+    }
+  } else if (corr) {
+    for (int b = 0; b < blocks; b++) {
+      const double* in = sums + 10 * (size_t)b + 5;
+      corr->sumRefSq += in[0];
+      corr->sumModelSq += in[1];
+      corr->sumProduct += in[2];
+      corr->sumRef += in[3];
+      corr->sumModel += in[4];
+    }
+  } else {
+    RegMeanSquaredDifference* msd = static_cast<RegMeanSquaredDifference*>(metric);
+    for (int b = 0; b < blocks; b++)
+      msd->sum += sums[10 * (size_t)b + 5];
+  }
+
+  if (!regularized) {
+    // getResult() of the correlation changes its sums; the cache keeps them.
+    return f.getWeightedResult(cache ? reg_cachedResult(metric, f.metricWork)
+                                     : metric->getResult());
+  }
+  if (fold) {
+    if (cache)
+      f.jacobianSum = REG_INVALID_VALUE;
+    return REG_INVALID_VALUE;
+  }
+  const int64_t n = (int64_t)N;
+  if (!cache)
+    return reg_elasticObjective(&f, metric, E, f.energyWeight, J, f.jacobianWeight, (double)n);
+  f.energySum = E;
+  f.jacobianSum = J;
+  if (regular)
+    regular->regularNumVoxels = n;
+  else
+    f.numVoxels = n;
+  reg_restoreCachedState(metric, f.metricWork);
+  return reg_elasticObjective(&f, f.metricWork, E, f.energyWeight, J, f.jacobianWeight, (double)n);
+}
+
 double RegElasticAnalyticGradient::evaluate(RegElasticFunctional& f, QbDVector<double>& gradient) {
-  const bool regularized = f.regularizerMode >= 1 && f.regularizerMode <= 3;
-  const double base = regularized ? f.evaluateAndCacheWithRegularizer() : f.evaluateAndCache();
+  const double base = value(f, true);
   if (base == REG_INVALID_VALUE)
     return REG_INVALID_VALUE;
   if (f.fixLowEntropy && f.fixPending)
@@ -171,152 +522,52 @@ double RegElasticAnalyticGradient::evaluate(RegElasticFunctional& f, QbDVector<d
   return base;
 }
 
-namespace {
-
-// Runs the work units over the threads; each thread's scratch is carved from
-// `scratch`, each unit's output from `out`.
-template <class T, bool Regularized, class Slope, class Grad>
-void runUnits(const RegAnalyticPass& P, const T* ref, const Slope& slope, const Grad& grad,
-              int threads, QbDArray<double>& scratch, QbDArray<double>& out, size_t unitBlock) {
-  const int units = P.is2D ? P.dims[1] : P.dims[2];
-  const int nx = P.dims[0];
-  const size_t columns = (size_t)REG_GROUPS * 3 * P.ncx;
-  const size_t rows = (size_t)3 * P.ncy * 3 * P.ncx;
-  // One line of positions (3 floats each, rounded up to doubles) and nine of
-  // derivatives.
-  const size_t line = Regularized && !P.is2D ? (size_t)nx * 2 + (size_t)9 * 3 * nx : 0;
-  const size_t perThread = columns + rows + line;
-  scratch.resize((int)(perThread * threads));
-  out.resize((int)(unitBlock * units));
-  double* scratchBase = scratch.data();
-  double* outBase = out.data();
-#pragma omp parallel num_threads(threads)
-  {
-    double* mine = scratchBase + perThread * (size_t)omp_get_thread_num();
-    RegAnalyticScratch s;
-    s.columns = mine;
-    s.rows = mine + columns;
-    if (line) {
-      double* l = mine + columns + rows;
-      s.line = reinterpret_cast<QbVec3f*>(l);
-      QbVec3d* d = reinterpret_cast<QbVec3d*>(l + (size_t)nx * 2);
-      QbVec3d** all[9] = {&s.dx, &s.dy, &s.dz, &s.dxx, &s.dyy, &s.dzz, &s.dxy, &s.dxz, &s.dyz};
-      for (int k = 0; k < 9; k++)
-        *all[k] = d + (size_t)k * nx;
-    }
-#pragma omp for schedule(dynamic, 1)
-    for (int u = 0; u < units; u++)
-      reg_evaluateAnalyticUnit<T, Regularized>(P, ref, slope, grad, u, s,
-                                               outBase + unitBlock * (size_t)u);
-  }
-}
-
-template <class T, class Grad>
-void runWithGrad(const RegAnalyticPass& P, const T* ref, RegMetric* metric, const Grad& grad,
-                 bool regularized, int threads, QbDArray<double>& scratch, QbDArray<double>& out,
-                 size_t unitBlock, QbDArray<double>& table) {
-  auto run = [&](const auto& slope) {
-    if (regularized)
-      runUnits<T, true>(P, ref, slope, grad, threads, scratch, out, unitBlock);
-    else
-      runUnits<T, false>(P, ref, slope, grad, threads, scratch, out, unitBlock);
-  };
-  switch (slopeKindOf(metric)) {
-  case SLOPE_HISTOGRAM:
-    run(histogramSlope(static_cast<RegMutualInformation*>(metric), table));
-    break;
-  case SLOPE_SQUARED:
-    run(squaredSlope(static_cast<RegMeanSquaredDifference*>(metric)));
-    break;
-  case SLOPE_CORRELATION:
-    run(correlationSlope(static_cast<RegCorrelationRatio*>(metric)));
-    break;
-  case SLOPE_NONE:
-    abort();
-  }
-}
-
-} // namespace
-
 void RegElasticAnalyticGradient::compute(RegElasticFunctional& f, QbDVector<double>& gradient) {
   RegVoxelCubicSplineTransform* t = static_cast<RegVoxelCubicSplineTransform*>(f.splineTransform);
-  RegElasticFunctionalRegular* regular = dynamic_cast<RegElasticFunctionalRegular*>(&f);
-  const bool regularized = f.regularizerMode >= 1 && f.regularizerMode <= 3;
+  const bool regularized = isRegularized(f);
   const int numParams = t->getParamVectorDim();
   const int ncx = t->gridSize[0], ncy = t->gridSize[1], ncz = t->gridSize[2];
-
-  RegAnalyticPass P(RegElasticPenalty(t->invGridSpacing, t->modelVolumeScale, f.is2D));
-  P.dims = f.dims;
-  P.cachedSamples = f.cachedSamples;
-  P.grid = f.grid;
-  P.dX = f.dX;
-  P.dY = f.dY;
-  P.dXX = f.dXX;
-  P.dYY = f.dYY;
-  P.dXY = f.dXY;
-  P.transform = t;
-  P.gx = t->interpolantsX;
-  P.gy = t->interpolantsY;
-  P.gz = t->interpolantsZ;
-  P.ncx = ncx;
-  P.ncy = ncy;
-  P.is2D = f.is2D;
-  P.wantE = regularized && f.energyWeight > 0;
-  P.wantJ = regularized && f.jacobianWeight > 0;
-  const int64_t count = regular ? regular->regularNumVoxels : f.numVoxels;
-  if (regularized && count > 0) {
-    P.energyFactor = -(double)f.energyWeight / (double)count;
-    P.jacobianFactor = -(double)f.jacobianWeight / (double)count;
-  }
-  P.refAsFloat = regular != nullptr;
+  RegAnalyticPass P = passOf(f);
 
   const size_t plane = P.is2D ? (size_t)3 * ncx : (size_t)3 * ncx * ncy;
   const size_t unitBlock = 4 * plane;
   const int units = P.is2D ? f.dims[1] : f.dims[2];
   const int threads = std::max(1, std::min(threadsToUse(), units));
+  ScratchLayout layout(P, threads, scratch);
+  unitOut.resize((int)(unitBlock * units));
+  double* out = unitOut.data();
 
-  // The three-dimensional regularised pass recomputes the lines from the
-  // parameters, in the model's local coordinates as the caching pass did.
-  const bool bracket = regularized && !f.is2D && t->modelTransformed;
-  if (bracket)
-    t->applyModelTransformInv();
-  if (!qbDispatchVoxelType(f.primType, [&](auto tag) {
-        typedef decltype(tag) T;
-        const T* ref = (const T*)f.referenceVoxels;
-        if (regular) {
-          RegAnalyticVoxelSlope<T> grad;
-          grad.data = (const T*)f.modelVoxels;
-          for (int a = 0; a < 6; a++)
-            grad.box[a] = regular->modelBox[a];
-          for (int a = 0; a < 3; a++)
-            grad.dims[a] = regular->modelDims[a];
-          grad.scale[0] = regular->scaleX;
-          grad.scale[1] = regular->scaleY;
-          grad.scale[2] = regular->scaleZ;
-          runWithGrad(P, ref, f.metric, grad, regularized, threads, scratch, unitOut, unitBlock,
-                      slopeTable);
-        } else {
-          const ZrRegScalarField3* model = static_cast<const ZrRegScalarField3*>(f.models[0]);
-          RegAnalyticFieldSlope<T> grad;
-          grad.data = (const T*)model->lattice.dataPtr();
-          model->getBoundingBox(grad.box);
-          for (int a = 0; a < 3; a++) {
-            const int d = model->getDims()[a];
-            grad.dims[a] = d;
-            const double extent = (double)grad.box[2 * a + 1] - (double)grad.box[2 * a];
-            grad.inv[a] = (d > 1 && extent > 0.0) ? (double)(d - 1) / extent : 0.0;
-            grad.lastCell[a] = d > 1 ? d - 2 : 0;
-          }
-          grad.step[0] = grad.dims[0] > 1 ? 1 : 0;
-          grad.step[1] = grad.dims[1] > 1 ? grad.dims[0] : 0;
-          grad.step[2] = grad.dims[2] > 1 ? (int64_t)grad.dims[0] * grad.dims[1] : 0;
-          runWithGrad(P, ref, f.metric, grad, regularized, threads, scratch, unitOut, unitBlock,
-                      slopeTable);
-        }
-      }))
-    abort();
-  if (bracket)
-    t->applyModelTransform();
+  {
+    // Three-dimensional passes compute the positions from the parameters, in
+    // the model's local coordinates as the caching pass did.
+    const LocalFrame frame(f.splineTransform);
+    withModel(f, [&](const auto* ref, const auto& model) {
+      typedef std::remove_cv_t<std::remove_pointer_t<decltype(ref)>> T;
+      auto run = [&](const auto& slope) {
+        if (regularized)
+          runUnits<T, true>(P, ref, slope, model, threads, layout, out, unitBlock);
+        else
+          runUnits<T, false>(P, ref, slope, model, threads, layout, out, unitBlock);
+      };
+      switch (metricKindOf(f.metric)) {
+      case METRIC_HISTOGRAM: {
+        RegMutualInformation* mi = static_cast<RegMutualInformation*>(f.metric);
+        RegAnalyticHistogramSlope slope = histogramSlope(mi, slopeTable);
+        slope.refTable = refBinTable<T>(mi, P.refAsFloat, refBins, slope.refBase);
+        run(slope);
+        break;
+      }
+      case METRIC_SQUARED:
+        run(squaredSlope(static_cast<RegMeanSquaredDifference*>(f.metric)));
+        break;
+      case METRIC_CORRELATION:
+        run(correlationSlope(static_cast<RegCorrelationRatio*>(f.metric)));
+        break;
+      case METRIC_NONE:
+        abort();
+      }
+    });
+  }
 
   // The units' blocks, added per lattice plane (z layer, or y row in two
   // dimensions) in the order of the units, whatever thread made them.
@@ -324,7 +575,6 @@ void RegElasticAnalyticGradient::compute(RegElasticFunctional& f, QbDVector<doub
   double* g = sums.data();
   const int planes = P.is2D ? ncy : ncz;
   const RegSplineInterpolant* cells = P.is2D ? t->interpolantsY : t->interpolantsZ;
-  const double* outBase = unitOut.data();
 #pragma omp parallel for num_threads(threads) schedule(static)
   for (int k = 0; k < planes; k++) {
     double* dst = g + (size_t)k * plane;
@@ -334,7 +584,7 @@ void RegElasticAnalyticGradient::compute(RegElasticFunctional& f, QbDVector<doub
       const int c = cells[u].cell;
       if (k < c || k > c + 3)
         continue;
-      const double* src = outBase + unitBlock * (size_t)u + (size_t)(k - c) * plane;
+      const double* src = out + unitBlock * (size_t)u + (size_t)(k - c) * plane;
       for (size_t e = 0; e < plane; e++)
         dst[e] += src[e];
     }
@@ -346,7 +596,7 @@ void RegElasticAnalyticGradient::compute(RegElasticFunctional& f, QbDVector<doub
   // its z coordinates.
   const int local = f.is2D ? 2 : 3;
   for (int p = 0; p < numParams; p += 3) {
-    double l[3] = {g[p], g[p + 1], local == 3 ? g[p + 2] : 0.0};
+    const double l[3] = {g[p], g[p + 1], local == 3 ? g[p + 2] : 0.0};
     if (t->modelTransformed) {
       const SbMatrix& m = t->modelInverseMatrix;
       for (int a = 0; a < 3; a++) {

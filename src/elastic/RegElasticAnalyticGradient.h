@@ -19,8 +19,10 @@
 #include "QbDVector.h"
 
 #include <cstdint>
+#include <vector>
 
 class RegElasticFunctional;
+struct RegAnalyticRefBin;
 
 class RegElasticAnalyticGradient {
 public:
@@ -28,7 +30,7 @@ public:
   // does not depend on it.
   int numThreads = 0;
 
-  RegElasticAnalyticGradient() = default;
+  RegElasticAnalyticGradient();
   RegElasticAnalyticGradient(const RegElasticAnalyticGradient&) = delete;
   RegElasticAnalyticGradient& operator=(const RegElasticAnalyticGradient&) = delete;
   ~RegElasticAnalyticGradient();
@@ -36,6 +38,13 @@ public:
   // Whether f's metric, transform and model have an analytic gradient; if
   // not, `why` (when given) receives the reason.
   static bool isAvailable(const RegElasticFunctional& f, const char** why = nullptr);
+
+  // The objective of f, as evaluate() (cache false) or the caching pass
+  // (cache true: the samples, statistics and penalty sums that the gradient
+  // works from) give it. Three-dimensional lattices are walked in parallel,
+  // in blocks of slices whose sums are added in a fixed order; flat ones by
+  // the functional's own serial passes.
+  double value(RegElasticFunctional& f, bool cache);
 
   // The caching pass of f, the fixing of control points when it is pending,
   // and the gradient. Returns the value of the caching pass, or the invalid
@@ -53,6 +62,13 @@ private:
   QbDArray<double> unitOut;
   QbDArray<double> slopeTable;
   QbDArray<double> sums;
+  // Per block of a value pass: penalty sums, counts, the metric's sums, and
+  // the histogram of mutual information.
+  QbDArray<double> blockSums;
+  QbDArray<double> blockHist;
+  // The reference's histogram bins by voxel value (voxel types of 16 bits
+  // and less).
+  std::vector<RegAnalyticRefBin> refBins;
 
   int threadsToUse() const;
 };

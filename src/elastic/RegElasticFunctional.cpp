@@ -287,6 +287,8 @@ void RegElasticFunctional::init() {
   } while (0)
 
 double RegElasticFunctional::evaluate() {
+  if (analyticGradient && !is2D)
+    return analyticGradient->value(*this, false);
   metric->reset();
   if (regularizerMode >= 1 && regularizerMode <= 3)
     return evaluateWithRegularizer();

@@ -75,6 +75,8 @@ void RegElasticFunctionalRegular::resetEval() {
   } while (0)
 
 double RegElasticFunctionalRegular::evaluate() {
+  if (analyticGradient && !is2D)
+    return analyticGradient->value(*this, false);
   metric->reset();
   if (regularizerMode >= 1 && regularizerMode <= 3)
     return evaluateWithRegularizer();

@@ -34,6 +34,7 @@
 #include "RegMutualInformation.h"
 #include "RegSplineInterpolant.h"
 #include "RegVoxelCubicSplineTransform.h"
+#include "ZrVoxelValue.h"
 #include "reg_evaluateElastic.h"
 
 #include <cmath>
@@ -50,6 +51,29 @@ enum RegAnalyticGroup { REG_G00, REG_G10, REG_G01, REG_G20, REG_G02, REG_G11, RE
 const int reg_analyticGroupY[REG_GROUPS] = {0, 1, 0, 2, 0, 1};
 const int reg_analyticGroupZ[REG_GROUPS] = {0, 0, 1, 0, 2, 1};
 
+// The reference's bin and its two weights for each value of a voxel type of
+// at most 16 bits, made once per pass: the reference does not move, and
+// binning it per voxel would cost as much as the rest of the histogram.
+struct RegAnalyticRefBin {
+  int bin;
+  double w0, w1;
+};
+
+// The reference bin of a voxel: from the table where there is one (`base`
+// is the table's lowest value), else computed.
+template <class T>
+inline void reg_analyticRefBin(const RegAnalyticRefBin* table, int base, T raw, double r,
+                               double min, double scale, int n, int& i, double& a0, double& a1) {
+  if (table) {
+    const RegAnalyticRefBin& b = table[(int)raw - base];
+    i = b.bin;
+    a0 = b.w0;
+    a1 = b.w1;
+  } else {
+    RegMutualInformation::binOf(r, min, scale, n, i, a0, a1);
+  }
+}
+
 // Slope of mutual information and its normalised form with respect to one
 // model sample, through the soft bin weights. With h the histogram, a sample
 // of reference bin i (weights a0, a1) and model position t between bins j and
@@ -64,14 +88,16 @@ struct RegAnalyticHistogramSlope {
   double refMin = 0, refScale = 0, modelMin = 0, modelScale = 0;
   int nRef = 0, nMod = 0;
   double factor = 0;
-  inline double operator()(double r, double s) const {
+  const RegAnalyticRefBin* refTable = nullptr;
+  int refBase = 0;
+  template <class T> inline double operator()(T raw, double r, double s) const {
     double t = (s - modelMin) * modelScale;
     // Below the first and at or above the last bin the weights are constant.
     if (!(t >= 0.0 && t < (double)(nMod - 1)))
       return 0.0;
     int i;
     double a0, a1;
-    RegMutualInformation::binOf(r, refMin, refScale, nRef, i, a0, a1);
+    reg_analyticRefBin(refTable, refBase, raw, r, refMin, refScale, nRef, i, a0, a1);
     const int j = (int)t;
     const double* g = slope + (size_t)i * nMod + j;
     double d = a0 * g[0] + a1 * g[nMod];
@@ -84,7 +110,9 @@ struct RegAnalyticHistogramSlope {
 // Slope of minus the mean squared difference: 2 w (r - s) / n.
 struct RegAnalyticSquaredSlope {
   double factor = 0;
-  inline double operator()(double r, double s) const { return factor * (r - s); }
+  template <class T> inline double operator()(T, double r, double s) const {
+    return factor * (r - s);
+  }
 };
 
 // Slope of the absolute correlation w |c|, c = cov / sqrt(varR varM), for a
@@ -93,7 +121,7 @@ struct RegAnalyticSquaredSlope {
 struct RegAnalyticCorrelationSlope {
   double refLow = 0, refHigh = 0, modelLow = 0, modelHigh = 0;
   double refMean = 0, modelMean = 0, k1 = 0, k2 = 0;
-  inline double operator()(double r, double s) const {
+  template <class T> inline double operator()(T, double r, double s) const {
     if (!(r >= refLow && r <= refHigh && s >= modelLow && s <= modelHigh))
       return 0.0;
     return k1 * (r - refMean) - k2 * (s - modelMean);
@@ -115,19 +143,37 @@ inline void reg_trilinearSlope(const float* c, double fx, double fy, double fz, 
   d[2] = (e1 + (e3 - e1) * fy) - (e0 + (e2 - e0) * fy);
 }
 
-// Gradient of a uniform model's raw voxels as the metric's trilinear sampler
-// reads them: positions are clamped into the lattice, and along a clamped
-// axis the sample does not change. Returns false where the gradient is 0.
-template <class T> struct RegAnalyticVoxelSlope {
+// A uniform model's raw voxels as the metric's trilinear sampler reads them:
+// positions are clamped into the lattice, and along a clamped axis the sample
+// does not change. value() is the sampler's arithmetic, in single precision;
+// slope() the gradient with respect to the position, false where it is 0.
+template <class T> struct RegAnalyticVoxelModel {
   const T* data = nullptr;
   float box[6] = {0, 0, 0, 0, 0, 0};
   int dims[3] = {0, 0, 0};
   float scale[3] = {0, 0, 0};
-  inline bool operator()(const QbVec3f& point, double* g) const {
+
+  // Corner of the cell, offsets to the upper neighbours, fractions, and
+  // which axes are not clamped.
+  inline const T* cell(const QbVec3f& point, float* fr, int64_t* step, bool* moves) const {
     const float pt[3] = {point.x, point.y, point.z};
-    float fr[3];
+    const int64_t nx = dims[0], ny = dims[1], nz = dims[2];
+    // Inside the lattice, away from its upper faces, no axis is clamped.
+    const float p0 = (pt[0] - box[0]) * scale[0], p1 = (pt[1] - box[2]) * scale[1],
+                p2 = (pt[2] - box[4]) * scale[2];
+    if (p0 >= 0 && p1 >= 0 && p2 >= 0 && p0 < (float)(dims[0] - 1) && p1 < (float)(dims[1] - 1) &&
+        p2 < (float)(dims[2] - 1)) {
+      const int v0 = (int)p0, v1 = (int)p1, v2 = (int)p2;
+      fr[0] = p0 - (float)v0;
+      fr[1] = p1 - (float)v1;
+      fr[2] = p2 - (float)v2;
+      moves[0] = moves[1] = moves[2] = true;
+      step[0] = 1;
+      step[1] = nx;
+      step[2] = nx * ny;
+      return data + ((int64_t)v2 * ny + v1) * nx + v0;
+    }
     int vs[3];
-    bool moves[3];
     for (int a = 0; a < 3; a++) {
       float p = (pt[a] - box[2 * a]) * scale[a];
       int v = (int)p;
@@ -144,16 +190,45 @@ template <class T> struct RegAnalyticVoxelSlope {
       vs[a] = v;
       fr[a] = p - (float)v;
     }
+    step[0] = vs[0] + 1 < nx ? 1 : 0;
+    step[1] = vs[1] + 1 < ny ? nx : 0;
+    step[2] = vs[2] + 1 < nz ? nx * ny : 0;
+    return data + ((int64_t)vs[2] * ny + vs[1]) * nx + vs[0];
+  }
+  static inline void corners(const T* p, const int64_t* st, float* c) {
+    const int64_t sx = st[0], sy = st[1], sz = st[2];
+    c[0] = (float)p[0];
+    c[1] = (float)p[sx];
+    c[2] = (float)p[sy];
+    c[3] = (float)p[sy + sx];
+    c[4] = (float)p[sy + sz];
+    c[5] = (float)p[sy + sz + sx];
+    c[6] = (float)p[sz];
+    c[7] = (float)p[sz + sx];
+  }
+  inline float value(const QbVec3f& point) const {
+    float fr[3], c[8];
+    int64_t st[3];
+    bool moves[3];
+    corners(cell(point, fr, st, moves), st, c);
+    const float fx = fr[0], fy = fr[1], fz = fr[2];
+    const float e0 = c[0] + (c[1] - c[0]) * fx, e1 = c[6] + (c[7] - c[6]) * fx;
+    const float e2 = c[2] + (c[3] - c[2]) * fx, e3 = c[4] + (c[5] - c[4]) * fx;
+    const float e4 = e0 + (e2 - e0) * fy, e5 = e1 + (e3 - e1) * fy;
+    return e4 + (e5 - e4) * fz;
+  }
+  inline bool slope(const QbVec3f& point, double* g) const {
+    float fr[3], c[8];
+    int64_t st[3];
+    bool moves[3];
+    const T* p = cell(point, fr, st, moves);
     if (!(moves[0] || moves[1] || moves[2]))
       return false;
-    const int64_t nx = dims[0], ny = dims[1], nz = dims[2];
-    const int64_t off = ((int64_t)vs[2] * ny + vs[1]) * nx + vs[0];
-    const int64_t sx = vs[0] + 1 < nx ? 1 : 0;
-    const int64_t sy = vs[1] + 1 < ny ? nx : 0;
-    const int64_t sz = vs[2] + 1 < nz ? nx * ny : 0;
-    const T* p = data + off;
-    const float c[8] = {(float)p[0],       (float)p[sx],           (float)p[sy], (float)p[sy + sx],
-                        (float)p[sy + sz], (float)p[sy + sz + sx], (float)p[sz], (float)p[sz + sx]};
+    corners(p, st, c);
+    // A cell of one value (the background) has no slope.
+    if (c[0] == c[1] && c[0] == c[2] && c[0] == c[3] && c[0] == c[4] && c[0] == c[5] &&
+        c[0] == c[6] && c[0] == c[7])
+      return false;
     double d[3];
     reg_trilinearSlope(c, fr[0], fr[1], fr[2], d);
     for (int a = 0; a < 3; a++)
@@ -162,23 +237,25 @@ template <class T> struct RegAnalyticVoxelSlope {
   }
 };
 
-// Gradient of a uniform model as its field evaluator interpolates it: a
-// point outside the box of the nodes reads 0 and has no gradient; inside,
-// the cell and fractions follow the evaluator's location.
-template <class T> struct RegAnalyticFieldSlope {
+// A uniform model as its field evaluator interpolates it: a point outside
+// the box of the nodes reads 0 and has no gradient; inside, the cell and
+// fractions follow the evaluator's location, and the value its trilinear
+// kernel (combined in the type's accumulator type).
+template <class T> struct RegAnalyticFieldModel {
+  typedef typename ZrVoxelValue<T>::Acc Acc;
   const T* data = nullptr;
   float box[6] = {0, 0, 0, 0, 0, 0};
   int dims[3] = {0, 0, 0};
   double inv[3] = {0, 0, 0};
   int lastCell[3] = {0, 0, 0};
   int64_t step[3] = {0, 0, 0};
-  inline bool operator()(const QbVec3f& point, double* g) const {
+
+  inline const T* cell(const QbVec3f& point, float* fr) const {
     const float pt[3] = {point.x, point.y, point.z};
     if (!(pt[0] >= box[0] && pt[0] <= box[1] && pt[1] >= box[2] && pt[1] <= box[3] &&
           pt[2] >= box[4] && pt[2] <= box[5]))
-      return false;
-    int cell[3];
-    double fr[3];
+      return nullptr;
+    int c[3];
     for (int a = 0; a < 3; a++) {
       const double f = ((double)pt[a] - (double)box[2 * a]) * inv[a];
       int i = (int)f;
@@ -186,10 +263,31 @@ template <class T> struct RegAnalyticFieldSlope {
         i = lastCell[a];
       double u = f - (double)i;
       u = u > 1.0 ? 1.0 : (u < 0.0 ? 0.0 : u);
-      cell[a] = i;
-      fr[a] = u;
+      c[a] = i;
+      fr[a] = (float)u;
     }
-    const T* p = data + ((int64_t)cell[2] * dims[1] + cell[1]) * dims[0] + cell[0];
+    return data + ((int64_t)c[2] * dims[1] + c[1]) * dims[0] + c[0];
+  }
+  inline float value(const QbVec3f& point) const {
+    float fr[3];
+    const T* q = cell(point, fr);
+    if (!q)
+      return 0.0f;
+    const int64_t ox = step[0], oy = step[1], oz = step[2];
+    const Acc u = fr[0], v = fr[1], w = fr[2];
+    const Acc a00 = Acc(q[0]) + u * (Acc(q[ox]) - Acc(q[0]));
+    const Acc a10 = Acc(q[oy]) + u * (Acc(q[oy + ox]) - Acc(q[oy]));
+    const Acc a01 = Acc(q[oz]) + u * (Acc(q[oz + ox]) - Acc(q[oz]));
+    const Acc a11 = Acc(q[oz + oy]) + u * (Acc(q[oz + oy + ox]) - Acc(q[oz + oy]));
+    const Acc b0 = a00 + v * (a10 - a00);
+    const Acc b1 = a01 + v * (a11 - a01);
+    return float(b0 + w * (b1 - b0));
+  }
+  inline bool slope(const QbVec3f& point, double* g) const {
+    float fr[3];
+    const T* p = cell(point, fr);
+    if (!p)
+      return false;
     const int64_t sx = step[0], sy = step[1], sz = step[2];
     const float c[8] = {(float)p[0],       (float)p[sx],           (float)p[sy], (float)p[sy + sx],
                         (float)p[sy + sz], (float)p[sy + sz + sx], (float)p[sz], (float)p[sz + sx]};
@@ -198,6 +296,66 @@ template <class T> struct RegAnalyticFieldSlope {
     for (int a = 0; a < 3; a++)
       g[a] = d[a] * inv[a];
     return g[0] != 0.0 || g[1] != 0.0 || g[2] != 0.0;
+  }
+};
+
+// The statistics of one block of a value pass, added up as the metrics' own
+// increment() does. Mutual information: the soft-binned joint histogram.
+struct RegAnalyticHistogramSum {
+  double* hist = nullptr;
+  double refMin = 0, refScale = 0, modelMin = 0, modelScale = 0;
+  int nRef = 0, nMod = 0;
+  const RegAnalyticRefBin* refTable = nullptr;
+  int refBase = 0;
+  int64_t inside = 0, total = 0;
+  template <class T> inline void add(T raw, double r, double s) {
+    int i, j;
+    double a0, a1, b0, b1;
+    reg_analyticRefBin(refTable, refBase, raw, r, refMin, refScale, nRef, i, a0, a1);
+    const double t = (s - modelMin) * modelScale;
+    if (t >= 0.0 && t < (double)(nMod - 1)) {
+      // binOf's result where no clamp applies.
+      j = (int)t;
+      b1 = t - (double)j;
+      b0 = 1.0 - b1;
+    } else {
+      RegMutualInformation::binOf(s, modelMin, modelScale, nMod, j, b0, b1);
+    }
+    RegMutualInformation::addWeights(hist, nMod, i, j, a0, a1, b0, b1, 1.0);
+    inside++;
+    total++;
+  }
+};
+
+// Squared difference: minus the sum of squared differences.
+struct RegAnalyticSquaredSum {
+  double sum = 0;
+  int64_t inside = 0, total = 0;
+  template <class T> inline void add(T, double r, double s) {
+    const double d = r - s;
+    sum -= d * d;
+    inside++;
+    total++;
+  }
+};
+
+// Correlation: the sums of the values less the metric's offsets, of the
+// samples inside both windows.
+struct RegAnalyticCorrelationSum {
+  double refLow = 0, refHigh = 0, modelLow = 0, modelHigh = 0, refOffset = 0, modelOffset = 0;
+  double aa = 0, bb = 0, ab = 0, a = 0, b = 0;
+  int64_t inside = 0, total = 0;
+  template <class T> inline void add(T, double r, double s) {
+    total++;
+    if (!(r >= refLow && r <= refHigh && s >= modelLow && s <= modelHigh))
+      return;
+    const double x = r - refOffset, y = s - modelOffset;
+    aa += x * x;
+    bb += y * y;
+    ab += x * y;
+    a += x;
+    b += y;
+    inside++;
   }
 };
 
@@ -232,7 +390,13 @@ struct RegAnalyticScratch {
   double* columns = nullptr;
   // Three blocks (z order 0, 1, 2) of ncy * ncx * 3 row sums.
   double* rows = nullptr;
-  // One line of positions and derivatives (three-dimensional regularised).
+  // The slice's lattice reduced along z (ncy * ncx * 3; zplaneOf names the
+  // slice it holds, -1 none), and a line's columns reduced along y and z
+  // (ncx * 3).
+  double* zplane = nullptr;
+  int zplaneOf = -1;
+  double* phi = nullptr;
+  // One line of positions, and of derivatives (three-dimensional regularised).
   QbVec3f* line = nullptr;
   QbVec3d *dx = nullptr, *dy = nullptr, *dz = nullptr, *dxx = nullptr, *dyy = nullptr,
           *dzz = nullptr, *dxy = nullptr, *dxz = nullptr, *dyz = nullptr;
@@ -310,18 +474,97 @@ inline void reg_analyticPenaltyVoxel(const RegAnalyticPass& P, double* columns,
   }
 }
 
+// A work unit of a pass (a slice, or a row in two dimensions) is one call
+// into which everything of the voxel loop is inlined.
+#define REG_ANALYTIC_UNIT __attribute__((noinline, flatten))
+
+// Positions of the line (y, z) of a three-dimensional lattice into s.line,
+// with the derivatives that the penalties need. Without derivatives the
+// spline is summed here, separably: the slice's lattice reduced along z once
+// per slice, each line's columns along y, and each voxel along x, 4 x 3
+// products.
+template <bool Regularized>
+inline void reg_analyticLine(const RegAnalyticPass& P, int y, int z, RegAnalyticScratch& s) {
+  if (Regularized) {
+    int start[3] = {0, y, z};
+    P.transform->getTransformedGridSequence(s.line, P.wantE ? s.dxx : nullptr, s.dyy, s.dzz, s.dxy,
+                                            s.dxz, s.dyz, P.wantJ ? s.dx : nullptr, s.dy, s.dz,
+                                            P.dims[0], start);
+    return;
+  }
+  const RegVoxelCubicSplineTransform* t = P.transform;
+  const int ncx = P.ncx, len = 3 * ncx;
+  if (s.zplaneOf != z) {
+    const RegSplineInterpolant& Bz = P.gz[z];
+    const double* p = t->paramVector.data() + (size_t)Bz.cell * t->strideZ;
+    const size_t plane = (size_t)P.ncy * len;
+    for (size_t e = 0; e < plane; e++)
+      s.zplane[e] = Bz.weight[0] * p[e] + Bz.weight[1] * p[e + t->strideZ] +
+                    Bz.weight[2] * p[e + 2 * t->strideZ] + Bz.weight[3] * p[e + 3 * t->strideZ];
+    s.zplaneOf = z;
+  }
+  const RegSplineInterpolant& By = P.gy[y];
+  const double* r = s.zplane + (size_t)By.cell * len;
+  for (int e = 0; e < len; e++)
+    s.phi[e] = By.weight[0] * r[e] + By.weight[1] * r[e + len] + By.weight[2] * r[e + 2 * len] +
+               By.weight[3] * r[e + 3 * len];
+  const int nx = P.dims[0];
+  for (int x = 0; x < nx; x++) {
+    const RegSplineInterpolant& W = P.gx[x];
+    const double* q = s.phi + 3 * W.cell;
+    const double w0 = W.weight[0], w1 = W.weight[1], w2 = W.weight[2], w3 = W.weight[3];
+    s.line[x].x = (float)(w0 * q[0] + w1 * q[3] + w2 * q[6] + w3 * q[9]);
+    s.line[x].y = (float)(w0 * q[1] + w1 * q[4] + w2 * q[7] + w3 * q[10]);
+    s.line[x].z = (float)(w0 * q[2] + w1 * q[5] + w2 * q[8] + w3 * q[11]);
+  }
+}
+
+// The value pass of one slice of a three-dimensional lattice: every voxel's
+// sample into `stats` (and into `cache`, when given), and with Regularized
+// the penalty terms into E and J (negated sums). Returns false at a fold.
+template <class T, bool Regularized, class Model, class Stats>
+REG_ANALYTIC_UNIT bool reg_evaluateAnalyticValueSlice(const RegAnalyticPass& P, const T* ref,
+                                                      const Model& model, Stats& stats, int z,
+                                                      RegAnalyticScratch& s, float* cache,
+                                                      double& E, double& J) {
+  const int nx = P.dims[0], ny = P.dims[1];
+  const RegElasticPenalty& pen = P.penalty;
+  for (int y = 0; y < ny; y++) {
+    reg_analyticLine<Regularized>(P, y, z, s);
+    const size_t v0 = ((size_t)z * ny + y) * nx;
+    const T* r = ref + v0;
+    for (int x = 0; x < nx; x++) {
+      const float sample = model.value(s.line[x]);
+      if (cache)
+        cache[v0 + x] = sample;
+      stats.add(r[x], P.refAsFloat ? (double)(float)r[x] : (double)r[x], (double)sample);
+      if (!Regularized)
+        continue;
+      if (P.wantE)
+        E -= pen.energy(s.dxx[x], s.dyy[x], s.dzz[x], s.dxy[x], s.dxz[x], s.dyz[x]);
+      if (P.wantJ) {
+        const double d = pen.determinant(s.dx[x], s.dy[x], s.dz[x]);
+        if (d <= 0.0)
+          return false;
+        J -= pen.jacobian(d);
+      }
+    }
+  }
+  return true;
+}
+
 // The metric's vector of one voxel: dF/ds times the model's gradient at the
 // voxel's position. Returns false when it is 0.
-template <class T, class Slope, class Grad>
+template <class T, class Slope, class Model>
 inline bool reg_analyticMetricVoxel(const RegAnalyticPass& P, const T* ref, size_t v,
-                                    const QbVec3f& position, const Slope& slope, const Grad& grad,
+                                    const QbVec3f& position, const Slope& slope, const Model& model,
                                     double* columns, const RegSplineInterpolant& W) {
   const double r = P.refAsFloat ? (double)(float)ref[v] : (double)ref[v];
-  const double dFds = slope(r, (double)P.cachedSamples[v]);
+  const double dFds = slope(ref[v], r, (double)P.cachedSamples[v]);
   if (dFds == 0.0)
     return false;
   double g[3];
-  if (!grad(position, g))
+  if (!model.slope(position, g))
     return false;
   const double u[3] = {dFds * g[0], dFds * g[1], dFds * g[2]};
   reg_analyticAddColumns0(columns + 3 * W.cell, W, u);
@@ -332,25 +575,20 @@ inline bool reg_analyticMetricVoxel(const RegAnalyticPass& P, const T* ref, size
 // added nothing. Regularized: the penalties' vectors too, with the
 // derivatives from the images (two dimensions) or from the line recomputed
 // (three dimensions).
-template <class T, bool Regularized, class Slope, class Grad>
+template <class T, bool Regularized, class Slope, class Model>
 inline bool reg_evaluateAnalyticLine(const RegAnalyticPass& P, const T* ref, const Slope& slope,
-                                     const Grad& grad, int y, int z, RegAnalyticScratch& s) {
+                                     const Model& model, int y, int z, RegAnalyticScratch& s) {
   const int nx = P.dims[0], ny = P.dims[1];
   const int groups = Regularized ? REG_GROUPS : 1;
   std::memset(s.columns, 0, sizeof(double) * 3 * P.ncx * groups);
   const size_t v0 = ((size_t)z * ny + y) * nx;
-  const bool lines = Regularized && !P.is2D;
-  const QbVec3f* positions = lines ? s.line : P.grid + v0;
-  if (lines) {
-    int start[3] = {0, y, z};
-    P.transform->getTransformedGridSequence(s.line, P.wantE ? s.dxx : nullptr, s.dyy, s.dzz, s.dxy,
-                                            s.dxz, s.dyz, P.wantJ ? s.dx : nullptr, s.dy, s.dz, nx,
-                                            start);
-  }
+  const QbVec3f* positions = P.is2D ? P.grid + v0 : s.line;
+  if (!P.is2D)
+    reg_analyticLine<Regularized>(P, y, z, s);
   bool any = Regularized;
   for (int x = 0; x < nx; x++) {
     const RegSplineInterpolant& W = P.gx[x];
-    any |= reg_analyticMetricVoxel(P, ref, v0 + x, positions[x], slope, grad, s.columns, W);
+    any |= reg_analyticMetricVoxel(P, ref, v0 + x, positions[x], slope, model, s.columns, W);
     if (!Regularized)
       continue;
     if (P.is2D) {
@@ -389,14 +627,15 @@ inline void reg_analyticColumnsToRows(const RegAnalyticPass& P, const double* co
 // One work unit: slice z in three dimensions (out: four lattice layers from
 // the slice's z cell on, ncy * ncx * 3 each), row y in two (out: four
 // lattice rows from the row's y cell on, ncx * 3 each). out is overwritten.
-template <class T, bool Regularized, class Slope, class Grad>
-void reg_evaluateAnalyticUnit(const RegAnalyticPass& P, const T* ref, const Slope& slope,
-                              const Grad& grad, int unit, RegAnalyticScratch& s, double* out) {
+template <class T, bool Regularized, class Slope, class Model>
+REG_ANALYTIC_UNIT void reg_evaluateAnalyticUnit(const RegAnalyticPass& P, const T* ref,
+                                                const Slope& slope, const Model& model, int unit,
+                                                RegAnalyticScratch& s, double* out) {
   const int len = 3 * P.ncx;
   if (P.is2D) {
     // All groups of a flat lattice have z order 0.
     std::memset(out, 0, sizeof(double) * 4 * len);
-    if (reg_evaluateAnalyticLine<T, Regularized>(P, ref, slope, grad, unit, 0, s)) {
+    if (reg_evaluateAnalyticLine<T, Regularized>(P, ref, slope, model, unit, 0, s)) {
       const RegSplineInterpolant& By = P.gy[unit];
       reg_analyticColumnsToRows(P, s.columns, REG_G00, By, out, 0, 0);
       if (Regularized) {
@@ -411,7 +650,7 @@ void reg_evaluateAnalyticUnit(const RegAnalyticPass& P, const T* ref, const Slop
   const int kinds = Regularized ? 3 : 1;
   std::memset(s.rows, 0, sizeof(double) * rowBlock * kinds);
   for (int y = 0; y < ny; y++) {
-    if (!reg_evaluateAnalyticLine<T, Regularized>(P, ref, slope, grad, y, unit, s))
+    if (!reg_evaluateAnalyticLine<T, Regularized>(P, ref, slope, model, y, unit, s))
       continue;
     const RegSplineInterpolant& By = P.gy[y];
     for (int g = 0; g < (Regularized ? (int)REG_GROUPS : 1); g++)
