@@ -16,6 +16,7 @@
 #include "SoSensorManager.h"
 #include "ZrFieldEvaluator.h"
 #include "ZrLandmarkSet.h"
+#include "ZrLimitedMemoryOptimizer.h"
 #include "ZrMessage.h"
 #include "ZrObjectPool.h"
 #include "ZrOptimizer.h"
@@ -48,7 +49,8 @@ ZrElasticRegistration::ZrElasticRegistration()
       portControlPoints(this, "controlPoints", ZrLandmarkSet::getClassTypeId()),
       portInitialGridSize(this, "initialGridSize", 3), portRefineGrid(this, "refineGrid", 1),
       portRegularization(this, "regularization", 4),
-      portLandmarks(this, "landmarks", ZrLandmarkSet::getClassTypeId()) {
+      portLandmarks(this, "landmarks", ZrLandmarkSet::getClassTypeId()),
+      portGradient(this, "gradient", 1) {
   portAction.setLabel("Action:");
   portAction.setLabel(0, "Register");
   portAction.setLabel(1, "Apply transform");
@@ -94,6 +96,13 @@ ZrElasticRegistration::ZrElasticRegistration()
   // The landmark weight counts only with landmarks connected.
   portRegularization.setSensitivity(2, 0);
   portRegularization.setSensitivity(3, 0);
+
+  portGradient.setLabel("Gradient:");
+  portGradient.setNum(0, 2);
+  portGradient.setLabel(0, 0, "Finite differences");
+  portGradient.setLabel(0, 1, "Analytic");
+  portGradient.setIndex(0, 0);
+  portGradient.hide();
 
   portOptions.setNum(2);
   portOptions.setLabel(1, "Fix control points in low entropy regions");
@@ -246,12 +255,16 @@ RegFunctional* ZrElasticRegistration::createFunctional(FieldArray& referenceLeve
   }
 
   const bool fixLowEntropy = portOptions.getValue(1) != 0;
+  RegElasticFunctional* f = nullptr;
   // The correlation ratio has no sampler of the regular-grid path.
   if (uniform && index != 3)
-    return new RegElasticFunctionalRegular(referenceLevel, modelLevel, interpolator, transform,
-                                           metric, this, modelClass, landmarks, fixLowEntropy);
-  return new RegElasticFunctional(referenceLevel, modelLevel, interpolator, transform, metric, this,
-                                  modelClass, landmarks, fixLowEntropy);
+    f = new RegElasticFunctionalRegular(referenceLevel, modelLevel, interpolator, transform, metric,
+                                        this, modelClass, landmarks, fixLowEntropy);
+  else
+    f = new RegElasticFunctional(referenceLevel, modelLevel, interpolator, transform, metric, this,
+                                 modelClass, landmarks, fixLowEntropy);
+  f->gradientMethod = portGradient.getIndex(0);
+  return f;
 }
 
 // ---------------------------------------------------------------------------
@@ -324,6 +337,14 @@ void ZrElasticRegistration::enterResolution(int level, int numLevels, RegFunctio
     }
     f->landmarkWeight = landmarkWeight;
     f->init();
+    // An exact gradient is best used by the limited-memory quasi-Newton
+    // search, on every level: it takes about one evaluation per iteration
+    // where the others spend a line minimisation.
+    if (f->analyticGradient && !dynamic_cast<ZrLimitedMemoryOptimizer*>(optimizer)) {
+      delete optimizer;
+      optimizer = new ZrLimitedMemoryOptimizer(this, portNLevelsGradient.getValue(1));
+      optimizer->setFunctional(functional);
+    }
   }
 
   ZrWorkArea::getTheWorkArea()->setProgressInfo("Registering at resolution level %d out of %d",

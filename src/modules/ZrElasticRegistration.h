@@ -21,6 +21,7 @@
 #include "ZrPortFloatTextN.h"
 #include "ZrPortInfo.h"
 #include "ZrPortIntTextN.h"
+#include "ZrPortMultiMenu.h"
 #include "ZrVoxelRegistration.h"
 
 class QbInterfaceOwner;
@@ -51,6 +52,10 @@ public:
   ZrPortFloatTextN portRegularization;
   // Landmark pairs: set 0 in the model, set 1 in the reference.
   ZrConnection portLandmarks;
+  // "Gradient:": "Finite differences" (probes of each control point's box,
+  // the default) or "Analytic" (the exact derivative in one pass over the
+  // reference, for every metric but label difference). Hidden.
+  ZrPortMultiMenu portGradient;
 
   // --- Fields ------------------------------------------------------------------------
   // The live control points: the connected set, or the one createTransform()
