@@ -157,7 +157,7 @@ bool isRegularized(const RegElasticFunctional& f) {
 }
 
 // What the passes read of the functional and its transform.
-RegAnalyticPass passOf(RegElasticFunctional& f) {
+RegAnalyticPass passOf(RegElasticFunctional& f, int stride) {
   RegVoxelCubicSplineTransform* t = static_cast<RegVoxelCubicSplineTransform*>(f.splineTransform);
   RegElasticFunctionalRegular* regular = dynamic_cast<RegElasticFunctionalRegular*>(&f);
   const bool regularized = isRegularized(f);
@@ -185,6 +185,8 @@ RegAnalyticPass passOf(RegElasticFunctional& f) {
     P.jacobianFactor = -(double)f.jacobianWeight / (double)count;
   }
   P.refAsFloat = regular != nullptr;
+  if (!f.is2D)
+    P.stride = std::max(1, stride);
   return P;
 }
 
@@ -350,7 +352,7 @@ double RegElasticAnalyticGradient::value(RegElasticFunctional& f, bool cache) {
   }
   RegElasticFunctionalRegular* regular = dynamic_cast<RegElasticFunctionalRegular*>(&f);
   const bool regularized = isRegularized(f);
-  RegAnalyticPass P = passOf(f);
+  RegAnalyticPass P = passOf(f, sampleStride);
   const size_t N = (size_t)f.dims[0] * f.dims[1] * f.dims[2];
   const int nz = f.dims[2];
   if (cache && !f.cachedSamples)
@@ -392,10 +394,11 @@ double RegElasticAnalyticGradient::value(RegElasticFunctional& f, bool cache) {
             const int z0 = (int)((int64_t)b * nz / blocks),
                       z1 = (int)((int64_t)(b + 1) * nz / blocks);
             for (int z = z0; z < z1 && fine; z++)
-              fine = regularized ? reg_evaluateAnalyticValueSlice<T, true>(P, ref, model, stats, z,
-                                                                           s, samples, E, J)
-                                 : reg_evaluateAnalyticValueSlice<T, false>(P, ref, model, stats, z,
-                                                                            s, samples, E, J);
+              if (z % P.stride == 0)
+                fine = regularized ? reg_evaluateAnalyticValueSlice<T, true>(P, ref, model, stats,
+                                                                             z, s, samples, E, J)
+                                   : reg_evaluateAnalyticValueSlice<T, false>(P, ref, model, stats,
+                                                                              z, s, samples, E, J);
             double* out = sums + 10 * (size_t)b;
             out[0] = E;
             out[1] = J;
@@ -494,7 +497,8 @@ double RegElasticAnalyticGradient::value(RegElasticFunctional& f, bool cache) {
       f.jacobianSum = REG_INVALID_VALUE;
     return REG_INVALID_VALUE;
   }
-  const int64_t n = (int64_t)N;
+  auto taken = [&](int d) { return (int64_t)((d + P.stride - 1) / P.stride); };
+  const int64_t n = taken(f.dims[0]) * taken(f.dims[1]) * taken(nz);
   if (!cache)
     return reg_elasticObjective(&f, metric, E, f.energyWeight, J, f.jacobianWeight, (double)n);
   f.energySum = E;
@@ -527,7 +531,7 @@ void RegElasticAnalyticGradient::compute(RegElasticFunctional& f, QbDVector<doub
   const bool regularized = isRegularized(f);
   const int numParams = t->getParamVectorDim();
   const int ncx = t->gridSize[0], ncy = t->gridSize[1], ncz = t->gridSize[2];
-  RegAnalyticPass P = passOf(f);
+  RegAnalyticPass P = passOf(f, sampleStride);
 
   const size_t plane = P.is2D ? (size_t)3 * ncx : (size_t)3 * ncx * ncy;
   const size_t unitBlock = 4 * plane;

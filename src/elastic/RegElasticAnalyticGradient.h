@@ -29,6 +29,9 @@ public:
   // Threads of the voxel pass; 0 takes the host's thread count. The result
   // does not depend on it.
   int numThreads = 0;
+  // Three-dimensional lattices: the objective takes every sampleStride-th
+  // reference voxel along each axis.
+  int sampleStride = 1;
 
   RegElasticAnalyticGradient();
   RegElasticAnalyticGradient(const RegElasticAnalyticGradient&) = delete;

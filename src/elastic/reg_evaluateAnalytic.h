@@ -380,6 +380,9 @@ struct RegAnalyticPass {
   // The reference value reaches the metric in single precision (regular
   // class) or as it is (general class).
   bool refAsFloat = false;
+  // Three dimensions: the voxels taken, every stride-th along each axis
+  // from 0.
+  int stride = 1;
 
   explicit RegAnalyticPass(const RegElasticPenalty& penalty) : penalty(penalty) {}
 };
@@ -509,7 +512,7 @@ inline void reg_analyticLine(const RegAnalyticPass& P, int y, int z, RegAnalytic
     s.phi[e] = By.weight[0] * r[e] + By.weight[1] * r[e + len] + By.weight[2] * r[e + 2 * len] +
                By.weight[3] * r[e + 3 * len];
   const int nx = P.dims[0];
-  for (int x = 0; x < nx; x++) {
+  for (int x = 0; x < nx; x += P.stride) {
     const RegSplineInterpolant& W = P.gx[x];
     const double* q = s.phi + 3 * W.cell;
     const double w0 = W.weight[0], w1 = W.weight[1], w2 = W.weight[2], w3 = W.weight[3];
@@ -529,11 +532,11 @@ REG_ANALYTIC_UNIT bool reg_evaluateAnalyticValueSlice(const RegAnalyticPass& P, 
                                                       double& E, double& J) {
   const int nx = P.dims[0], ny = P.dims[1];
   const RegElasticPenalty& pen = P.penalty;
-  for (int y = 0; y < ny; y++) {
+  for (int y = 0; y < ny; y += P.stride) {
     reg_analyticLine<Regularized>(P, y, z, s);
     const size_t v0 = ((size_t)z * ny + y) * nx;
     const T* r = ref + v0;
-    for (int x = 0; x < nx; x++) {
+    for (int x = 0; x < nx; x += P.stride) {
       const float sample = model.value(s.line[x]);
       if (cache)
         cache[v0 + x] = sample;
@@ -586,7 +589,8 @@ inline bool reg_evaluateAnalyticLine(const RegAnalyticPass& P, const T* ref, con
   if (!P.is2D)
     reg_analyticLine<Regularized>(P, y, z, s);
   bool any = Regularized;
-  for (int x = 0; x < nx; x++) {
+  const int step = P.is2D ? 1 : P.stride;
+  for (int x = 0; x < nx; x += step) {
     const RegSplineInterpolant& W = P.gx[x];
     any |= reg_analyticMetricVoxel(P, ref, v0 + x, positions[x], slope, model, s.columns, W);
     if (!Regularized)
@@ -648,8 +652,12 @@ REG_ANALYTIC_UNIT void reg_evaluateAnalyticUnit(const RegAnalyticPass& P, const 
   const int ny = P.dims[1];
   const size_t rowBlock = (size_t)P.ncy * len;
   const int kinds = Regularized ? 3 : 1;
+  if (unit % P.stride != 0) {
+    std::memset(out, 0, sizeof(double) * 4 * rowBlock);
+    return;
+  }
   std::memset(s.rows, 0, sizeof(double) * rowBlock * kinds);
-  for (int y = 0; y < ny; y++) {
+  for (int y = 0; y < ny; y += P.stride) {
     if (!reg_evaluateAnalyticLine<T, Regularized>(P, ref, slope, model, y, unit, s))
       continue;
     const RegSplineInterpolant& By = P.gy[y];

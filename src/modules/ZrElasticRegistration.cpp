@@ -3,6 +3,7 @@
 #include "QbBox3f.h"
 #include "QbPrimType.h"
 #include "RegCorrelationRatio.h"
+#include "RegElasticAnalyticGradient.h"
 #include "RegElasticFunctional.h"
 #include "RegElasticFunctionalRegular.h"
 #include "RegFunctional.h"
@@ -276,6 +277,17 @@ int ZrElasticRegistration::initRegistration() {
     createTransform();
   if (!splineTransform || dimensionMode < 0)
     return 0;
+  // With the analytic gradient "Ignore finest resolution" keeps the finest
+  // level and registers it on every second reference voxel along each axis,
+  // against the model at full resolution: at the cost of the level before,
+  // it takes away the bias that sampling a half-resolution model leaves
+  // (mutual information drawn towards the model's 2-voxel lattice).
+  sparseFinest = false;
+  if (ignoreFinest && portGradient.getIndex(0) == 1 && portMetric.getIndex(0) != 4 &&
+      dimensionMode == 3) {
+    sparseFinest = true;
+    ignoreFinest = 0;
+  }
   // Flat data have penalties only on the regular-grid functional (a uniform
   // model and a metric other than the correlation ratio); a run that asks
   // for them elsewhere is refused with a message before anything is built.
@@ -340,10 +352,20 @@ void ZrElasticRegistration::enterResolution(int level, int numLevels, RegFunctio
     // An exact gradient is best used by the limited-memory quasi-Newton
     // search, on every level: it takes about one evaluation per iteration
     // where the others spend a line minimisation.
-    if (f->analyticGradient && !dynamic_cast<ZrLimitedMemoryOptimizer*>(optimizer)) {
-      delete optimizer;
-      optimizer = new ZrLimitedMemoryOptimizer(this, portNLevelsGradient.getValue(1));
-      optimizer->setFunctional(functional);
+    if (f->analyticGradient) {
+      const bool finest = level == numLevels - 1;
+      if (finest && sparseFinest && numLevels > 1 && !f->fixLowEntropy)
+        f->analyticGradient->sampleStride = 2;
+      ZrLimitedMemoryOptimizer* search = dynamic_cast<ZrLimitedMemoryOptimizer*>(optimizer);
+      if (!search) {
+        delete optimizer;
+        optimizer = search = new ZrLimitedMemoryOptimizer(this, 0.0);
+        optimizer->setFunctional(functional);
+      }
+      // The finest level makes the accuracy; the coarser ones need only
+      // bring the lattice near, and stop at the port's tolerance.
+      const double tolerance = portNLevelsGradient.getValue(1);
+      search->tolerance = finest ? tolerance / 30.0 : tolerance;
     }
   }
 

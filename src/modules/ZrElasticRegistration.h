@@ -79,6 +79,10 @@ public:
   short refinementsDone = 0;
   // The number of last refinement stages over which the grid energy fades in.
   short energyLevels = 2;
+  // This run registers the finest level on a sub-lattice of the reference
+  // instead of leaving it out (analytic gradient, "Ignore finest
+  // resolution").
+  bool sparseFinest = false;
 
   // --- Overrides -------------------------------------------------------------------
   void createTransform() override;

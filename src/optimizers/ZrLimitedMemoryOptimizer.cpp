@@ -97,20 +97,25 @@ int ZrLimitedMemoryOptimizer::optimize(double startStep, double endStep) {
     base = std::max(0.0f, (progressStep - 1) * slice);
   }
 
-  // The transform is shown after an iteration when a second has passed since
-  // it was last shown, and at the end: with iterations of a few tens of
-  // milliseconds, warping the model for the display after each would cost
-  // more than the search.
+  // The transform is shown after an iteration when both a second and ten
+  // times as long as the last showing took have passed, and at the end:
+  // showing warps the model, which can take longer than an iteration, and
+  // should not take more than a tenth of the search.
   typedef std::chrono::steady_clock Clock;
   Clock::time_point shown = Clock::now();
+  Clock::duration showing = Clock::duration::zero();
   bool pending = false;
   auto show = [&](bool always) {
     pending = true;
-    if (!always && Clock::now() - shown < std::chrono::seconds(1))
+    const Clock::duration since = Clock::now() - shown;
+    if (!always && (since < std::chrono::seconds(1) || since < 10 * showing))
       return false;
     pending = false;
+    const Clock::time_point start = Clock::now();
+    const bool stop = callback && callback->applyTransform(nullptr);
     shown = Clock::now();
-    return callback && callback->applyTransform(nullptr);
+    showing = shown - start;
+    return stop;
   };
 
   QbDVector<double> x(n), g(n), gt(n), d(n), kept(n);
