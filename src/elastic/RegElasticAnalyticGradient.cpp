@@ -342,10 +342,14 @@ void runUnits(const RegAnalyticPass& P, const T* ref, const Slope& slope, const 
 // the data and of the metric's statistics, never on the threads, so that the
 // sums are added in the same order whatever the thread count. Each block's
 // statistics cost their size to clear and to add up.
-int blockCount(const RegElasticFunctional& f, size_t statistics) {
-  const size_t n = (size_t)f.dims[0] * f.dims[1] * f.dims[2];
-  const size_t per = std::max((size_t)65536, 16 * statistics);
-  return (int)std::max((size_t)1, std::min({(size_t)f.dims[2], (size_t)64, n / per}));
+// A block takes at least 16384 voxels, and at least two thirds of its
+// statistics' size, so that clearing and adding up the statistics costs a
+// small part of the pass.
+int blockCount(const RegElasticFunctional& f, int stride, size_t statistics) {
+  auto taken = [stride](int d) { return (size_t)((d + stride - 1) / stride); };
+  const size_t n = taken(f.dims[0]) * taken(f.dims[1]) * taken(f.dims[2]);
+  const size_t per = std::max((size_t)16384, statistics * 3 / 2);
+  return (int)std::max((size_t)1, std::min({taken(f.dims[2]), (size_t)64, n / per}));
 }
 
 } // namespace
@@ -399,7 +403,7 @@ double RegElasticAnalyticGradient::value(RegElasticFunctional& f, bool cache) {
   RegMutualInformation* mi =
       kind == METRIC_HISTOGRAM ? static_cast<RegMutualInformation*>(metric) : nullptr;
   const size_t histSize = mi ? (size_t)mi->histogram.size() : 0;
-  const int blocks = blockCount(f, histSize);
+  const int blocks = blockCount(f, P.stride, histSize);
   const int threads = std::max(1, std::min(threadsToUse(), blocks));
   // Per block: penalty sums, fold, counts and the metric's sums (5 for the
   // correlation, 1 for squared difference, the histogram for mutual
@@ -427,14 +431,15 @@ double RegElasticAnalyticGradient::value(RegElasticFunctional& f, bool cache) {
             auto stats = makeStats(b);
             double E = 0.0, J = 0.0;
             bool fine = true;
-            const int z0 = (int)((int64_t)b * nz / blocks),
-                      z1 = (int)((int64_t)(b + 1) * nz / blocks);
-            for (int z = z0; z < z1 && fine; z++)
-              if (z % P.stride == 0)
-                fine = regularized ? reg_evaluateAnalyticValueSlice<T, true>(P, ref, model, stats,
-                                                                             z, s, samples, E, J)
-                                   : reg_evaluateAnalyticValueSlice<T, false>(P, ref, model, stats,
-                                                                              z, s, samples, E, J);
+            // The block's share of the slices taken.
+            const int taken = (nz + P.stride - 1) / P.stride;
+            const int z0 = P.stride * (int)((int64_t)b * taken / blocks),
+                      z1 = P.stride * (int)((int64_t)(b + 1) * taken / blocks);
+            for (int z = z0; z < z1 && z < nz && fine; z += P.stride)
+              fine = regularized ? reg_evaluateAnalyticValueSlice<T, true>(P, ref, model, stats, z,
+                                                                           s, samples, E, J)
+                                 : reg_evaluateAnalyticValueSlice<T, false>(P, ref, model, stats, z,
+                                                                            s, samples, E, J);
             double* out = sums + 10 * (size_t)b;
             out[0] = E;
             out[1] = J;
@@ -502,12 +507,18 @@ double RegElasticAnalyticGradient::value(RegElasticFunctional& f, bool cache) {
   metric->numInside = inside;
   metric->numTotal = total;
   if (mi) {
+    // In pieces over the threads; each entry adds its blocks in order.
     double* h = mi->histogram.data();
-    for (int b = 0; b < blocks; b++) {
-      const double* src = hists + histSize * (size_t)b;
-      for (size_t k = 0; k < histSize; k++)
-        h[k] += src[k];
-    }
+    const int all = threadsToUse();
+    const int pieces = std::max(1, std::min(all * 4, (int)(histSize / 4096) + 1));
+    forEachItem(all, pieces, [&](int, int piece) {
+      const size_t k0 = histSize * piece / pieces, k1 = histSize * (piece + 1) / pieces;
+      for (int b = 0; b < blocks; b++) {
+        const double* src = hists + histSize * (size_t)b;
+        for (size_t k = k0; k < k1; k++)
+          h[k] += src[k];
+      }
+    });
   } else if (corr) {
     for (int b = 0; b < blocks; b++) {
       const double* in = sums + 10 * (size_t)b + 5;
