@@ -328,6 +328,21 @@ int ZrElasticRegistration::initRegistration() {
   return 1;
 }
 
+// The largest voxel size of a level's reference, in world units: 0 if it
+// has no extent.
+static double levelVoxelSize(RegFunctional* functional) {
+  ZrRegScalarField3* r = functional ? scalarField(functional->references) : nullptr;
+  if (!r)
+    return 0.0;
+  float box[6];
+  r->getBoundingBox(box);
+  double voxel = 0.0;
+  for (int a = 0; a < 3; a++)
+    if (r->getDims()[a] > 1)
+      voxel = std::max(voxel, (double)(box[2 * a + 1] - box[2 * a]) / (r->getDims()[a] - 1));
+  return voxel;
+}
+
 void ZrElasticRegistration::enterResolution(int level, int numLevels, RegFunctional* functional) {
   RegElasticFunctional* f = dynamic_cast<RegElasticFunctional*>(functional);
   if (f) {
@@ -354,8 +369,14 @@ void ZrElasticRegistration::enterResolution(int level, int numLevels, RegFunctio
     // where the others spend a line minimisation.
     if (f->analyticGradient) {
       const bool finest = level == numLevels - 1;
-      if (finest && sparseFinest && numLevels > 1 && !f->fixLowEntropy)
-        f->analyticGradient->sampleStride = 2;
+      // The sub-lattice only where it leaves plenty of voxels per control
+      // point; a small image takes all of its voxels.
+      if (finest && sparseFinest && numLevels > 1 && !f->fixLowEntropy) {
+        auto taken = [&](int a) { return (int64_t)((f->dims[a] + 1) / 2); };
+        const int64_t points = splineTransform->getParamVectorDim() / 3;
+        if (taken(0) * taken(1) * taken(2) >= 64 * points)
+          f->analyticGradient->sampleStride = 2;
+      }
       ZrLimitedMemoryOptimizer* search = dynamic_cast<ZrLimitedMemoryOptimizer*>(optimizer);
       if (!search) {
         delete optimizer;
@@ -371,6 +392,10 @@ void ZrElasticRegistration::enterResolution(int level, int numLevels, RegFunctio
       // the same result.)
       const double tolerance = portNLevelsGradient.getValue(1);
       search->tolerance = finest ? tolerance / 30.0 : tolerance * 10.0;
+      // No control point moves by more than a voxel of the level in one
+      // iteration. On a 32^3 head phantom of 7 mm voxels an unbounded first
+      // move of 86 mm led to a lower optimum (error 9.8 mm against 3.8 mm).
+      search->maxMove = levelVoxelSize(functional);
     }
   }
 

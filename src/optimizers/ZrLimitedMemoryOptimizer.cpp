@@ -142,6 +142,12 @@ int ZrLimitedMemoryOptimizer::optimize(double startStep, double endStep) {
     }
     const bool fresh = moves.size() == 0;
     double alpha = fresh ? first / d.maxAbs() : 1.0;
+    // No parameter moves farther than maxMove in one iteration: far from
+    // the optimum the pairs' curvature can promise long moves that a
+    // rugged objective does not keep.
+    const double longest = maxMove > 0 ? maxMove : HUGE_VAL;
+    if (alpha * d.maxAbs() > longest)
+      alpha = longest / d.maxAbs();
 
     // Trials along d. A fresh direction has no scale yet: while a trial is
     // good and the slope still steep, the next one goes three times as far.
@@ -157,7 +163,7 @@ int ZrLimitedMemoryOptimizer::optimize(double startStep, double endStep) {
         return 1;
       }
       if (ft <= f + ARMIJO * alpha * gd) {
-        if (fresh && gt.dot(d) < WOLFE * gd && trial < 6) {
+        if (fresh && gt.dot(d) < WOLFE * gd && trial < 6 && 3.0 * alpha * d.maxAbs() <= longest) {
           haveKept = true;
           keptAlpha = alpha;
           keptF = ft;

@@ -26,6 +26,8 @@ public:
   // The longest move of any parameter on the first trial; 0 takes a tenth
   // of the smallest control-point spacing of a spline transform (1 else).
   double firstMove = 0.0;
+  // The longest move of any parameter in one iteration; 0 for no bound.
+  double maxMove = 0.0;
   // Evaluations (each with its gradient) and iterations of the last call.
   int evaluations = 0;
   int iterations = 0;
