@@ -123,6 +123,11 @@ double RegAffineFunctionalUniform::evaluateNoClip() {
         flags[a] = 2;
     }
 
+    const size_t voxels = (size_t)refDims.x * refDims.y * refDims.z;
+    unsigned int threads = numThreads;
+    if (minVoxelsPerThread > 1 && voxels / minVoxelsPerThread < threads)
+      threads = voxels / minVoxelsPerThread > 1 ? (unsigned int)(voxels / minVoxelsPerThread) : 1;
+
     // One dispatch on both voxel types per reference; the walk is compiled
     // for each of the 36 pairs.
     bool known = false;
@@ -132,7 +137,7 @@ double RegAffineFunctionalUniform::evaluateNoClip() {
         using ModelT = decltype(modelTag);
         reg_evaluateUniform<RefT, ModelT>(static_cast<const RefT*>(ref->lattice.dataPtr()),
                                           static_cast<const ModelT*>(modelData), refDims, coords, M,
-                                          flags, step, metric, clip, modelDims, numThreads);
+                                          flags, step, metric, clip, modelDims, threads);
       });
     });
     if (!known)

@@ -21,6 +21,11 @@ public:
   SbMatrixd gridMatrix;
   // Threads of the parallel walk; 0 counts as 1.
   unsigned int numThreads = 1;
+  // Reference voxels a thread gets at the least: a smaller lattice is walked
+  // by fewer threads. A parallel region costs more than it saves on a coarse
+  // level, and far more on a busy machine, where the team waits for each of
+  // its threads to get a core. Only the summation order depends on it.
+  unsigned int minVoxelsPerThread = 1u << 17;
   // The model's bounding box (xmin, xmax, ymin, ymax, zmin, zmax); the
   // metric's sampling state points here.
   float modelBox[6] = {0, 0, 0, 0, 0, 0};

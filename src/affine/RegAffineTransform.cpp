@@ -83,11 +83,15 @@ void RegAffineTransform::composeMatrix() {
   QbDVector<double>& p = paramVector;
 
   // Isotropic mode: entries 7 and 8 follow entry 6 in ratio, so an
-  // anisotropic start stays anisotropic while its scales move together.
+  // anisotropic start stays anisotropic while its scales move together. The
+  // scale of a planar run's flat axis stays (the z scale for mode 4).
   if (dof == 7 && lastScaleX > 0 && p[6] != lastScaleX) {
     const double ratio = p[6] / lastScaleX;
-    p[7] *= ratio;
-    p[8] *= ratio;
+    const int held = flatAxis == 4 ? 2 : flatAxis;
+    if (held != 1)
+      p[7] *= ratio;
+    if (held != 2)
+      p[8] *= ratio;
     lastScaleX = p[6];
   }
 

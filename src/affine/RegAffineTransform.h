@@ -34,6 +34,10 @@ public:
   // Value of entry 6 that the isotropic mode (dof 7) scales entries 7 and 8
   // against.
   double lastScaleX = 0.0;
+  // The axis of a planar run (0, 1, 2, or 4 for planar motion plus z
+  // translation), 3 for none. The isotropic mode leaves that axis's scale
+  // alone: a planar run must not change the row of its flat axis.
+  int flatAxis = 3;
   // The inverse mirror, owned; null until first requested.
   RegAffineTransform* inverse = nullptr;
 

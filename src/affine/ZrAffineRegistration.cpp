@@ -504,6 +504,10 @@ int ZrAffineRegistration::initRegistration() {
     }
   }
 
+  // The transform holds the flat axis of a planar run in every stage.
+  if (RegAffineTransform* affine = dynamic_cast<RegAffineTransform*>(transform))
+    affine->flatAxis = dimensionMode;
+
   if (!ZrVoxelRegistration::initRegistration())
     return 0;
 

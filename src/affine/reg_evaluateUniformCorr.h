@@ -9,11 +9,11 @@
 // Adds the samples of one reference lattice to `metric`. Each thread takes one
 // contiguous block of slices. A voxel counts in the statistic when the
 // reference value lies in the reference window and the interpolated model
-// value in the model window (both inclusive); a reference value outside its
-// window is not interpolated at all. The windows and running offsets are read
-// once; the sums and counts are merged in a guarded section at each thread's
-// end, so their summation order depends on the thread count and the order in
-// which the threads finish. The runtime's thread count is restored.
+// value in the model window (both inclusive; NaN lies in neither). The
+// windows and running offsets are read once; the sums and counts are merged
+// in a guarded section at each thread's end, so their summation order depends
+// on the thread count and the order in which the threads finish. The
+// runtime's thread count is restored.
 template <class RefT, class ModelT>
 void reg_evaluateUniformCorr(const RefT* ref, const ModelT* model, const QbVec3i& refDims,
                              const ZrCoord3* coords, const SbMatrixd& matrix, const QbVec3i& flags,
@@ -22,7 +22,6 @@ void reg_evaluateUniformCorr(const RefT* ref, const ModelT* model, const QbVec3i
   if (numThreads < 1)
     numThreads = 1;
   const int nz = refDims.z;
-  const int mx = modelDims[0], my = modelDims[1], mz = modelDims[2];
   const double refLow = metric->refLow, refHigh = metric->refHigh;
   const double modelLow = metric->modelLow, modelHigh = metric->modelHigh;
   const double refOffset = metric->refOffset, modelOffset = metric->modelOffset;
@@ -43,21 +42,21 @@ void reg_evaluateUniformCorr(const RefT* ref, const ModelT* model, const QbVec3i
     double sRefSq = 0.0, sModelSq = 0.0, sProduct = 0.0, sRef = 0.0, sModel = 0.0;
 #pragma omp for schedule(static, chunk)
     for (int k = 0; k < nz; k++) {
-      reg_evaluateUniformSlice(ref, refDims, coords, matrix, flags, step, clip, k, total,
-                               [&](double r, const SbVec3d& v) {
-                                 if (r < refLow || r > refHigh)
-                                   return;
-                                 const double value =
-                                     reg_evaluateUniformSample(model, v, mx, my, mz);
-                                 if (value < modelLow || value > modelHigh)
-                                   return;
-                                 const double a = r - refOffset, b = value - modelOffset;
-                                 sRefSq += a * a;
-                                 sModelSq += b * b;
-                                 sProduct += a * b;
-                                 sRef += a;
-                                 sModel += b;
-                                 inside++;
+      reg_evaluateUniformSlice(ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k,
+                               total, [&](const double* r, const double* value, int n) {
+                                 for (int m = 0; m < n; m++) {
+                                   // Within both limits, so that NaN is out.
+                                   if (!(r[m] >= refLow && r[m] <= refHigh &&
+                                         value[m] >= modelLow && value[m] <= modelHigh))
+                                     continue;
+                                   const double a = r[m] - refOffset, b = value[m] - modelOffset;
+                                   sRefSq += a * a;
+                                   sModelSq += b * b;
+                                   sProduct += a * b;
+                                   sRef += a;
+                                   sModel += b;
+                                   inside++;
+                                 }
                                });
     }
 #pragma omp critical(reg_evaluateUniformMerge)

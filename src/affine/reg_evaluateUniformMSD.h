@@ -19,7 +19,6 @@ void reg_evaluateUniformMSD(const RefT* ref, const ModelT* model, const QbVec3i&
   if (numThreads < 1)
     numThreads = 1;
   const int nz = refDims.z;
-  const int mx = modelDims[0], my = modelDims[1], mz = modelDims[2];
   int64_t sharedInside = 0, sharedTotal = 0;
   double sharedSum = 0.0;
 
@@ -31,12 +30,13 @@ void reg_evaluateUniformMSD(const RefT* ref, const ModelT* model, const QbVec3i&
     double sum = 0.0;
 #pragma omp for schedule(static, 1)
     for (int k = 0; k < nz; k++) {
-      reg_evaluateUniformSlice(ref, refDims, coords, matrix, flags, step, clip, k, total,
-                               [&](double r, const SbVec3d& v) {
-                                 const double diff =
-                                     reg_evaluateUniformSample(model, v, mx, my, mz) - r;
-                                 sum -= diff * diff;
-                                 inside++;
+      reg_evaluateUniformSlice(ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k,
+                               total, [&](const double* r, const double* value, int n) {
+                                 for (int m = 0; m < n; m++) {
+                                   const double diff = value[m] - r[m];
+                                   sum -= diff * diff;
+                                 }
+                                 inside += n;
                                });
     }
 #pragma omp critical(reg_evaluateUniformMerge)

@@ -2,8 +2,8 @@
 // The row walk shared by the uniform-grid evaluators: the interval of a row's
 // voxels that land inside the model, found with a few divisions per row
 // instead of a test per voxel, the trilinear sample of the model from its raw
-// voxels, and the walk over one reference slice that feeds each inside voxel
-// to a metric-specific step.
+// voxels, and the walk over one reference slice that feeds the inside voxels
+// to a metric-specific step in blocks.
 //
 // Positions are model voxel coordinates (voxel i at coordinate i) in double
 // precision. The model counts as reaching half a voxel beyond its outer voxel
@@ -12,6 +12,7 @@
 #include "SbMatrixd.h"
 #include "SbVec3d.h"
 #include "ZrCoord3.h"
+#include "reg_evaluateUniformSimd.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -63,15 +64,15 @@ inline bool reg_evaluateUniformRowInterval(const SbVec3d& v, const QbVec3i& flag
 inline double reg_evaluateUniformLerp(double a, double b, double t) { return (b - a) * t + a; }
 
 // Trilinear sample of `model` (x fastest, dimensions nx, ny, nz) at the voxel
-// coordinates v, which the row interval keeps within half a voxel of the
-// lattice. Negative coordinates clamp to 0; at the top the neighbour offset
-// falls to 0, so the border voxel is replicated without a test.
+// coordinates (x, y, z), which the row interval keeps within half a voxel of
+// the lattice. Negative coordinates clamp to 0; at the top the neighbour
+// offset falls to 0, so the border voxel is replicated without a test.
 template <class ModelT>
-inline double reg_evaluateUniformSample(const ModelT* model, const SbVec3d& v, int nx, int ny,
-                                        int nz) {
-  const double x = v.x > 0.0 ? v.x : 0.0;
-  const double y = v.y > 0.0 ? v.y : 0.0;
-  const double z = v.z > 0.0 ? v.z : 0.0;
+inline double reg_evaluateUniformSample(const ModelT* model, double x, double y, double z, int nx,
+                                        int ny, int nz) {
+  x = x > 0.0 ? x : 0.0;
+  y = y > 0.0 ? y : 0.0;
+  z = z > 0.0 ? z : 0.0;
   const int ix = (int)x, iy = (int)y, iz = (int)z;
   const double fx = x - ix, fy = y - iy, fz = z - iz;
   const size_t sx = ix + 1 < nx ? 1 : 0;
@@ -89,19 +90,29 @@ inline double reg_evaluateUniformSample(const ModelT* model, const SbVec3d& v, i
       e4, reg_evaluateUniformLerp(e1, reg_evaluateUniformLerp(c011, c111, fx), fy), fz);
 }
 
+// Voxels a row hands on at once. Reference values and samples of a block lie
+// in small arrays, so that the samples are independent of each other and the
+// metric step after them has only its own accumulators to wait for.
+constexpr int kUniformBlock = 64;
+
 // Walks slice k of the reference `ref` (dimensions refDims, x fastest). Each
-// row start is mapped through `matrix` into model voxel coordinates; the
-// positions along the row come from adding `step`. For every voxel of the
-// row's inside interval `sample(r, v)` runs with the reference value as a
-// double and the position; `total` rises by the row length whatever lies
-// inside. `sample` is inlined: the metric step costs no call.
-template <class RefT, class Sample>
-inline void reg_evaluateUniformSlice(const RefT* ref, const QbVec3i& refDims,
-                                     const ZrCoord3* coords, const SbMatrixd& matrix,
-                                     const QbVec3i& flags, const SbVec3d& step, const double* clip,
-                                     int k, int64_t& total, Sample&& sample) {
+// row start v is mapped through `matrix` into model voxel coordinates; voxel
+// i of the row lies at v + i * step. The inside voxels of a row go to
+// `consume(r, value, n)` in blocks of at most kUniformBlock: the reference
+// values and the model samples as doubles. `total` rises by the row length
+// whatever lies inside. `consume` is inlined: the metric step costs no call.
+template <class RefT, class ModelT, class Consume>
+inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const QbVec3i& refDims,
+                                     const int* modelDims, const ZrCoord3* coords,
+                                     const SbMatrixd& matrix, const QbVec3i& flags,
+                                     const SbVec3d& step, const double* clip, int k, int64_t& total,
+                                     Consume&& consume) {
   const int nx = refDims.x, ny = refDims.y;
+  const int mx = modelDims[0], my = modelDims[1], mz = modelDims[2];
   const RefT* r = ref + (size_t)k * nx * ny;
+  double refValue[kUniformBlock], value[kUniformBlock];
+  const bool simd = reg_evaluateUniformSimd();
+  (void)simd;
   for (int j = 0; j < ny; j++) {
     float p[3];
     coords->pos(0, j, k, p);
@@ -111,17 +122,28 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const QbVec3i& refDims,
     if (!reg_evaluateUniformRowInterval(v, flags, step, clip, nx, first, last)) {
       last = -1;
     } else {
-      // Repeated addition, as along the rest of the row, so that the interval
-      // and the positions agree to the last bit.
-      for (int n = 0; n < first; n++)
-        v += step;
       r += first;
       total += first;
-      for (int i = first; i <= last; i++) {
-        sample((double)*r, v);
-        total++;
-        v += step;
-        r++;
+      for (int i = first; i <= last;) {
+        const int n = last - i + 1 < kUniformBlock ? last - i + 1 : kUniformBlock;
+        for (int m = 0; m < n; m++)
+          refValue[m] = (double)r[m];
+        auto sample = [&](int m) {
+          const double t = (double)(i + m);
+          value[m] = reg_evaluateUniformSample(model, v.x + t * step.x, v.y + t * step.y,
+                                               v.z + t * step.z, mx, my, mz);
+        };
+#ifdef ZR_UNIFORM_AVX2
+        if (simd)
+          reg_evaluateUniformSampleBlockAvx2(model, mx, my, mz, v, step, i, n, value, sample);
+        else
+#endif
+          for (int m = 0; m < n; m++)
+            sample(m);
+        consume((const double*)refValue, (const double*)value, n);
+        r += n;
+        i += n;
+        total += n;
       }
     }
     // The rest of the row lies outside.

@@ -1,11 +1,26 @@
 #pragma once
 // zrreg affine: rigid or affine registration of a model image onto one to
 // three reference images, through the package's affine registration module.
+class ZrCompModule;
+
 class ZrAffineCommand {
 public:
+  // Degrees of freedom without --dof.
+  static constexpr int kDefaultDof = 9;
+  // The finest level is optimised for references of at most this many voxels.
+  static constexpr double kFinestLevelVoxels = 1 << 20;
+  // Limits of the histogram bins.
+  static constexpr int kMinBins = 16, kMaxBins = 128;
+
   // argv[0] is "affine". Returns the process exit status: 0 success, 1 bad
   // input or failure, 2 bad usage, 130 interrupted (the result reached so far
   // is written).
   static int run(int argc, char** argv);
   static void printHelp();
+  // The settings the command gives a connected and updated module before the
+  // user's --set: the stages up to `dof` and, from the inputs, the levels to
+  // optimise, the histogram bins and, for two label images, mutual
+  // information. `zrreg ports ZrAffineRegistration` shows the module with
+  // them.
+  static void applyDefaults(ZrCompModule* module, bool quiet, int dof = kDefaultDof);
 };

@@ -1,6 +1,7 @@
 #include "ZrCliSession.h"
 
 #include "QbTypeInfo.h"
+#include "SbMatrixd.h"
 #include "ZrCompModule.h"
 #include "ZrConnection.h"
 #include "ZrImageIO.h"
@@ -10,9 +11,11 @@
 #include "ZrPointSetIO.h"
 #include "ZrPort.h"
 #include "ZrRegScalarField3.h"
+#include "ZrRunContext.h"
 #include "ZrVertexSet.h"
 #include "ZrWorkArea.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 
@@ -114,10 +117,41 @@ ZrObject* ZrCliSession::loadImage(const std::string& name, const std::string& pa
   if (!f)
     return nullptr;
   if (!info.notice.empty())
-    std::fprintf(stderr, "zrreg: %s: %s\n", path.c_str(), info.notice.c_str());
+    ZrRunContext::notice(path + ": " + info.notice);
   f->setName(name.c_str());
   ZrObjectPool::getTheObjectPool()->addObject(f);
+  loaded.push_back({f->getName(), f, info.order});
   return f;
+}
+
+const ZrImageIO::FileOrder* ZrCliSession::fileOrder(const std::string& name) const {
+  // The latest load of a name wins; an object no longer in the pool has none.
+  for (auto it = loaded.rbegin(); it != loaded.rend(); ++it)
+    if (it->name == name)
+      return find(name) == it->object ? &it->order : nullptr;
+  return nullptr;
+}
+
+const ZrImageIO::FileOrder* ZrCliSession::fileOrderFor(const ZrRegScalarField3* f) const {
+  if (!f)
+    return nullptr;
+  for (auto it = loaded.rbegin(); it != loaded.rend(); ++it)
+    if (it->object == f && find(it->name) == f)
+      return &it->order;
+  float box[6], other[6];
+  f->getBoundingBox(box);
+  SbMatrixd m, n;
+  f->getTransform(m);
+  for (const Loaded& l : loaded) {
+    auto* g = dynamic_cast<const ZrRegScalarField3*>(find(l.name));
+    if (g != l.object || !g || !l.order.fits(f->getDims()))
+      continue;
+    g->getBoundingBox(other);
+    g->getTransform(n);
+    if (std::equal(box, box + 6, other) && m.equals(n, 1e-9))
+      return &l.order;
+  }
+  return nullptr;
 }
 
 bool ZrCliSession::save(const std::string& object, const std::string& path, std::string& error) {
@@ -128,9 +162,9 @@ bool ZrCliSession::save(const std::string& object, const std::string& path, std:
   }
   if (auto* f = dynamic_cast<ZrRegScalarField3*>(obj)) {
     std::string notice;
-    bool ok = ZrImageIO::write(f, path, error, &notice);
+    bool ok = ZrImageIO::write(f, path, error, &notice, fileOrderFor(f));
     if (ok && !notice.empty())
-      std::fprintf(stderr, "zrreg: %s\n", notice.c_str());
+      ZrRunContext::notice(notice);
     return ok;
   }
   if (auto* l = dynamic_cast<ZrLandmarkSet*>(obj))

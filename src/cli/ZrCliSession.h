@@ -18,11 +18,14 @@
 //   ports MODULE                   list the module's ports
 //   list                           list the objects in the pool
 //   echo TEXT                      print the text
+#include "ZrImageIO.h"
+
 #include <string>
 #include <vector>
 
 class ZrCompModule;
 class ZrObject;
+class ZrRegScalarField3;
 
 class ZrCliSession {
 public:
@@ -53,7 +56,16 @@ public:
   // Reads an image and adds it to the pool as name.
   ZrObject* loadImage(const std::string& name, const std::string& path, bool labels,
                       std::string& error);
+  // Writes an object to a file; an image in the voxel order that
+  // fileOrderFor gives it.
   bool save(const std::string& object, const std::string& path, std::string& error);
+  // The voxel order of the file that the image named name was loaded from,
+  // or null.
+  const ZrImageIO::FileOrder* fileOrder(const std::string& name) const;
+  // The order to write f in: that of its own file if it was loaded, else
+  // that of a loaded image on the same lattice (dimensions, box and
+  // transform), such as the reference a module resampled onto; else null.
+  const ZrImageIO::FileOrder* fileOrderFor(const ZrRegScalarField3* f) const;
   // Fires a module; compute false only updates. Returns false if the run was
   // interrupted (error says so).
   bool fire(ZrCompModule* module, bool compute, std::string& error);
@@ -62,4 +74,10 @@ public:
 
 private:
   std::vector<ZrObject*> owned;
+  struct Loaded {
+    std::string name;
+    const ZrObject* object;
+    ZrImageIO::FileOrder order;
+  };
+  std::vector<Loaded> loaded;
 };

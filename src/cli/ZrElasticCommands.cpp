@@ -11,6 +11,7 @@
 #include "ZrObjectPool.h"
 #include "ZrPointSetIO.h"
 #include "ZrPortButtonList.h"
+#include "ZrReferenceFrame.h"
 #include "ZrRegScalarField3.h"
 #include "ZrRegVectorField3.h"
 #include "ZrRunContext.h"
@@ -97,7 +98,7 @@ bool startContext(ZrRunContext& ctx, const Args& a) {
   auto t = a.values.find("--threads");
   if (t != a.values.end() && !(ZrRunContext::parseInt(t->second.c_str(), threads) && threads > 0))
     return false;
-  return ctx.start(a.values.count("--quiet") > 0, threads);
+  return ctx.start(a.values.count("--quiet") > 0 || a.values.count("-q") > 0, threads);
 }
 
 // A copy of f in another voxel type (values rounded and clamped), keeping the
@@ -146,14 +147,13 @@ bool press(ZrCliSession& s, ZrCompModule* m, const char* port, const char* label
   return s.fire(m, true, error);
 }
 
-// Displacement of every reference node in world coordinates, from the
-// module's "VectorField" result (node coordinate q, vector p - q, both in the
-// reference's local frame): d = q - p, turned into world coordinates.
-std::vector<float> displacementFrom(const ZrRegVectorField3* vf, const ZrRegScalarField3* ref) {
+// Displacement of every reference node, from the module's "VectorField"
+// result (node coordinate q, vector p - q, both in the reference's local
+// frame): d = q - p, turned into world coordinates by the reference's
+// transform m (the identity for the displacement in the reference's frame).
+std::vector<float> displacementFrom(const ZrRegVectorField3* vf, const SbMatrixd& m) {
   size_t n = vf->lattice.numNodes();
   const float* v = static_cast<const float*>(vf->lattice.dataPtr());
-  SbMatrixd m;
-  ref->getTransform(m);
   std::vector<float> d(3 * n);
   for (size_t i = 0; i < n; i++)
     for (int c = 0; c < 3; c++)
@@ -162,7 +162,8 @@ std::vector<float> displacementFrom(const ZrRegVectorField3* vf, const ZrRegScal
 }
 
 // Determinant of the Jacobian of x -> x + d(x) on the reference lattice, by
-// central differences (one-sided at the border), in world millimetres.
+// central differences (one-sided at the border); d in the reference's own
+// coordinates, so that derivatives and components share their axes.
 ZrUniformScalarField3* jacobianOf(const std::vector<float>& d, const ZrRegScalarField3* ref) {
   const int* dims = ref->getDims();
   float box[6];
@@ -232,6 +233,16 @@ void printElasticHelp() {
 
 } // namespace
 
+void ZrElasticCommands::applyDefaults(ZrCompModule* module, bool quiet) {
+  ZrRunContext::useFinestLevel(module, false, quiet);
+  // The analytic gradient is this command's default, chosen by measurement on
+  // real scans (README); --set gradient="Finite differences" restores the
+  // module's own.
+  std::string ignored;
+  if (ZrPort* gradient = module->getPort("gradient"))
+    gradient->setFromText("Analytic", ignored);
+}
+
 int ZrElasticCommands::runElastic(int argc, char** argv) {
   Args a = parse(argc, argv,
                  {"--reference", "--model", "--landmarks", "--control-points", "--output",
@@ -273,14 +284,18 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
   const bool labelInput = ZrRunContext::isLabelField(ref) || ZrRunContext::isLabelField(model);
   if (model->primType() != ref->primType()) {
     ZrRegScalarField3* converted = convertType(model, ref->primType());
-    std::fprintf(stderr, "zrreg: the model's voxels (%s) are converted to the reference's type\n",
-                 qbPrimTypeName(model->primType()));
+    ZrRunContext::notice(std::string("the model's voxels (") + qbPrimTypeName(model->primType()) +
+                         ") are converted to the reference's type");
     pool->removeObject(model);
     converted->setName("model");
     pool->addObject(converted);
     model = converted;
   }
 
+  // The run happens in the reference's frame (an oblique reference loses its
+  // rotation meanwhile); the frame is left once the module's work is done.
+  ZrReferenceFrame frame;
+  frame.enter(ref, model);
   ZrCompModule* m = s.createModule("ZrElasticRegistration", "ElasticRegistration", error);
   if (!m)
     return fail(error);
@@ -297,6 +312,7 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
                   "' must hold pairs: x y z of the model, then x y z "
                   "of the reference, per row");
     }
+    frame.toFrame(l);
     l->setName("landmarks");
     pool->addObject(l);
     if (!s.setPort(m, "landmarks", "landmarks", error))
@@ -306,10 +322,13 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     std::string path = get("--control-points");
     ZrLandmarkSet* cp = nullptr;
     std::string why;
-    if (std::unique_ptr<ZrRegVectorField3> grid{ZrVectorImageIO::read(path, why)})
+    // A saved grid is in the frame already; points in a CSV are in the world.
+    if (std::unique_ptr<ZrRegVectorField3> grid{ZrVectorImageIO::read(path, why)}) {
       cp = controlPointsFromGrid(grid.get());
-    else
+    } else {
       cp = ZrPointSetIO::readLandmarks(path, error);
+      frame.toFrame(cp);
+    }
     if (!cp)
       return fail(error);
     cp->setName("startControlPoints");
@@ -318,12 +337,7 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
       return fail(error);
   }
   s.fire(m, false, error);
-  ZrRunContext::useFinestLevel(m, false, a.values.count("--quiet") > 0);
-  // The analytic gradient is this command's default, chosen by measurement on
-  // real scans (README); --set gradient="Finite differences" restores the
-  // module's own.
-  if (!s.setPort(m, "gradient", "Analytic", error))
-    return fail(error);
+  applyDefaults(m, a.values.count("--quiet") > 0);
   for (const auto& kv : a.sets) {
     if (!s.setPort(m, kv.first, kv.second, error))
       return fail(error);
@@ -356,14 +370,26 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     } else if (!a.values.count("--quiet"))
       std::fprintf(stderr, "wrote %s\n", what.c_str());
   };
-  write(ZrImageIO::write(warped, get("--output"), error), get("--output"));
+  // Everything on the reference's lattice goes out in its file's voxel order.
+  const ZrImageIO::FileOrder* refOrder = s.fileOrder("reference");
+  if (frame.active())
+    warped->setTransform(frame.toWorld());
+  write(ZrImageIO::write(warped, get("--output"), error, nullptr, refOrder), get("--output"));
   if (!get("--control-grid").empty()) {
     ZrRegVectorField3* grid = nullptr;
     if (press(s, m, "result", "Save transform", error))
       grid = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
     if (!grid && error.empty())
       error = "the module made no control grid";
-    write(grid && ZrVectorImageIO::write(grid, get("--control-grid"), error),
+    // The control points keep the package's order, node for node, which is
+    // what reading them back expects; a 2-D run gives a 2-D file.
+    ZrImageIO::FileOrder gridOrder;
+    if (grid) {
+      gridOrder.dimension = refOrder ? refOrder->dimension : 3;
+      for (int a = 0; a < 3; a++)
+        gridOrder.dims[a] = grid->getDims()[a];
+    }
+    write(grid && ZrVectorImageIO::write(grid, get("--control-grid"), error, &gridOrder),
           get("--control-grid"));
   }
   if (!get("--displacement").empty() || !get("--jacobian").empty() ||
@@ -371,24 +397,28 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     ZrRegVectorField3* vf = nullptr;
     if (press(s, m, "result", "Vector field", error))
       vf = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
+    frame.leave();
     if (!vf || vf->lattice.numNodes() != ref->lattice.numNodes()) {
       write(false, "");
       std::fprintf(stderr, "zrreg: the module made no vector field on the reference grid\n");
     } else {
-      std::vector<float> d = displacementFrom(vf, ref);
+      std::vector<float> d = displacementFrom(vf, frame.toWorld());
       if (!get("--displacement").empty())
-        write(ZrVectorImageIO::writeOnLattice(ref, d.data(), get("--displacement"), error),
-              get("--displacement"));
+        write(
+            ZrVectorImageIO::writeOnLattice(ref, d.data(), get("--displacement"), error, refOrder),
+            get("--displacement"));
       if (!get("--vector-field").empty()) {
         std::vector<float> back(d.size());
         for (size_t i = 0; i < d.size(); i++)
           back[i] = -d[i];
-        write(ZrVectorImageIO::writeOnLattice(ref, back.data(), get("--vector-field"), error),
+        write(ZrVectorImageIO::writeOnLattice(ref, back.data(), get("--vector-field"), error,
+                                              refOrder),
               get("--vector-field"));
       }
-      std::unique_ptr<ZrUniformScalarField3> j(jacobianOf(d, ref));
+      std::unique_ptr<ZrUniformScalarField3> j(jacobianOf(displacementFrom(vf, SbMatrixd()), ref));
       if (!get("--jacobian").empty())
-        write(ZrImageIO::write(j.get(), get("--jacobian"), error), get("--jacobian"));
+        write(ZrImageIO::write(j.get(), get("--jacobian"), error, nullptr, refOrder),
+              get("--jacobian"));
       if (!get("--snapshot").empty()) {
         std::unique_ptr<ZrRegScalarField3> beforeOnRef(ZrFieldResampler::resample(model, ref));
         write(beforeOnRef && ZrSnapshot::write(ref, beforeOnRef.get(), warped, j.get(),
@@ -448,9 +478,16 @@ int ZrElasticCommands::runApplyGrid(int argc, char** argv) {
   m->portData.connect(model);
   if (!s.setPort(m, "controlPoints", "ControlGridVectors", error))
     return fail(error);
+  // With a reference, the grid is applied in the reference's frame, as the
+  // elastic run found it.
+  ZrReferenceFrame frame;
   if (!get("--reference").empty()) {
-    if (!s.loadImage("reference", get("--reference"), false, error) ||
-        !s.setPort(m, "reference", "reference", error))
+    auto* ref = dynamic_cast<ZrRegScalarField3*>(
+        s.loadImage("reference", get("--reference"), false, error));
+    if (!ref)
+      return fail(error);
+    frame.enter(ref, model);
+    if (!s.setPort(m, "reference", "reference", error))
       return fail(error);
   }
   if (!get("--resolution").empty() && !s.setPort(m, "resolution", get("--resolution"), error))
@@ -459,6 +496,7 @@ int ZrElasticCommands::runApplyGrid(int argc, char** argv) {
     ZrLandmarkSet* l = ZrPointSetIO::readLandmarks(get("--landmarks"), error);
     if (!l)
       return fail(error);
+    frame.toFrame(l);
     l->setName("landmarks");
     pool->addObject(l);
     if (!s.setPort(m, "landmarks", "landmarks", error))
@@ -473,7 +511,20 @@ int ZrElasticCommands::runApplyGrid(int argc, char** argv) {
   auto* out = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
   if (!out)
     return fail("the control grid could not be applied (does it belong to this model?)");
-  if (!ZrImageIO::write(out, get("--output"), error))
+  // On the reference: in its file's voxel order. On a grid of the given
+  // resolution: the field's order, in the model's dimension.
+  const ZrImageIO::FileOrder* order = s.fileOrder("reference");
+  ZrImageIO::FileOrder planar;
+  if (!order) {
+    const ZrImageIO::FileOrder* modelOrder = s.fileOrder("model");
+    planar.dimension = modelOrder ? modelOrder->dimension : 3;
+    for (int a = 0; a < 3; a++)
+      planar.dims[a] = out->getDims()[a];
+    order = &planar;
+  }
+  if (frame.active())
+    out->setTransform(frame.toWorld());
+  if (!ZrImageIO::write(out, get("--output"), error, nullptr, order))
     return fail(error);
   if (a.values.count("--validate") && !get("--landmarks").empty()) {
     if (!press(s, m, "result", "Validate", error))

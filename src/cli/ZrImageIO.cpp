@@ -3,6 +3,8 @@
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
 #include "ZrAtomicFile.h"
+#include "ZrFileLayout.h"
+#include "ZrNiftiRawValues.h"
 #include "ZrReaderGuard.h"
 #include "ZrUniformLabelField3.h"
 #include "ZrUniformScalarField3.h"
@@ -134,6 +136,70 @@ int convertForeign(IOComponent c, const void* src, size_t n, void*& out, std::st
   }
 }
 
+// Readers of picture formats, whose two-component files are grey and alpha.
+bool isPictureReader(itk::ImageIOBase* io) {
+  const std::string kind = io->GetNameOfClass();
+  return kind == "PNGImageIO" || kind == "TIFFImageIO" || kind == "BMPImageIO" ||
+         kind == "JPEGImageIO";
+}
+
+// Turns nc interleaved components per voxel (grey and alpha, RGB, RGBA) into
+// one, in place at the start of data: the grey value when every voxel is grey
+// (R = G = B), otherwise the luminance 0.299 R + 0.587 G + 0.114 B, rounded
+// for integer types. The alpha channel is dropped. Notes what was done.
+template <class T> void pictureToGrey(void* data, size_t n, int nc, std::string& notice) {
+  T* v = static_cast<T*>(data);
+  const bool rgb = nc >= 3;
+  bool grey = true, opaque = true;
+  const int alpha = nc == 2 ? 1 : nc == 4 ? 3 : -1;
+  const T full = std::numeric_limits<T>::is_integer ? std::numeric_limits<T>::max() : T(1);
+  for (size_t i = 0; i < n; i++) {
+    const T* p = v + i * nc;
+    if (rgb && (p[0] != p[1] || p[0] != p[2]))
+      grey = false;
+    if (alpha >= 0 && p[alpha] != full)
+      opaque = false;
+  }
+  for (size_t i = 0; i < n; i++) {
+    const T* p = v + i * nc;
+    if (grey) {
+      v[i] = p[0];
+    } else {
+      const double y = 0.299 * double(p[0]) + 0.587 * double(p[1]) + 0.114 * double(p[2]);
+      v[i] = std::numeric_limits<T>::is_integer ? T(std::floor(y + 0.5)) : T(y);
+    }
+  }
+  if (!grey)
+    notice = "colour voxels converted to their luminance (0.299 R + 0.587 G + 0.114 B)";
+  if (!opaque)
+    notice += std::string(notice.empty() ? "" : "; ") + "the alpha channel is ignored";
+}
+
+bool toGrey(IOComponent c, void* data, size_t n, int nc, std::string& notice) {
+  switch (c) {
+  case IOComponent::UCHAR:
+    pictureToGrey<uint8_t>(data, n, nc, notice);
+    return true;
+  case IOComponent::USHORT:
+    pictureToGrey<uint16_t>(data, n, nc, notice);
+    return true;
+  case IOComponent::SHORT:
+    pictureToGrey<int16_t>(data, n, nc, notice);
+    return true;
+  case IOComponent::INT:
+    pictureToGrey<int32_t>(data, n, nc, notice);
+    return true;
+  case IOComponent::FLOAT:
+    pictureToGrey<float>(data, n, nc, notice);
+    return true;
+  case IOComponent::DOUBLE:
+    pictureToGrey<double>(data, n, nc, notice);
+    return true;
+  default:
+    return false;
+  }
+}
+
 bool hasLabelIntent(const itk::MetaDataDictionary& dict) {
   std::string s;
   if (itk::ExposeMetaData<std::string>(dict, "intent_code", s)) {
@@ -200,10 +266,16 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
             " volumes); extract one 3-D volume first";
     return nullptr;
   }
-  if (io->GetNumberOfComponents() != 1) {
-    error = "'" + path + "' has " + std::to_string(io->GetNumberOfComponents()) +
-            " components per voxel (" + io->GetPixelTypeAsString(io->GetPixelType()) +
-            "); zrreg registers scalar images only";
+  // Pictures: a grey image stored as RGB or with a palette (which ITK expands
+  // to RGB) is read as the grey image it is, a colour one as its luminance;
+  // an alpha channel is dropped. Vector images stay refused.
+  const int components = int(io->GetNumberOfComponents());
+  const bool picture = io->GetPixelType() == itk::IOPixelEnum::RGB ||
+                       io->GetPixelType() == itk::IOPixelEnum::RGBA ||
+                       (components == 2 && isPictureReader(io));
+  if (components != 1 && !(picture && components >= 2 && components <= 4)) {
+    error = "'" + path + "' has " + std::to_string(components) + " components per voxel (" +
+            io->GetPixelTypeAsString(io->GetPixelType()) + "); zrreg registers scalar images only";
     return nullptr;
   }
   const unsigned nd3 = std::min(nd, 3u);
@@ -259,7 +331,8 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
   }
   size_t compSize = io->GetComponentSize();
   // Checked in floating point, where the product cannot wrap around.
-  if (compSize == 0 || double(dims[0]) * dims[1] * dims[2] * compSize > 0.25 * double(SIZE_MAX)) {
+  if (compSize == 0 ||
+      double(dims[0]) * dims[1] * dims[2] * compSize * components > 0.25 * double(SIZE_MAX)) {
     error = "'" + path + "' claims a size of " + std::to_string(dims[0]) + "x" +
             std::to_string(dims[1]) + "x" + std::to_string(dims[2]) + " voxels of " +
             std::to_string(compSize) + " bytes, which no memory can hold";
@@ -276,7 +349,7 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     double factor = endsWith(l, ".nii") || endsWith(l, ".vtk")      ? 1.0
                     : endsWith(l, ".nii.gz") || endsWith(l, ".mha") ? 1032.0
                                                                     : 0.0;
-    double claimed = double(numVoxels) * compSize;
+    double claimed = double(numVoxels) * compSize * components;
     // A single-file NIfTI has at least 352 bytes before its voxels.
     double header = endsWith(l, ".nii") ? 352.0 : 0.0;
     if (factor > 0 && stat(path.c_str(), &st) == 0 &&
@@ -289,7 +362,7 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     }
   }
   try {
-    buffer.reset(static_cast<char*>(qbmalloc(numVoxels * compSize)));
+    buffer.reset(static_cast<char*>(qbmalloc(numVoxels * compSize * components)));
     itk::ImageIORegion region(nd);
     for (unsigned a = 0; a < nd; a++) {
       region.SetIndex(a, 0);
@@ -308,6 +381,17 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     error = "not enough memory to read '" + path + "'";
     return nullptr;
   }
+  if (components > 1 && !toGrey(comp, buffer.get(), numVoxels, components, inf.notice)) {
+    error = "'" + path + "' has colour voxels of type " + inf.fileType + ", which zrreg cannot use";
+    return nullptr;
+  }
+  // ITK's NIfTI reader turns NaN and infinite floats into 0; the file's own
+  // values go back in, so that the checks before a run see them.
+  if (components == 1 && (comp == IOComponent::FLOAT || comp == IOComponent::DOUBLE) &&
+      std::string(io->GetNameOfClass()) == "NiftiImageIO" &&
+      ZrNiftiRawValues::restoreNonFinite(path, buffer.get(), numVoxels, 1, int(compSize), error) <
+          0)
+    return nullptr;
 
   int type = nativeType(comp);
   void* src = buffer.get();
@@ -427,6 +511,12 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     box[2 * a + 1] = float(localOrigin[a] + newSpacing[a] * (newDims[a] - 1));
   }
 
+  inf.order.dimension = nd == 2 ? 2 : 3;
+  for (int j = 0; j < 3; j++) {
+    inf.order.axisOf[j] = worldOf[j];
+    inf.order.flip[j] = signOf[j] < 0;
+    inf.order.dims[j] = newDims[j];
+  }
   inf.labelIntent = hasLabelIntent(io->GetMetaDataDictionary());
   bool labels = options.asLabels || inf.labelIntent;
   if (labels && !qbPrimTypeIsInteger(type)) {
@@ -459,7 +549,7 @@ bool ZrImageIO::canWrite(const std::string& path) {
 }
 
 bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, std::string& error,
-                      std::string* notice) {
+                      std::string* notice, const FileOrder* order) {
   if (field->coordType() != ZR_COORD_UNIFORM) {
     error = "only fields on a uniform lattice can be written as images";
     return false;
@@ -471,82 +561,51 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
             "' (use .nii.gz, .nrrd, .mha, ...; see 'zrreg formats')";
     return false;
   }
-  const int* dims = field->getDims();
   float box[6];
   field->getBoundingBox(box);
-  double voxel[3];
-  for (int a = 0; a < 3; a++) {
-    voxel[a] = dims[a] > 1 ? (double(box[2 * a + 1]) - box[2 * a]) / (dims[a] - 1) : 1.0;
-    if (!(voxel[a] > 0))
-      voxel[a] = 1.0;
-  }
-  // world = local * M (rows); as columns: world = A * local + t, A = M^T.
   SbMatrixd m;
   field->getTransform(m);
-  double A[3][3], t[3];
-  for (int r = 0; r < 3; r++) {
-    t[r] = m[3][r];
-    for (int c = 0; c < 3; c++)
-      A[r][c] = m[c][r];
-  }
-  double spacing[3], origin[3], dir[3][3];
-  for (int c = 0; c < 3; c++) {
-    double n = std::sqrt(A[0][c] * A[0][c] + A[1][c] * A[1][c] + A[2][c] * A[2][c]);
-    if (!(n > 0)) {
-      error = "the object's transform is singular and cannot be written into an image header";
-      return false;
-    }
-    spacing[c] = voxel[c] * n;
-    for (int r = 0; r < 3; r++)
-      dir[r][c] = A[r][c] / n;
-  }
-  for (int r = 0; r < 3; r++) {
-    origin[r] = t[r];
-    for (int c = 0; c < 3; c++)
-      origin[r] += A[r][c] * box[2 * c];
-  }
-  // Headers hold orthonormal directions; a shear is replaced by its nearest
-  // orthonormal frame (Gram-Schmidt in axis order) and the user told.
-  double shear = 0;
-  for (int a = 0; a < 3; a++)
-    for (int b = a + 1; b < 3; b++)
-      shear = std::max(
-          shear, std::fabs(dir[0][a] * dir[0][b] + dir[1][a] * dir[1][b] + dir[2][a] * dir[2][b]));
-  if (shear > 1e-5) {
-    for (int c = 1; c < 3; c++) {
-      for (int p = 0; p < c; p++) {
-        double dot = dir[0][c] * dir[0][p] + dir[1][c] * dir[1][p] + dir[2][c] * dir[2][p];
-        for (int r = 0; r < 3; r++)
-          dir[r][c] -= dot * dir[r][p];
-      }
-      double n = std::sqrt(dir[0][c] * dir[0][c] + dir[1][c] * dir[1][c] + dir[2][c] * dir[2][c]);
-      for (int r = 0; r < 3; r++)
-        dir[r][c] /= n;
-    }
-    if (notice)
-      *notice = "the transform of '" + path +
-                "' has a shear that an image header cannot hold; the header keeps its "
-                "nearest orthogonal part (write a resampled image for an exact result)";
-  }
+  ZrFileLayout layout;
+  std::string notes;
+  if (!layout.set(field->getDims(), box, m, order, error, &notes))
+    return false;
+  if (notice && !notes.empty())
+    *notice = "'" + path + "': " + notes;
 
-  io->SetNumberOfDimensions(3);
+  const unsigned nd = unsigned(layout.dimension);
+  io->SetNumberOfDimensions(nd);
   io->SetPixelType(itk::IOPixelEnum::SCALAR);
   io->SetNumberOfComponents(1);
   io->SetComponentType(itkComponent(field->primType()));
-  for (unsigned a = 0; a < 3; a++) {
-    io->SetDimensions(a, dims[a]);
-    io->SetSpacing(a, spacing[a]);
-    io->SetOrigin(a, origin[a]);
-    std::vector<double> d = {dir[0][a], dir[1][a], dir[2][a]};
+  itk::ImageIORegion region(nd);
+  for (unsigned a = 0; a < nd; a++) {
+    io->SetDimensions(a, layout.dims[a]);
+    io->SetSpacing(a, layout.spacing[a]);
+    io->SetOrigin(a, layout.origin[a]);
+    std::vector<double> d;
+    for (unsigned r = 0; r < nd; r++)
+      d.push_back(layout.direction[r][a]);
     io->SetDirection(a, d);
+    region.SetIndex(a, 0);
+    region.SetSize(a, layout.dims[a]);
   }
   io->SetUseCompression(true);
-  itk::ImageIORegion region(3);
-  for (unsigned a = 0; a < 3; a++) {
-    region.SetIndex(a, 0);
-    region.SetSize(a, dims[a]);
-  }
   io->SetIORegion(region);
+
+  // The voxels in the file's order; the field's own memory when that is it.
+  const size_t bytes = field->lattice.numNodes() * qbPrimTypeSize(field->primType());
+  std::unique_ptr<char[]> reordered;
+  const void* voxels = field->lattice.dataPtr();
+  if (!layout.keepsFieldOrder()) {
+    try {
+      reordered.reset(new char[std::max<size_t>(1, bytes)]);
+    } catch (const std::bad_alloc&) {
+      error = "not enough memory to write '" + path + "'";
+      return false;
+    }
+    layout.toFileOrder(voxels, reordered.get(), qbPrimTypeSize(field->primType()));
+    voxels = reordered.get();
+  }
 
   bool detached = ZrAtomicFile::isDetachedFormat(path);
   std::string target = detached ? path : ZrAtomicFile::temporaryName(path);
@@ -562,15 +621,14 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
   try {
     io->SetFileName(target);
     io->WriteImageInformation();
-    io->Write(field->lattice.dataPtr());
+    io->Write(voxels);
   } catch (const itk::ExceptionObject& e) {
     ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + e.GetDescription();
     return false;
   }
   std::string why;
-  if (!writtenIntact(target, field->lattice.dataPtr(),
-                     field->lattice.numNodes() * qbPrimTypeSize(field->primType()), why)) {
+  if (!writtenIntact(target, voxels, bytes, why)) {
     ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + why;
     return false;
@@ -583,6 +641,23 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
   return true;
 }
 
+bool ZrImageIO::checkFinite(const ZrRegScalarField3* field, const char* role, std::string& error) {
+  const size_t n = field->lattice.numNodes();
+  bool bad = false;
+  qbDispatchVoxelType(field->primType(), [&](auto tag) {
+    using T = decltype(tag);
+    if (std::numeric_limits<T>::is_integer)
+      return;
+    const T* v = static_cast<const T*>(field->lattice.dataPtr());
+    for (size_t i = 0; i < n && !bad; i++)
+      bad = !std::isfinite(double(v[i]));
+  });
+  if (bad)
+    error = std::string("the ") + role +
+            " image contains NaN or infinite voxels; replace them (for example by 0) first";
+  return !bad;
+}
+
 bool ZrImageIO::checkUsable(const ZrRegScalarField3* field, const char* role, std::string& error) {
   const int* dims = field->getDims();
   int flat = (dims[0] == 1) + (dims[1] == 1) + (dims[2] == 1);
@@ -590,29 +665,19 @@ bool ZrImageIO::checkUsable(const ZrRegScalarField3* field, const char* role, st
     error = std::string("the ") + role + " image has only one voxel along more than one axis";
     return false;
   }
+  if (!checkFinite(field, role, error))
+    return false;
   size_t n = field->lattice.numNodes();
-  bool bad = false, constant = true;
+  bool constant = true;
   double first = 0;
   qbDispatchVoxelType(field->primType(), [&](auto tag) {
     using T = decltype(tag);
     const T* v = static_cast<const T*>(field->lattice.dataPtr());
     if (n)
       first = double(v[0]);
-    for (size_t i = 0; i < n; i++) {
-      double x = double(v[i]);
-      if (!std::isfinite(x)) {
-        bad = true;
-        break;
-      }
-      if (x != first)
-        constant = false;
-    }
+    for (size_t i = 0; i < n && constant; i++)
+      constant = double(v[i]) == first;
   });
-  if (bad) {
-    error = std::string("the ") + role +
-            " image contains NaN or infinite voxels; replace them (for example by 0) first";
-    return false;
-  }
   if (constant) {
     error = std::string("the ") + role + " image is constant (every voxel is " +
             std::to_string(first) + "); there is nothing to register";
@@ -649,6 +714,15 @@ bool ZrImageIO::writtenIntact(const std::string& file, const void* data, size_t 
     }
     io->SetIORegion(region);
     io->Read(back.get());
+    // NaN and infinite floats come back from ITK's NIfTI reader as 0.
+    const auto comp = io->GetComponentType();
+    if ((comp == IOComponent::FLOAT || comp == IOComponent::DOUBLE) &&
+        std::string(io->GetNameOfClass()) == "NiftiImageIO") {
+      const size_t valueSize = io->GetComponentSize(), nc = io->GetNumberOfComponents();
+      std::string ignored;
+      ZrNiftiRawValues::restoreNonFinite(file, back.get(), bytes / (valueSize * nc), int(nc),
+                                         int(valueSize), ignored);
+    }
     if (std::memcmp(back.get(), data, bytes) != 0) {
       why = "the file written differs from the data (is the disk full?)";
       return false;

@@ -48,6 +48,11 @@ bool ZrRunContext::start(bool quiet, int threads) {
 
 bool ZrRunContext::interrupted() const { return ZrWorkArea::getTheWorkArea()->wasInterrupted(); }
 
+void ZrRunContext::notice(const std::string& text) {
+  if (!ZrMessage::getTheMsg()->isQuiet())
+    std::fprintf(stderr, "zrreg: %s\n", text.c_str());
+}
+
 bool ZrRunContext::parseInt(const char* text, int& value) {
   if (!text)
     return false;
@@ -80,8 +85,8 @@ void ZrRunContext::useFinestLevel(ZrCompModule* module, bool always, bool quiet)
   module->fire(0);
   module->untouchPorts(true);
   if (singleLevel && !quiet)
-    std::fprintf(stderr, "zrreg: the reference is small enough for a single resolution level; "
-                         "registering at full resolution with the direction search only\n");
+    notice("the reference is small enough for a single resolution level; registering at full "
+           "resolution with the direction search only");
 }
 
 bool ZrRunContext::checkPair(const ZrRegScalarField3* reference, const ZrRegScalarField3* model,

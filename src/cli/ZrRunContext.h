@@ -31,6 +31,11 @@ public:
   // applying --set, so that the user's settings win.
   static void useFinestLevel(ZrCompModule* module, bool always, bool quiet);
 
+  // Prints "zrreg: <text>" on stderr unless the run is quiet: remarks that
+  // are not errors (a conversion made, a setting changed). --quiet leaves
+  // errors only.
+  static void notice(const std::string& text);
+
   // Parses "--threads N" style values; false on a bad number.
   static bool parseInt(const char* text, int& value);
 

@@ -3,6 +3,7 @@
 #include "SbMatrixd.h"
 #include "ZrAtomicFile.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -85,6 +86,19 @@ bool ZrTransformFiles::writeItkAffine(const SbMatrixd& a, const std::string& pat
   return ZrAtomicFile::writeText(path, s, error);
 }
 
+bool ZrTransformFiles::writeItkAffine2D(const SbMatrixd& a, double planeZ, const std::string& path,
+                                        std::string& error) {
+  std::string s = "#Insight Transform File V1.0\n#Transform 0\n"
+                  "Transform: AffineTransform_double_2_2\nParameters:";
+  for (int r = 0; r < 2; r++)
+    for (int c = 0; c < 2; c++)
+      s += " " + number(a[r][c]);
+  for (int r = 0; r < 2; r++)
+    s += " " + number(a[r][3] + a[r][2] * planeZ);
+  s += "\nFixedParameters: 0 0\n";
+  return ZrAtomicFile::writeText(path, s, error);
+}
+
 bool ZrTransformFiles::readItkAffine(const std::string& path, SbMatrixd& a, std::string& error) {
   std::ifstream in(path);
   if (!in) {
@@ -94,7 +108,10 @@ bool ZrTransformFiles::readItkAffine(const std::string& path, SbMatrixd& a, std:
   std::string line;
   std::vector<double> p, fixed;
   bool affine = false;
+  int dim = 3;
   while (std::getline(in, line)) {
+    while (!line.empty() && std::isspace((unsigned char)line.back()))
+      line.pop_back();
     auto numbers = [&](const char* key, std::vector<double>& out) {
       if (line.compare(0, std::strlen(key), key) != 0)
         return;
@@ -103,25 +120,30 @@ bool ZrTransformFiles::readItkAffine(const std::string& path, SbMatrixd& a, std:
       while (ls >> x)
         out.push_back(x);
     };
-    if (line.find("Transform: AffineTransform_double_3_3") == 0 ||
-        line.find("Transform: MatrixOffsetTransformBase_double_3_3") == 0)
-      affine = true;
+    for (int d : {2, 3}) {
+      const std::string suffix = "_double_" + std::to_string(d) + "_" + std::to_string(d);
+      if (line == "Transform: AffineTransform" + suffix ||
+          line == "Transform: MatrixOffsetTransformBase" + suffix) {
+        affine = true;
+        dim = d;
+      }
+    }
     numbers("Parameters:", p);
     numbers("FixedParameters:", fixed);
   }
-  if (!affine || p.size() != 12) {
-    error = "'" + path + "' is not a 3-D affine ITK transform";
+  if (!affine || int(p.size()) != dim * dim + dim) {
+    error = "'" + path + "' is not a 2-D or 3-D affine ITK transform";
     return false;
   }
   double c[3] = {0, 0, 0};
-  for (int i = 0; i < 3 && i < int(fixed.size()); i++)
+  for (int i = 0; i < dim && i < int(fixed.size()); i++)
     c[i] = fixed[i];
   a.makeIdentity();
-  for (int r = 0; r < 3; r++) {
-    double off = p[9 + r] + c[r];
-    for (int k = 0; k < 3; k++) {
-      a[r][k] = p[3 * r + k];
-      off -= p[3 * r + k] * c[k];
+  for (int r = 0; r < dim; r++) {
+    double off = p[dim * dim + r] + c[r];
+    for (int k = 0; k < dim; k++) {
+      a[r][k] = p[dim * r + k];
+      off -= p[dim * r + k] * c[k];
     }
     a[r][3] = off;
   }

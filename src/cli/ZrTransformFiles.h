@@ -16,5 +16,11 @@ public:
   // An "AffineTransform_double_3_3" in ITK's text transform format: the
   // 3x3 part row by row, then the translation, with the centre at 0.
   static bool writeItkAffine(const SbMatrixd& a, const std::string& path, std::string& error);
+  // An "AffineTransform_double_2_2", the transform of 2-D images, which ITK
+  // places in the plane z = 0: the x and y rows of `a` for points of the
+  // plane z = planeZ, whose z term goes into the translation.
+  static bool writeItkAffine2D(const SbMatrixd& a, double planeZ, const std::string& path,
+                               std::string& error);
+  // Reads either form; a 2-D transform leaves z alone.
   static bool readItkAffine(const std::string& path, SbMatrixd& a, std::string& error);
 };

@@ -2,7 +2,9 @@
 
 #include "SbMatrixd.h"
 #include "ZrAtomicFile.h"
+#include "ZrFileLayout.h"
 #include "ZrImageIO.h"
+#include "ZrNiftiRawValues.h"
 #include "ZrReaderGuard.h"
 #include "ZrRegScalarField3.h"
 #include "ZrRegVectorField3.h"
@@ -35,47 +37,55 @@ struct Geometry {
 };
 
 bool writeImage(const Geometry& g, const float* worldVectors, const std::string& path,
-                std::string& error) {
+                const ZrImageIO::FileOrder* order, std::string& error) {
   itk::ImageIOBase::Pointer io =
       itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::WriteMode);
   if (!io) {
     error = "no image format is known for the name '" + path + "'";
     return false;
   }
-  double A[3][3], t[3];
-  for (int r = 0; r < 3; r++) {
-    t[r] = g.m[3][r];
-    for (int c = 0; c < 3; c++)
-      A[r][c] = g.m[c][r];
+  ZrFileLayout layout;
+  if (!layout.set(g.dims, g.box, g.m, order, error, nullptr))
+    return false;
+  const size_t n = size_t(g.dims[0]) * g.dims[1] * g.dims[2];
+  // A 2-D field whose vectors all lie in its plane is written with two
+  // components, as 2-D displacement fields are.
+  unsigned nd = unsigned(layout.dimension), nc = 3;
+  if (nd == 2) {
+    bool planar = true;
+    for (size_t i = 0; i < n && planar; i++)
+      planar = worldVectors[3 * i + 2] == 0.0f;
+    if (planar)
+      nc = 2;
   }
-  io->SetNumberOfDimensions(3);
-  io->SetPixelType(itk::IOPixelEnum::VECTOR);
-  io->SetNumberOfComponents(3);
-  io->SetComponentType(itk::IOComponentEnum::FLOAT);
-  for (unsigned a = 0; a < 3; a++) {
-    double voxel =
-        g.dims[a] > 1 ? (double(g.box[2 * a + 1]) - g.box[2 * a]) / (g.dims[a] - 1) : 1.0;
-    if (!(voxel > 0))
-      voxel = 1.0;
-    double n = std::sqrt(A[0][a] * A[0][a] + A[1][a] * A[1][a] + A[2][a] * A[2][a]);
-    if (!(n > 0)) {
-      error = "the field's transform is singular";
-      return false;
+  std::vector<float> vectors(nc * n);
+  if (nc == 3) {
+    layout.toFileOrder(worldVectors, vectors.data(), 3 * sizeof(float));
+  } else {
+    std::vector<float> ordered(3 * n);
+    layout.toFileOrder(worldVectors, ordered.data(), 3 * sizeof(float));
+    for (size_t i = 0; i < n; i++) {
+      vectors[2 * i] = ordered[3 * i];
+      vectors[2 * i + 1] = ordered[3 * i + 1];
     }
-    io->SetDimensions(a, g.dims[a]);
-    io->SetSpacing(a, voxel * n);
-    double origin = t[a];
-    for (int c = 0; c < 3; c++)
-      origin += A[a][c] * g.box[2 * c];
-    io->SetOrigin(a, origin);
-    io->SetDirection(a, std::vector<double>{A[0][a] / n, A[1][a] / n, A[2][a] / n});
+  }
+  io->SetNumberOfDimensions(nd);
+  io->SetPixelType(itk::IOPixelEnum::VECTOR);
+  io->SetNumberOfComponents(nc);
+  io->SetComponentType(itk::IOComponentEnum::FLOAT);
+  itk::ImageIORegion region(nd);
+  for (unsigned a = 0; a < nd; a++) {
+    io->SetDimensions(a, layout.dims[a]);
+    io->SetSpacing(a, layout.spacing[a]);
+    io->SetOrigin(a, layout.origin[a]);
+    std::vector<double> d;
+    for (unsigned r = 0; r < nd; r++)
+      d.push_back(layout.direction[r][a]);
+    io->SetDirection(a, d);
+    region.SetIndex(a, 0);
+    region.SetSize(a, layout.dims[a]);
   }
   io->SetUseCompression(true);
-  itk::ImageIORegion region(3);
-  for (unsigned a = 0; a < 3; a++) {
-    region.SetIndex(a, 0);
-    region.SetSize(a, g.dims[a]);
-  }
   io->SetIORegion(region);
   std::string tmp = ZrAtomicFile::temporaryName(path);
   bool detached = ZrAtomicFile::isDetachedFormat(path);
@@ -84,15 +94,14 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
   try {
     io->SetFileName(target);
     io->WriteImageInformation();
-    io->Write(worldVectors);
+    io->Write(vectors.data());
   } catch (const itk::ExceptionObject& e) {
     ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + e.GetDescription();
     return false;
   }
   std::string why;
-  const size_t bytes = size_t(g.dims[0]) * g.dims[1] * g.dims[2] * 3 * sizeof(float);
-  if (!ZrImageIO::writtenIntact(target, worldVectors, bytes, why)) {
+  if (!ZrImageIO::writtenIntact(target, vectors.data(), vectors.size() * sizeof(float), why)) {
     ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + why;
     return false;
@@ -103,7 +112,7 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
 } // namespace
 
 bool ZrVectorImageIO::write(const ZrRegVectorField3* field, const std::string& path,
-                            std::string& error) {
+                            std::string& error, const ZrImageIO::FileOrder* order) {
   if (field->coordType() != ZR_COORD_UNIFORM || field->nDataVar() != 3 || field->primType() != 3) {
     error = "only uniform three-component float fields can be written as vector images";
     return false;
@@ -120,11 +129,12 @@ bool ZrVectorImageIO::write(const ZrRegVectorField3* field, const std::string& p
     for (int c = 0; c < 3; c++)
       world[3 * i + c] =
           float(v[3 * i] * g.m[0][c] + v[3 * i + 1] * g.m[1][c] + v[3 * i + 2] * g.m[2][c]);
-  return writeImage(g, world.data(), path, error);
+  return writeImage(g, world.data(), path, order, error);
 }
 
 bool ZrVectorImageIO::writeOnLattice(const ZrRegScalarField3* lattice, const float* worldVectors,
-                                     const std::string& path, std::string& error) {
+                                     const std::string& path, std::string& error,
+                                     const ZrImageIO::FileOrder* order) {
   if (lattice->coordType() != ZR_COORD_UNIFORM) {
     error = "the reference is not on a uniform grid";
     return false;
@@ -134,7 +144,7 @@ bool ZrVectorImageIO::writeOnLattice(const ZrRegScalarField3* lattice, const flo
     g.dims[a] = lattice->getDims()[a];
   lattice->getBoundingBox(g.box);
   lattice->getTransform(g.m);
-  return writeImage(g, worldVectors, path, error);
+  return writeImage(g, worldVectors, path, order, error);
 }
 
 ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& error) {
@@ -145,11 +155,14 @@ ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& e
   int dims[3] = {1, 1, 1};
   double spacing[3] = {1, 1, 1}, origin[3] = {0, 0, 0},
          dir[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+  unsigned nc = 3;
   try {
     io->SetFileName(path);
     io->ReadImageInformation();
     unsigned nd = io->GetNumberOfDimensions();
-    if (nd < 2 || nd > 3 || io->GetNumberOfComponents() != 3) {
+    nc = io->GetNumberOfComponents();
+    // Three components, or two in a 2-D file (the vectors of its plane).
+    if (nd < 2 || nd > 3 || !(nc == 3 || (nc == 2 && nd == 2))) {
       error = "'" + path + "' is not a 2-D or 3-D image of three-component vectors";
       return nullptr;
     }
@@ -179,7 +192,7 @@ ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& e
     // A header can claim more vectors than its file holds: refuse a single
     // file too short for them (uncompressed NIfTI byte for byte, deflate at
     // most 1032 bytes from one) before taking the memory.
-    double claimed = double(dims[0]) * dims[1] * dims[2] * 3 * io->GetComponentSize();
+    double claimed = double(dims[0]) * dims[1] * dims[2] * nc * io->GetComponentSize();
     std::string l = path;
     for (char& c : l)
       c = char(std::tolower((unsigned char)c));
@@ -199,7 +212,7 @@ ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& e
     // Read as stored, then convert to float. Not zero-filled: memory is only
     // touched as the reader fills it.
     std::unique_ptr<char, void (*)(void*)> raw(
-        static_cast<char*>(qbmalloc(n * 3 * io->GetComponentSize())), qbfree);
+        static_cast<char*>(qbmalloc(n * nc * io->GetComponentSize())), qbfree);
     itk::ImageIORegion region(nd);
     for (unsigned a = 0; a < nd; a++) {
       region.SetIndex(a, 0);
@@ -207,13 +220,21 @@ ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& e
     }
     io->SetIORegion(region);
     io->Read(raw.get());
-    data.resize(3 * n);
     auto comp = io->GetComponentType();
-    for (size_t i = 0; i < 3 * n; i++) {
+    // ITK's NIfTI reader turns NaN and infinite floats into 0: put the
+    // file's own values back so that they are refused below.
+    if ((comp == itk::IOComponentEnum::FLOAT || comp == itk::IOComponentEnum::DOUBLE) &&
+        std::string(io->GetNameOfClass()) == "NiftiImageIO" &&
+        ZrNiftiRawValues::restoreNonFinite(path, raw.get(), n, int(nc), int(io->GetComponentSize()),
+                                           error) < 0)
+      return nullptr;
+    data.assign(3 * n, 0.0f);
+    for (size_t k = 0; k < nc * n; k++) {
+      const size_t i = 3 * (k / nc) + k % nc;
       if (comp == itk::IOComponentEnum::FLOAT)
-        data[i] = reinterpret_cast<const float*>(raw.get())[i];
+        data[i] = reinterpret_cast<const float*>(raw.get())[k];
       else if (comp == itk::IOComponentEnum::DOUBLE)
-        data[i] = float(reinterpret_cast<const double*>(raw.get())[i]);
+        data[i] = float(reinterpret_cast<const double*>(raw.get())[k]);
       else {
         error = "'" + path + "' does not hold float vectors";
         return nullptr;

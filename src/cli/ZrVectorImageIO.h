@@ -7,6 +7,8 @@
 // geometry; its vectors, held in the field's local coordinates, are turned
 // into world coordinates by the linear part of the transform. Reading undoes
 // both, so a field written and read back is the same field.
+#include "ZrImageIO.h"
+
 #include <string>
 
 class ZrRegVectorField3;
@@ -14,12 +16,19 @@ class ZrRegScalarField3;
 
 class ZrVectorImageIO {
 public:
-  static bool write(const ZrRegVectorField3* field, const std::string& path, std::string& error);
+  // A uniform field with its box and transform as the file's geometry; with
+  // an order that fits it, in that voxel order and dimension.
+  static bool write(const ZrRegVectorField3* field, const std::string& path, std::string& error,
+                    const ZrImageIO::FileOrder* order = nullptr);
   // A uniform, three-component float field (owned by the caller), or null.
+  // A 2-D file of two-component vectors reads with z components of 0.
   static ZrRegVectorField3* read(const std::string& path, std::string& error);
   // Writes vectors given per node of a uniform scalar field's lattice (x
   // fastest, three floats each, in world coordinates), with that field's
-  // geometry.
+  // geometry, in the voxel order and dimension of order when it fits (the
+  // order of the file the lattice came from). A 2-D file whose vectors all
+  // lie in its plane gets two components.
   static bool writeOnLattice(const ZrRegScalarField3* lattice, const float* worldVectors,
-                             const std::string& path, std::string& error);
+                             const std::string& path, std::string& error,
+                             const ZrImageIO::FileOrder* order = nullptr);
 };

@@ -2,6 +2,8 @@
 #include "QbMemoryException.h"
 #include "QbTypeInfo.h"
 #include "ZrAffineCommand.h"
+#include "ZrApplyCommand.h"
+#include "ZrBatchCommand.h"
 #include "ZrCompModule.h"
 #include "ZrDemo.h"
 #include "ZrElasticCommands.h"
@@ -17,6 +19,8 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -28,8 +32,10 @@ void printUsage(FILE* out) {
                     "  formats   list the image file formats zrreg can read and write\n"
                     "  affine    rigid/affine registration of a model onto reference images\n"
                     "  elastic   free-form (B-spline) registration\n"
+                    "  apply     move an image (labels, another contrast) by found transforms\n"
                     "  apply-grid     warp an image by a saved control grid\n"
                     "  deform-points  move points or a mesh by a saved vector field\n"
+                    "  batch     run many registrations from a table (CSV/TSV), or a shard of it\n"
                     "  ports     list the ports of a module class\n"
                     "  run       run a script of host commands\n"
                     "  phantom   write a synthetic head and a copy under a known transform\n"
@@ -79,21 +85,34 @@ bool isHelp(int argc, char** argv) {
 
 int cmdPorts(int argc, char** argv) {
   if (isHelp(argc, argv) || argc < 2) {
-    std::printf("usage: zrreg ports CLASS [--reference FILE] [--model FILE] [--labels]\n\n"
+    std::printf("usage: zrreg ports CLASS [--reference FILE] [--model FILE] [--labels]\n"
+                "                   [--set PORT=VALUE ...]\n\n"
                 "Lists every port of a module class with its title, entries, values, and\n"
                 "whether it is shown and sensitive, after the module has updated on the given\n"
-                "inputs. Scripts and --set address ports by these names.\n");
+                "inputs. Scripts and --set address ports by these names.\n\n"
+                "ZrAffineRegistration and ZrElasticRegistration are shown with the settings\n"
+                "'zrreg affine' and 'zrreg elastic' give them, so the values are those a run\n"
+                "of the command uses; --set applies settings on top, as the commands do.\n");
     return argc < 2 ? 2 : 0;
   }
   std::string reference, model;
   bool labels = false;
+  std::vector<std::pair<std::string, std::string>> sets;
   for (int i = 2; i < argc; i++) {
     std::string a = argv[i];
     if ((a == "--reference" || a == "--model") && i + 1 < argc)
       (a == "--reference" ? reference : model) = argv[++i];
     else if (a == "--labels")
       labels = true;
-    else {
+    else if (a == "--set" && i + 1 < argc) {
+      std::string kv = argv[++i];
+      size_t eq = kv.find('=');
+      if (eq == std::string::npos || eq == 0) {
+        std::fprintf(stderr, "zrreg ports: --set takes PORT=VALUE, got '%s'\n", kv.c_str());
+        return 2;
+      }
+      sets.emplace_back(kv.substr(0, eq), kv.substr(eq + 1));
+    } else {
       std::fprintf(stderr, "zrreg ports: unknown option '%s'\n", a.c_str());
       return 2;
     }
@@ -111,11 +130,23 @@ int cmdPorts(int argc, char** argv) {
   if (ok && !reference.empty())
     ok = s.loadImage("reference", reference, labels, error) &&
          s.setPort(m, "reference", "reference", error);
+  if (ok) {
+    s.fire(m, false, error);
+    // The same order as the commands: their own settings, then the user's.
+    const std::string cls = argv[1];
+    if (cls == "ZrAffineRegistration")
+      ZrAffineCommand::applyDefaults(m, true);
+    else if (cls == "ZrElasticRegistration")
+      ZrElasticCommands::applyDefaults(m, true);
+    for (size_t k = 0; ok && k < sets.size(); k++) {
+      ok = s.setPort(m, sets[k].first, sets[k].second, error);
+      s.fire(m, false, error);
+    }
+  }
   if (!ok) {
     std::fprintf(stderr, "zrreg: %s\n", error.c_str());
     return 1;
   }
-  s.fire(m, false, error);
   std::fputs(ZrCliSession::describePorts(m).c_str(), stdout);
   return 0;
 }
@@ -171,12 +202,16 @@ static int dispatch(int argc, char** argv) {
     return ZrAffineCommand::run(argc - 1, argv + 1);
   if (cmd == "elastic")
     return ZrElasticCommands::runElastic(argc - 1, argv + 1);
+  if (cmd == "apply")
+    return ZrApplyCommand::run(argc - 1, argv + 1);
   if (cmd == "apply-grid")
     return ZrElasticCommands::runApplyGrid(argc - 1, argv + 1);
   if (cmd == "deform-points")
     return ZrElasticCommands::runDeformPoints(argc - 1, argv + 1);
   if (cmd == "phantom")
     return ZrPhantomCommand::run(argc - 1, argv + 1);
+  if (cmd == "batch")
+    return ZrBatchCommand::run(argc - 1, argv + 1);
   if (cmd == "ports")
     return cmdPorts(argc - 1, argv + 1);
   if (cmd == "run")

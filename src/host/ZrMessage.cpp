@@ -36,12 +36,17 @@ std::string ZrMessage::format(const char* fmt, ...) {
 
 void ZrMessage::write(const std::string& text) {
   std::lock_guard<std::recursive_mutex> lock(mutex);
-  if (sink) {
+  if (sink)
     sink(text);
-  } else {
-    std::fwrite(text.data(), 1, text.size(), stderr);
-    std::fflush(stderr);
-  }
+  else
+    putLine(stderr, text);
+}
+
+void ZrMessage::putLine(FILE* out, const std::string& text) {
+  std::fwrite(text.data(), 1, text.size(), out);
+  if (!text.empty() && text.back() != '\n')
+    std::fputc('\n', out);
+  std::fflush(out);
 }
 
 int ZrMessage::vprintf(const char* fmt, va_list args) {

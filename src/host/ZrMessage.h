@@ -1,8 +1,12 @@
 #pragma once
-// The message stream of the host: what modules tell the user. By default the
-// text goes to standard error exactly as formatted; a host or a test can
-// install a sink that receives every message instead.
+// The message stream of the host: what modules tell the user. A sink, which a
+// host or a test can install, receives every message exactly as formatted.
+// Shown to the user (the default output, standard error, and the terminal
+// front end) each message is a line of its own: one that does not end its
+// line is ended there, so that reports printed in pieces without line ends
+// do not run together.
 #include <cstdarg>
+#include <cstdio>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -36,8 +40,11 @@ public:
   void setQuiet(bool q) { quiet = q; }
   bool isQuiet() const { return quiet; }
 
-  // Passes text to the sink as it is (not suppressed by quiet).
+  // Passes text to the sink as it is (not suppressed by quiet); without a
+  // sink, puts it on standard error as a line.
   void write(const std::string& text);
+  // Writes text to out and ends its line if the text does not; flushes.
+  static void putLine(FILE* out, const std::string& text);
 
   // printf-style formatting into a string.
   static std::string format(const char* format, ...) ZR_PRINTF_FORMAT(1, 2);

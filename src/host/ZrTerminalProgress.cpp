@@ -116,12 +116,11 @@ void ZrTerminalProgress::messageThrough(const std::string& text) {
   eraseBar();
   if (previousSink) {
     previousSink(text);
+    if (!text.empty())
+      midLine = text.back() != '\n';
   } else {
-    std::fwrite(text.data(), 1, text.size(), stderr);
-    std::fflush(stderr);
+    ZrMessage::putLine(stderr, text);
   }
-  if (!text.empty())
-    midLine = text.back() != '\n';
   // The bar comes back below the message; after a message that has not ended
   // its line it waits for the next redraw.
   if (!midLine && workArea && workArea->isWorking())

@@ -14,6 +14,7 @@
 #include "ZrMessage.h"
 #include "ZrUniformScalarField3.h"
 #include "reg_evaluateUniformRow.h"
+#include "reg_evaluateUniformSimd.h"
 
 #include <gtest/gtest.h>
 #include <omp.h>
@@ -105,9 +106,12 @@ struct Pair {
     transform->paramVector[1] = start[1] + y;
     transform->paramVector[2] = start[2] + z;
   }
+  // With every thread in the walk, however small the lattice.
   std::unique_ptr<RegAffineFunctionalUniform> uniform(RegMetric* metric, unsigned threads = 1) {
-    return std::make_unique<RegAffineFunctionalUniform>(
+    auto f = std::make_unique<RegAffineFunctionalUniform>(
         refs, models, RegInterpolatorStandard, transform.get(), metric, nullptr, 3, threads);
+    f->minVoxelsPerThread = 1;
+    return f;
   }
   std::unique_ptr<RegAffineFunctional> general(RegMetric* metric) {
     return std::make_unique<RegAffineFunctional>(refs, models, RegInterpolatorStandard,
@@ -281,6 +285,112 @@ TEST(RegAffineFunctionalUniform, KnownShiftAndCorrelation) {
   }
 }
 
+namespace {
+
+// Switches the AVX2 forms of the walk on or off for one scope.
+class SimdSetting {
+public:
+  explicit SimdSetting(bool on) : saved(reg_evaluateUniformSimd()) {
+    reg_evaluateUniformSimd() = on;
+  }
+  ~SimdSetting() { reg_evaluateUniformSimd() = saved; }
+
+private:
+  bool saved;
+};
+
+} // namespace
+
+TEST(RegAffineFunctionalUniform, HalfVoxelShiftsGiveTheKnownHistogram) {
+  // A reference on the model's grid, the model moved by half a voxel along
+  // every axis: each sample is the mean of 8 whole grey values, exact in
+  // double precision, so the joint histogram must be the one that
+  // increment() builds from the reference values and those means. The walk
+  // adds each bin's weight in up to four partial sums, so entries and value
+  // agree to rounding; 1e-12 is far below what a misplaced weight costs.
+  const Fn whole = [](double x, double y, double z) { return std::round(pattern(x, y, z)); };
+  const Fn other = [](double x, double y, double z) {
+    return std::round(120 + 70 * std::cos(0.3 * x - 0.25 * y + 0.2 * z));
+  };
+  const int refDims[3] = {12, 10, 9};
+  const float refBox[6] = {3, 14, 4, 13, 2, 10};
+  const int pairs[][2] = {
+      {QB_UINT8, QB_UINT8}, {QB_INT16, QB_FLOAT}, {QB_FLOAT, QB_UINT16}, {QB_DOUBLE, QB_INT32}};
+  for (auto& pair : pairs)
+    for (bool simd : {false, true}) {
+      SimdSetting setting(simd);
+      Pair s(makeField(pair[0], refDims, refBox, other),
+             makeField(pair[1], kModelDims, kModelBox, whole));
+      s.setTranslation(-0.5, -0.5, -0.5);
+      auto* metric = static_cast<RegMutualInformation*>(s.newMetric(NMI));
+      auto f = s.uniform(metric, 2);
+      const double value = f->evaluate();
+      ASSERT_EQ(metric->numInside, 12 * 10 * 9);
+
+      std::unique_ptr<RegMutualInformation> expected(
+          static_cast<RegMutualInformation*>(s.newMetric(NMI)));
+      const ZrUniformScalarField3& m = *s.model;
+      auto at = [&](int i, int j, int k) {
+        return m.lattice.getValueAsDouble((size_t(k) * kModelDims[1] + j) * kModelDims[0] + i);
+      };
+      for (int k = 0; k < refDims[2]; k++)
+        for (int j = 0; j < refDims[1]; j++)
+          for (int i = 0; i < refDims[0]; i++) {
+            // Reference voxel (i, j, k) lies at model voxel (3 + i, 4 + j, 2 + k) + 0.5.
+            double mean = 0;
+            for (int c = 0; c < 8; c++)
+              mean += at(3 + i + (c & 1), 4 + j + (c >> 1 & 1), 2 + k + (c >> 2 & 1));
+            expected->increment(s.reference->lattice.getValueAsDouble(
+                                    (size_t(k) * refDims[1] + j) * refDims[0] + i),
+                                mean / 8);
+          }
+      const std::string what = std::string(qbPrimTypeName(pair[0])) + "/" +
+                               qbPrimTypeName(pair[1]) + (simd ? " simd" : " scalar");
+      ASSERT_EQ(metric->histogram.size(), expected->histogram.size());
+      for (int e = 0; e < metric->histogram.size(); e++)
+        ASSERT_NEAR(metric->histogram[e], expected->histogram[e], 1e-12 * 12 * 10 * 9)
+            << what << " entry " << e;
+      EXPECT_NEAR(value, expected->getResult(), 1e-12) << what;
+    }
+}
+
+TEST(RegAffineFunctionalUniform, VectorAndScalarFormsAgreeToTheBit) {
+  // The AVX2 forms repeat the scalar arithmetic operation for operation, for
+  // every voxel type pair; the model's far corner lies inside the reference,
+  // so the groups whose reads would pass the model's last voxel fall back to
+  // the scalar form as well.
+  if (!reg_evaluateUniformSimd())
+    GTEST_SKIP() << "no AVX2 on this processor";
+  const int dims[3] = {11, 7, 6};
+  const float box[6] = {0, 10, 0, 6, 0, 5};
+  const int refDims[3] = {17, 9, 8};
+  const float refBox[6] = {-2.3f, 12.1f, -0.7f, 6.9f, -0.4f, 6.2f};
+  // Signed types get negative values too, so that sign extension counts.
+  auto values = [](int type) -> Fn {
+    if (type == QB_UINT8 || type == QB_UINT16)
+      return pattern;
+    return [](double x, double y, double z) { return 1.7 * pattern(x, y, z) - 190; };
+  };
+  for (int rt : kTypes)
+    for (int mt : kTypes) {
+      Pair s(makeField(rt, refDims, refBox, values(rt)), makeField(mt, dims, box, values(mt)));
+      s.setSmallAffine();
+      for (MetricKind kind : {MSD, NMI, CORR}) {
+        double value[2];
+        int64_t inside[2];
+        for (bool simd : {false, true}) {
+          SimdSetting setting(simd);
+          auto f = s.uniform(s.newMetric(kind), 1);
+          value[simd] = f->evaluate();
+          inside[simd] = f->metric->numInside;
+        }
+        EXPECT_EQ(value[0], value[1]) << kMetricName[kind] << " " << rt << " " << mt;
+        EXPECT_EQ(inside[0], inside[1]);
+        EXPECT_GT(inside[0], 100);
+      }
+    }
+}
+
 TEST(RegAffineFunctionalUniform, HalfVoxelMarginAtTheEdge) {
   // Reference and model on the same grid, the model moved along x by just
   // under or just over half a voxel. Within the margin every reference voxel
@@ -431,4 +541,28 @@ TEST(RegAffineFunctionalUniform, LabelDifferenceIsTakenForSquaredDifference) {
   EXPECT_EQ(f->evaluate(), -4.0);
   auto g = s.general(s.newMetric(LABEL));
   EXPECT_EQ(g->evaluate(), -1.0);
+}
+
+TEST(RegAffineFunctionalUniform, NotANumberLiesOutsideTheCorrelationWindows) {
+  // A sample counts for the correlation only when both values lie within
+  // their limits, which NaN never does: a NaN reference voxel, and model
+  // samples that a NaN model voxel reaches, are left out as on the general
+  // walk, and the value stays finite.
+  Pair s(makeField(QB_FLOAT, kRefDims, kRefBox), makeField(QB_FLOAT, kModelDims, kModelBox));
+  s.setSmallAffine();
+  float* ref = static_cast<float*>(s.reference->lattice.dataPtr());
+  float* model = static_cast<float*>(s.model->lattice.dataPtr());
+  ref[5 + 12 * (4 + 10 * 3)] = NAN;
+  model[10 + 20 * (9 + 18 * 8)] = NAN;
+  for (unsigned threads : {1u, 2u}) {
+    auto u = s.uniform(s.newMetric(CORR), threads);
+    auto g = s.general(s.newMetric(CORR));
+    const double uv = u->evaluate(), gv = g->evaluate();
+    EXPECT_TRUE(std::isfinite(uv));
+    EXPECT_NEAR(uv, gv, 1e-6 * std::fabs(gv));
+    EXPECT_EQ(u->metric->numInside, g->metric->numInside);
+    // The reference voxel and the up to 8 neighbours of the model voxel.
+    EXPECT_LE(u->metric->numInside, 12 * 10 * 9 - 2);
+    EXPECT_GE(u->metric->numInside, 12 * 10 * 9 - 9);
+  }
 }

@@ -640,31 +640,42 @@ TEST(ZrAffineRegistration, TheModelShowsTheOptimumNotTheLastProbe) {
 TEST(ZrAffineRegistration, PlanarRegistrationStaysInItsPlane) {
   MessageLog log;
   const int dims[3] = {32, 32, 1};
-  // A slice through the test image at z = 15, moved and turned in its plane.
+  // A slice through the test image at z = 15, moved and turned in its plane,
+  // and once also scaled in its plane: the isotropic stage must not carry
+  // its scale into the flat axis.
   SbMatrixd lift;
   lift.setTranslate(SbVec3d(0, 0, 15));
-  const double p[15] = {1.4, -1.1, 0, 0, 0, 4.0, 1, 1, 1, 0, 0, 0, 15.5, 15.5, 0};
-  const SbMatrixd truth = affineMatrix(p);
-  Scene<> s(makeField(dims, kImage, lift), makeField(dims, kImage, truth * lift));
-  ZrAffineRegistration* m = s.module;
-  ASSERT_EQ(m->dimensionMode, 2);
-  ASSERT_EQ(m->portRegister.getValue(), 0);
-  s.fastSettings(1);
-  m->portCoarsestResolution.setValue(2);
-  m->portStep.setValue(0, 2.0f);
-  m->portStep.setValue(1, 0.005f);
-  m->portMetric.setIndex(0, 2);
-  m->fire(0);
-  EXPECT_EQ(m->portCoarsestResolution.getValue(2), 1);
-  s.press(2);
-  SbMatrixd found;
-  static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
-  EXPECT_LT(cornerError(found, truth, dims), 0.1);
-  // Nothing leaves the plane.
-  EXPECT_EQ(found[0][2], 0.0);
-  EXPECT_EQ(found[1][2], 0.0);
-  EXPECT_EQ(found[2][2], 1.0);
-  EXPECT_EQ(found[3][2], 0.0);
+  const struct {
+    double scale;
+    const char* toggles;
+  } cases[] = {{1.0, "Rigid"}, {1.05, "Rigid+Iso-"}};
+  for (const auto& c : cases) {
+    const double p[15] = {1.4, -1.1, 0, 0, 0, 4.0, c.scale, c.scale, 1, 0, 0, 0, 15.5, 15.5, 0};
+    const SbMatrixd truth = affineMatrix(p);
+    Scene<> s(makeField(dims, kImage, lift), makeField(dims, kImage, truth * lift));
+    ZrAffineRegistration* m = s.module;
+    ASSERT_EQ(m->dimensionMode, 2);
+    ASSERT_EQ(m->portRegister.getValue(), 0);
+    s.fastSettings(1);
+    m->portCoarsestResolution.setValue(2);
+    m->portStep.setValue(0, 2.0f);
+    m->portStep.setValue(1, 0.005f);
+    m->portMetric.setIndex(0, 2);
+    m->portTransform.setValue(1, c.scale != 1.0 ? 1 : 0);
+    m->fire(0);
+    EXPECT_EQ(m->portCoarsestResolution.getValue(2), 1);
+    s.press(2);
+    SbMatrixd found;
+    static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
+    EXPECT_LT(cornerError(found, truth, dims), 0.1) << c.toggles;
+    // Nothing leaves the plane, and the flat axis keeps its length.
+    EXPECT_EQ(found[0][2], 0.0) << c.toggles;
+    EXPECT_EQ(found[1][2], 0.0) << c.toggles;
+    EXPECT_EQ(found[2][0], 0.0) << c.toggles;
+    EXPECT_EQ(found[2][1], 0.0) << c.toggles;
+    EXPECT_EQ(found[2][2], 1.0) << c.toggles;
+    EXPECT_EQ(found[3][2], 0.0) << c.toggles;
+  }
 }
 
 namespace {

@@ -76,6 +76,13 @@ TEST(ZrTransformFiles, ItkAffineAndMatrixRoundTrip) {
   // p = (10, 0, 0) is the centre: it moves by the translation only.
   EXPECT_NEAR(b[0][0] * 10 + b[0][3], 11, 1e-12);
   EXPECT_NEAR(b[1][0] * 10 + b[1][3], 2, 1e-12);
+  // The 2-D form holds the x and y rows for the plane z = 4: the z column
+  // moves into the translation, and reading it back leaves z alone.
+  ASSERT_TRUE(ZrTransformFiles::writeItkAffine2D(a, 4.0, itk, error)) << error;
+  ASSERT_TRUE(ZrTransformFiles::readItkAffine(itk, b, error)) << error;
+  const double planar[4][4] = {
+      {0.9, -0.2, 0, 3.7}, {0.21, 0.95, 0, -7.65}, {0, 0, 1, 0}, {0, 0, 0, 1}};
+  EXPECT_TRUE(b.equals(SbMatrixd(planar), 1e-12));
   std::ofstream(mat) << "1 0 0\n";
   EXPECT_FALSE(ZrTransformFiles::readMatrix(mat, c, error));
   std::remove(itk.c_str());

@@ -1,16 +1,28 @@
-// Image files in and out: geometry (oblique, flipped, permuted headers) must
-// keep every voxel at its world position, and bad input must be refused with a
-// message instead of a crash or a half-written file.
+// Image files in and out: every voxel at its world position whatever the
+// header's orientation, outputs in their input's voxel order and dimension,
+// every format round trip, label intents, pictures in colour, vector images
+// in world coordinates, the quality-check picture, landmarks, and bad input
+// refused with a message instead of a crash or a half-written file.
+#include "QbPrimType.h"
 #include "SbMatrixd.h"
+#include "SbRotationd.h"
 #include "ZrImageIO.h"
 #include "ZrLandmarkSet.h"
 #include "ZrPointSetIO.h"
+#include "ZrRegVectorField3.h"
+#include "ZrSnapshot.h"
+#include "ZrUniformCoord3.h"
 #include "ZrUniformLabelField3.h"
 #include "ZrUniformScalarField3.h"
+#include "ZrVectorImageIO.h"
 
 #include <itkImage.h>
 #include <itkImageFileReader.h>
 #include <itkImageFileWriter.h>
+#include <itkImageRegionIteratorWithIndex.h>
+#include <itkPNGImageIO.h>
+#include <itkRGBPixel.h>
+#include <itkVectorImage.h>
 
 #include <gtest/gtest.h>
 
@@ -25,46 +37,72 @@
 namespace {
 
 using ShortImage = itk::Image<short, 3>;
+using RGBImage = itk::Image<itk::RGBPixel<unsigned char>, 2>;
 
 std::string tempPath(const std::string& name) {
   return "/tmp/zrreg-test-" + std::to_string(getpid()) + "-" + name;
 }
 
-// An image with a distinct value per voxel and the given direction matrix
-// (columns = voxel axes).
-ShortImage::Pointer makeImage(const double dir[3][3], const int size[3], const double spacing[3],
-                              const double origin[3]) {
-  auto img = ShortImage::New();
-  ShortImage::RegionType region;
-  ShortImage::SizeType sz;
-  for (int a = 0; a < 3; a++)
-    sz[a] = size[a];
-  region.SetSize(sz);
-  img->SetRegions(region);
-  img->Allocate();
-  ShortImage::SpacingType sp;
-  ShortImage::PointType org;
-  ShortImage::DirectionType d;
-  for (int r = 0; r < 3; r++) {
+template <class Image> void writeImage(Image* img, const std::string& path) {
+  auto w = itk::ImageFileWriter<Image>::New();
+  w->SetInput(img);
+  w->SetFileName(path);
+  w->Update();
+}
+
+// An ITK image of D dimensions with distinct voxel values and the given
+// direction (columns = voxel axes), spacing and origin.
+template <unsigned D>
+typename itk::Image<short, D>::Pointer makeImageD(const double (&dir)[D][D], const int (&size)[D],
+                                                  const double (&spacing)[D],
+                                                  const double (&origin)[D]) {
+  using Image = itk::Image<short, D>;
+  auto img = Image::New();
+  typename Image::SizeType sz;
+  typename Image::SpacingType sp;
+  typename Image::PointType org;
+  typename Image::DirectionType d;
+  for (unsigned r = 0; r < D; r++) {
+    sz[r] = size[r];
     sp[r] = spacing[r];
     org[r] = origin[r];
-    for (int c = 0; c < 3; c++)
+    for (unsigned c = 0; c < D; c++)
       d[r][c] = dir[r][c];
   }
+  img->SetRegions(typename Image::RegionType(sz));
+  img->Allocate();
   img->SetSpacing(sp);
   img->SetOrigin(org);
   img->SetDirection(d);
   short v = 0;
-  for (itk::ImageRegionIterator<ShortImage> it(img, region); !it.IsAtEnd(); ++it)
-    it.Set(v++);
+  for (itk::ImageRegionIterator<Image> it(img, img->GetLargestPossibleRegion()); !it.IsAtEnd();
+       ++it)
+    it.Set(short(v++ * 7 % 3001));
   return img;
 }
 
-void writeItk(ShortImage* img, const std::string& path) {
-  auto w = itk::ImageFileWriter<ShortImage>::New();
-  w->SetInput(img);
-  w->SetFileName(path);
-  w->Update();
+// ITK reads path as an image of D dimensions with the same geometry and the
+// same voxel array as img.
+template <unsigned D>
+void expectSameFile(const std::string& path, const itk::Image<short, D>* img, const char* what) {
+  using Image = itk::Image<short, D>;
+  auto reader = itk::ImageFileReader<Image>::New();
+  reader->SetFileName(path);
+  reader->Update();
+  const Image* back = reader->GetOutput();
+  auto io = reader->GetImageIO();
+  ASSERT_EQ(io->GetNumberOfDimensions(), D) << what;
+  ASSERT_EQ(back->GetLargestPossibleRegion().GetSize(), img->GetLargestPossibleRegion().GetSize())
+      << what;
+  for (unsigned r = 0; r < D; r++) {
+    EXPECT_NEAR(back->GetSpacing()[r], img->GetSpacing()[r], 1e-5) << what;
+    EXPECT_NEAR(back->GetOrigin()[r], img->GetOrigin()[r], 1e-4) << what;
+    for (unsigned c = 0; c < D; c++)
+      EXPECT_NEAR(back->GetDirection()[r][c], img->GetDirection()[r][c], 1e-6) << what;
+  }
+  const size_t n = img->GetLargestPossibleRegion().GetNumberOfPixels();
+  EXPECT_EQ(std::memcmp(back->GetBufferPointer(), img->GetBufferPointer(), n * sizeof(short)), 0)
+      << what << ": the voxel array differs";
 }
 
 // World position of node (i, j, k) of our field.
@@ -108,71 +146,124 @@ void expectSameGeometry(const ZrRegScalarField3* f, ShortImage* img) {
   EXPECT_EQ(checked, d[0] * d[1] * d[2]);
 }
 
+std::unique_ptr<ZrRegVectorField3> makeGrid(bool rotated) {
+  int dims[3] = {5, 4, 3};
+  std::unique_ptr<ZrRegVectorField3> f(ZrRegVectorField3::create(dims, 3, 3, ZR_COORD_UNIFORM));
+  float box[6] = {-10, 30, -5, 10, 2, 12};
+  static_cast<ZrUniformCoord3*>(f->lattice.coords())->setBoundingBox(box);
+  float* v = f->floatData();
+  for (size_t i = 0; i < f->lattice.numNodes(); i++)
+    for (int c = 0; c < 3; c++)
+      v[3 * i + c] = float(std::sin(0.7 * i + c) * 2.5);
+  if (rotated) {
+    SbMatrixd m;
+    m.setRotate(SbRotationd(SbVec3d(0.2, -0.5, 1.0), 0.3));
+    SbMatrixd t;
+    t.setTranslate(SbVec3d(4, -2, 7));
+    m.multRight(t);
+    f->setTransform(m);
+  }
+  return f;
+}
+ZrUniformScalarField3* constantField(int n, float value) {
+  int dims[3] = {n, n, n};
+  float box[6] = {0, float(n - 1), 0, float(n - 1), 0, float(n - 1)};
+  auto* f = new ZrUniformScalarField3(dims, 3, box);
+  float* v = static_cast<float*>(f->lattice.dataPtr());
+  for (size_t i = 0; i < f->lattice.numNodes(); i++)
+    v[i] = value + (i % 7 == 0 ? 0.001f * (i % 13) : 0.0f); // not perfectly flat
+  return f;
+}
 } // namespace
 
-TEST(ZrImageIO, ObliqueFlippedPermutedHeadersKeepWorldPositions) {
-  const int size[3] = {5, 4, 3};
-  const double spacing[3] = {1.5, 0.8, 2.5};
-  const double origin[3] = {10, -20, 5};
-  // Voxel x along world -y, voxel y along world z, voxel z along world -x,
-  // then tilted by 10 degrees about world z: an oblique, flipped, permuted
-  // header.
-  double a = 10 * M_PI / 180, c = std::cos(a), s = std::sin(a);
-  double perm[3][3] = {{0, 0, -1}, {-1, 0, 0}, {0, 1, 0}};
-  double rot[3][3] = {{c, -s, 0}, {s, c, 0}, {0, 0, 1}};
-  double dir[3][3] = {};
-  for (int r = 0; r < 3; r++)
-    for (int q = 0; q < 3; q++)
-      for (int k = 0; k < 3; k++)
-        dir[r][q] += rot[r][k] * perm[k][q];
-  auto img = makeImage(dir, size, spacing, origin);
-  std::string in = tempPath("oblique.nii.gz");
-  writeItk(img, in);
+TEST(ZrImageIO, ObliqueFlippedPermutedHeadersKeepWorldPositionsAndTheirOrder) {
+  // Read: every voxel lies where ITK places it. Then written with the order
+  // noted on reading: ITK reads back the file's own voxel array, dimension
+  // and geometry, whatever the reader permuted and flipped.
+  const double ras[3][3] = {{-1, 0, 0}, {0, -1, 0}, {0, 0, 1}}; // R,A,S storage in LPS terms
+  const double permFlip[3][3] = {{0, 0, -1}, {-1, 0, 0}, {0, 1, 0}};
+  const double perm2[3][3] = {{0, 1, 0}, {0, 0, -1}, {1, 0, 0}};
+  const double c = std::cos(0.2), s = std::sin(0.2);
+  const double tilt[3][3] = {{c, -s, 0}, {s, c, 0}, {0, 0, 1}};
+  const struct {
+    const double (*dir)[3];
+    bool tilted;
+    const char* ext;
+  } cases3[] = {{ras, false, ".nii.gz"}, {permFlip, true, ".nrrd"}, {perm2, false, ".mha"}};
+  for (const auto& k : cases3) {
+    // Permuted and flipped axes, tilted by 0.2 rad about z for an oblique
+    // header.
+    double dir[3][3] = {};
+    for (int r = 0; r < 3; r++)
+      for (int q = 0; q < 3; q++)
+        for (int t = 0; t < 3; t++)
+          dir[r][q] += (k.tilted ? tilt[r][t] : double(r == t)) * k.dir[t][q];
+    auto img = makeImageD<3>(dir, {6, 5, 4}, {1.5, 0.8, 2.5}, {10, -20, 5});
+    const std::string in = tempPath(std::string("order-in") + k.ext),
+                      out = tempPath(std::string("order-out") + k.ext);
+    writeImage(img.GetPointer(), in);
+    std::string error;
+    ZrImageIO::ReadInfo info;
+    std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(in, {}, &info, error));
+    ASSERT_TRUE(f) << error;
+    expectSameGeometry(f.get(), img.GetPointer());
+    ASSERT_TRUE(ZrImageIO::write(f.get(), out, error, nullptr, &info.order)) << error;
+    expectSameFile<3>(out, img.GetPointer(), k.ext);
+    std::remove(in.c_str());
+    std::remove(out.c_str());
+  }
 
-  std::string error;
-  std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(in, {}, nullptr, error));
-  ASSERT_TRUE(f) << error;
-  // Voxel axes now follow world x, y, z: sizes permuted.
-  EXPECT_EQ(f->getDims()[0], 3);
-  EXPECT_EQ(f->getDims()[1], 5);
-  EXPECT_EQ(f->getDims()[2], 4);
-  // The kept transform is the residual 10-degree rotation, a proper one.
-  SbMatrixd m;
-  f->getTransform(m);
-  EXPECT_NEAR(m.det3(), 1.0, 1e-9);
-  EXPECT_NEAR(m[0][0], c, 1e-6);
-  expectSameGeometry(f.get(), img);
+  // 2-D files, flipped along y, stay 2-D.
+  const double flipY[2][2] = {{1, 0}, {0, -1}};
+  auto img2 = makeImageD<2>(flipY, {7, 5}, {0.5, 0.25}, {3, 4});
+  for (const char* ext : {".mha", ".nii"}) {
+    const std::string in = tempPath(std::string("flat-in") + ext),
+                      out = tempPath(std::string("flat-out") + ext);
+    writeImage(img2.GetPointer(), in);
+    std::string error;
+    ZrImageIO::ReadInfo info;
+    std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(in, {}, &info, error));
+    ASSERT_TRUE(f) << error;
+    ASSERT_TRUE(ZrImageIO::write(f.get(), out, error, nullptr, &info.order)) << error;
+    expectSameFile<2>(out, img2.GetPointer(), ext);
 
-  // Written back and read by ITK, the geometry is the same.
-  std::string out = tempPath("oblique-out.nrrd");
-  ASSERT_TRUE(ZrImageIO::write(f.get(), out, error)) << error;
-  auto reader = itk::ImageFileReader<ShortImage>::New();
-  reader->SetFileName(out);
-  reader->Update();
-  expectSameGeometry(f.get(), reader->GetOutput());
-  std::remove(in.c_str());
-  std::remove(out.c_str());
+    // A vector field on that lattice (world vectors in the plane) goes out as
+    // a 2-D, two-component image in the same order: the vector at each file
+    // voxel is a function of the voxel's world position.
+    const size_t n = f->lattice.numNodes();
+    std::vector<float> vectors(3 * n);
+    const int* d = f->getDims();
+    for (size_t i = 0; i < n; i++) {
+      double w3[3];
+      worldOf(f.get(), int(i % d[0]), int(i / d[0] % d[1]), int(i / d[0] / d[1]), w3);
+      vectors[3 * i] = float(w3[0] * 2 + w3[1]);
+      vectors[3 * i + 1] = float(w3[1] - 1);
+      vectors[3 * i + 2] = 0.0f;
+    }
+    const std::string vout = tempPath(std::string("flat-vec") + ext);
+    ASSERT_TRUE(ZrVectorImageIO::writeOnLattice(f.get(), vectors.data(), vout, error, &info.order))
+        << error;
+    using VecImage = itk::VectorImage<float, 2>;
+    auto vr = itk::ImageFileReader<VecImage>::New();
+    vr->SetFileName(vout);
+    vr->Update();
+    VecImage* v = vr->GetOutput();
+    ASSERT_EQ(v->GetNumberOfComponentsPerPixel(), 2u);
+    ASSERT_EQ(v->GetLargestPossibleRegion().GetSize(), img2->GetLargestPossibleRegion().GetSize());
+    for (itk::ImageRegionIteratorWithIndex<VecImage> it(v, v->GetLargestPossibleRegion());
+         !it.IsAtEnd(); ++it) {
+      VecImage::PointType p;
+      v->TransformIndexToPhysicalPoint(it.GetIndex(), p);
+      EXPECT_NEAR(it.Get()[0], p[0] * 2 + p[1], 1e-4);
+      EXPECT_NEAR(it.Get()[1], p[1] - 1, 1e-4);
+    }
+    std::remove(in.c_str());
+    std::remove(out.c_str());
+    std::remove(vout.c_str());
+  }
 }
 
-TEST(ZrImageIO, AxisAlignedFileGetsNoTransformAndExactBox) {
-  double dir[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
-  const int size[3] = {4, 3, 2};
-  const double spacing[3] = {0.5, 2, 3}, origin[3] = {1, 2, 3};
-  auto img = makeImage(dir, size, spacing, origin);
-  std::string in = tempPath("plain.mha");
-  writeItk(img, in);
-  std::string error;
-  std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(in, {}, nullptr, error));
-  ASSERT_TRUE(f) << error;
-  EXPECT_EQ(f->getTransformNode(), nullptr);
-  float box[6];
-  f->getBoundingBox(box);
-  EXPECT_FLOAT_EQ(box[0], 1);
-  EXPECT_FLOAT_EQ(box[1], 2.5);
-  EXPECT_FLOAT_EQ(box[5], 6);
-  expectSameGeometry(f.get(), img);
-  std::remove(in.c_str());
-}
+namespace {
 
 // A minimal single-file NIfTI-1 of 2 x 2 x 2 uint8 voxels with the given
 // intent code.
@@ -197,6 +288,8 @@ void writeRawNifti(const std::string& path, short intent) {
   const char voxels[8] = {0, 1, 2, 3, 4, 5, 6, 7};
   out.write(voxels, 8);
 }
+
+} // namespace
 
 TEST(ZrImageIO, LabelsByFlagOrByTheFilesLabelIntent) {
   std::string plain = tempPath("plain.nii"), labels = tempPath("labels.nii");
@@ -244,10 +337,7 @@ TEST(ZrImageIO, BadInputIsRefusedWithAMessage) {
   img4->Allocate();
   img4->FillBuffer(1.0f);
   std::string p4 = tempPath("four.nii.gz");
-  auto w = itk::ImageFileWriter<Image4>::New();
-  w->SetInput(img4);
-  w->SetFileName(p4);
-  w->Update();
+  writeImage(img4.GetPointer(), p4);
   error.clear();
   EXPECT_EQ(ZrImageIO::read(p4, {}, nullptr, error), nullptr);
   EXPECT_NE(error.find("4-D"), std::string::npos);
@@ -315,6 +405,7 @@ TEST(ZrImageIO, EveryFormatRoundTripsVoxelsAndGeometry) {
     std::unique_ptr<ZrRegScalarField3> g(ZrImageIO::read(path, {}, nullptr, error));
     ASSERT_TRUE(g) << fmt.ext << ": " << error;
     ASSERT_EQ(g->primType(), 1) << fmt.ext;
+    EXPECT_EQ(g->getTransformNode(), nullptr) << fmt.ext; // axis-aligned: no transform
     for (int a = 0; a < 3; a++)
       ASSERT_EQ(g->getDims()[a], dims[a]) << fmt.ext;
     for (size_t i = 0; i < f.lattice.numNodes(); i++)
@@ -329,4 +420,187 @@ TEST(ZrImageIO, EveryFormatRoundTripsVoxelsAndGeometry) {
     if (std::string(fmt.ext) == ".mhd")
       std::remove(tempPath("fmt.zraw").c_str()), std::remove(tempPath("fmt.raw").c_str());
   }
+}
+
+TEST(ZrImageIO, GreyPicturesReadAsScalarAndColourAsLuminance) {
+  // A 7 x 5 PNG in four forms: palette whose index is not the grey value,
+  // grey stored as RGB, colour, and grey with an opaque alpha channel.
+  const int nx = 7, ny = 5, n = nx * ny;
+  auto grey = [](int i) { return (unsigned char)(i * 7 % 256); };
+  struct Case {
+    const char* name;
+    int components;
+    bool palette;
+    bool colour;
+  } cases[] = {{"palette", 1, true, false},
+               {"rgb-grey", 3, false, false},
+               {"rgb-colour", 3, false, true},
+               {"grey-alpha", 2, false, false}};
+  for (const Case& c : cases) {
+    std::vector<unsigned char> data(size_t(n) * c.components);
+    itk::PNGImageIO::PaletteType palette;
+    for (int i = 0; i < n; i++) {
+      unsigned char* p = &data[size_t(i) * c.components];
+      if (c.palette) {
+        p[0] = (unsigned char)(255 - i); // index
+      } else if (c.components == 2) {
+        p[0] = grey(i);
+        p[1] = 255;
+      } else {
+        p[0] = grey(i);
+        p[1] = c.colour ? (unsigned char)(i * 3) : grey(i);
+        p[2] = c.colour ? (unsigned char)(200 - i) : grey(i);
+      }
+    }
+    if (c.palette)
+      for (int k = 0; k < 256; k++) {
+        const unsigned char g = grey(255 - k); // so that index 255 - i shows grey(i)
+        itk::RGBPixel<unsigned char> rgb;
+        rgb.Set(g, g, g);
+        palette.push_back(rgb);
+      }
+    auto io = itk::PNGImageIO::New();
+    io->SetNumberOfDimensions(2);
+    io->SetComponentType(itk::IOComponentEnum::UCHAR);
+    io->SetNumberOfComponents(c.components);
+    io->SetPixelType(c.components == 3   ? itk::IOPixelEnum::RGB
+                     : c.components == 2 ? itk::IOPixelEnum::VECTOR
+                                         : itk::IOPixelEnum::SCALAR);
+    io->SetDimensions(0, nx);
+    io->SetDimensions(1, ny);
+    if (c.palette) {
+      io->SetColorPalette(palette);
+      io->SetWritePalette(true);
+    }
+    itk::ImageIORegion region(2);
+    region.SetSize(0, nx);
+    region.SetSize(1, ny);
+    io->SetIORegion(region);
+    const std::string path = tempPath(std::string(c.name) + ".png");
+    io->SetFileName(path);
+    io->WriteImageInformation();
+    io->Write(data.data());
+
+    std::string error;
+    ZrImageIO::ReadInfo info;
+    std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(path, {}, &info, error));
+    ASSERT_TRUE(f) << c.name << ": " << error;
+    ASSERT_EQ(f->primType(), QB_UINT8) << c.name;
+    ASSERT_EQ(f->lattice.numNodes(), size_t(n)) << c.name;
+    for (int i = 0; i < n; i++) {
+      const double expected =
+          c.colour ? std::floor(0.299 * grey(i) + 0.587 * (i * 3) + 0.114 * (200 - i) + 0.5)
+                   : grey(i);
+      ASSERT_EQ(f->lattice.getValueAsDouble(i), expected) << c.name << " voxel " << i;
+    }
+    EXPECT_EQ(info.notice.find("luminance") != std::string::npos, c.colour)
+        << c.name << ": " << info.notice;
+    std::remove(path.c_str());
+  }
+}
+
+TEST(ZrVectorImageIO, GridRoundTripsWithBoxRotationAndVectors) {
+  for (bool rotated : {false, true}) {
+    auto f = makeGrid(rotated);
+    std::string path = tempPath(rotated ? "rot.nii.gz" : "plain.mha"), error;
+    ASSERT_TRUE(ZrVectorImageIO::write(f.get(), path, error)) << error;
+    std::unique_ptr<ZrRegVectorField3> g(ZrVectorImageIO::read(path, error));
+    ASSERT_TRUE(g) << error;
+    for (int a = 0; a < 3; a++)
+      ASSERT_EQ(g->getDims()[a], f->getDims()[a]);
+    // Same world position of every node, same world vector.
+    SbMatrixd mf, mg;
+    f->getTransform(mf);
+    g->getTransform(mg);
+    const float* vf = f->floatData();
+    const float* vg = g->floatData();
+    size_t idx = 0;
+    for (int k = 0; k < 3; k++)
+      for (int j = 0; j < 4; j++)
+        for (int i = 0; i < 5; i++, idx++) {
+          float pf[3], pg[3];
+          f->lattice.coords()->pos(i, j, k, pf);
+          g->lattice.coords()->pos(i, j, k, pg);
+          SbVec3d wf, wg, df, dg;
+          mf.multVecMatrix(SbVec3d(pf[0], pf[1], pf[2]), wf);
+          mg.multVecMatrix(SbVec3d(pg[0], pg[1], pg[2]), wg);
+          mf.multDirMatrix(SbVec3d(vf[3 * idx], vf[3 * idx + 1], vf[3 * idx + 2]), df);
+          mg.multDirMatrix(SbVec3d(vg[3 * idx], vg[3 * idx + 1], vg[3 * idx + 2]), dg);
+          for (int c = 0; c < 3; c++) {
+            EXPECT_NEAR(wf[c], wg[c], 1e-4);
+            EXPECT_NEAR(df[c], dg[c], 1e-5);
+          }
+        }
+    std::remove(path.c_str());
+  }
+}
+
+TEST(ZrVectorImageIO, FilesHoldWorldVectorsAndBadFilesAreRefused) {
+  auto f = makeGrid(true);
+  std::string path = tempPath("world.nrrd"), error;
+  ASSERT_TRUE(ZrVectorImageIO::write(f.get(), path, error)) << error;
+  using Img = itk::VectorImage<float, 3>;
+  auto r = itk::ImageFileReader<Img>::New();
+  r->SetFileName(path);
+  r->Update();
+  Img::IndexType idx = {{2, 1, 1}};
+  auto pix = r->GetOutput()->GetPixel(idx);
+  size_t n = (1 * 4 + 1) * 5 + 2;
+  SbMatrixd m;
+  f->getTransform(m);
+  SbVec3d world;
+  m.multDirMatrix(
+      SbVec3d(f->floatData()[3 * n], f->floatData()[3 * n + 1], f->floatData()[3 * n + 2]), world);
+  for (int c = 0; c < 3; c++)
+    EXPECT_NEAR(pix[c], world[c], 1e-5);
+  std::remove(path.c_str());
+
+  // A scalar image is not a vector field.
+  int dims[3] = {3, 3, 3};
+  float box[6] = {0, 2, 0, 2, 0, 2};
+  ZrUniformScalarField3 scalar(dims, 3, box);
+  std::vector<float> vec(81, 1.0f);
+  std::string sp = tempPath("scalar.nii.gz");
+  ASSERT_TRUE(ZrVectorImageIO::writeOnLattice(&scalar, vec.data(), sp, error)) << error;
+  std::unique_ptr<ZrRegVectorField3> ok(ZrVectorImageIO::read(sp, error));
+  EXPECT_TRUE(ok);
+  std::remove(sp.c_str());
+  EXPECT_EQ(ZrVectorImageIO::read(tempPath("missing.nii.gz"), error), nullptr);
+}
+TEST(ZrSnapshot, TilesCheckerboardAndJacobianColours) {
+  const int n = 32;
+  std::unique_ptr<ZrUniformScalarField3> ref(constantField(n, 0)), model(constantField(n, 1)),
+      jac(constantField(n, 2));
+  // The reference is dark; the model is 0 on even and 1 on odd x, so its
+  // window is [0, 1] and an odd column shows white in the board.
+  for (size_t i = 0; i < model->lattice.numNodes(); i++)
+    static_cast<float*>(model->lattice.dataPtr())[i] = float(i % 2);
+  for (size_t i = 0; i < ref->lattice.numNodes(); i += 2)
+    static_cast<float*>(ref->lattice.dataPtr())[i] = i % 4 == 0 ? 0.0f : 0.5f;
+  std::string path = "/tmp/zrreg-snap-" + std::to_string(getpid()) + ".png", error;
+  ASSERT_TRUE(ZrSnapshot::write(ref.get(), model.get(), model.get(), jac.get(), path, error))
+      << error;
+  auto r = itk::ImageFileReader<RGBImage>::New();
+  r->SetFileName(path);
+  r->Update();
+  auto size = r->GetOutput()->GetLargestPossibleRegion().GetSize();
+  const int gap = 4;
+  EXPECT_EQ(int(size[0]), 4 * (n + gap) + gap);
+  EXPECT_EQ(int(size[1]), 3 * (n + gap) + gap);
+  // Column 2 (after): square (0,0) is the reference, square (1,0) the model.
+  const int square = 4; // max(4, 32 / 8)
+  int x0 = gap + 2 * (n + gap), y0 = gap;
+  RGBImage::IndexType inModel = {{x0 + square + 1, y0 + 1}};
+  auto pm = r->GetOutput()->GetPixel(inModel);
+  EXPECT_EQ(int(pm[0]), 255); // x = 5: a model voxel of value 1
+  // Jacobian 2: log2 = 1, pure red.
+  RGBImage::IndexType inJac = {{gap + 3 * (n + gap) + 5, y0 + 5}};
+  auto pj = r->GetOutput()->GetPixel(inJac);
+  EXPECT_EQ(int(pj[0]), 255);
+  EXPECT_EQ(int(pj[2]), 0);
+  std::remove(path.c_str());
+
+  // Grids that differ are refused.
+  std::unique_ptr<ZrUniformScalarField3> small(constantField(8, 1));
+  EXPECT_FALSE(ZrSnapshot::write(ref.get(), small.get(), model.get(), nullptr, path, error));
 }

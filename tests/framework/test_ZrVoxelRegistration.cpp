@@ -1,77 +1,195 @@
-// The registration driver: ports and their defaults, update(), the bin rule,
-// lattice classification, voxel sizes and coverage, the planning of the
-// pyramid, the step schedule, the gradient switch, releasing levels, and an
-// interrupted run.
-#include "RegTestModule.h"
-
+// The registration driver through a module of its own: an affine transform
+// scored by squared differences. Defaults computed from the inputs, the bin
+// rule, the planning of the pyramid, the step schedule, the gradient switch;
+// then whole registrations of a smooth volume under a known rigid motion, one
+// per kind of search, and a run stopped midway.
 #include "QbPrimType.h"
+#include "RegAffineFunctional.h"
+#include "RegAffineTransform.h"
+#include "RegMeanSquaredDifference.h"
 #include "ZrBestNeighbourOptimizer.h"
+#include "ZrGradientOptimizer.h"
 #include "ZrMessage.h"
 #include "ZrObjectPool.h"
 #include "ZrStackedScalarField3.h"
 #include "ZrUniformLabelField3.h"
-#include "ZrUniformScalarField3.h"
+#include "ZrVoxelRegistration.h"
 #include "ZrWorkArea.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
 
-// Keeps the test's own reference on data objects, so that connections may
-// take and drop theirs.
-class Held {
+// Records what the driver hands to its virtual operations, and can plan the
+// pyramid without resampling (each level then holds the inputs) or record
+// the levels without optimising.
+class RegTestModule : public ZrVoxelRegistration {
 public:
-  ~Held() {
-    for (ZrObject* o : objects)
+  struct Resolution {
+    int level, numLevels;
+    double start, end;
+    bool hasOptimizer, gradient;
+    double tolerance; // a gradient optimizer's
+  };
+  bool recordOnly = false, fakeResampling = false;
+  std::vector<Resolution> resolutions;
+  std::vector<QbVec3i> referenceFactors, modelFactors;
+  int numDoneRegistration = 0;
+  std::function<void(int level)> onEnterResolution;
+
+  // What the constructor gave the ports are defaults, as for a module that
+  // enters the object pool.
+  RegTestModule() { untouchPorts(false); }
+  void compute() override {}
+  void update() override {
+    updateReference();
+    ZrVoxelRegistration::update();
+  }
+  void createTransform() override {
+    transform = new RegAffineTransform(references, models.isEmpty() ? nullptr : models[0], 6);
+  }
+  int initRegistration() override {
+    if (!transform)
+      createTransform();
+    return dimensionMode < 0 ? 0 : ZrVoxelRegistration::initRegistration();
+  }
+  RegFunctional* createFunctional(FieldArray& refs, FieldArray& mods, int, int) override {
+    return new RegAffineFunctional(refs, mods, interpolator, transform,
+                                   new RegMeanSquaredDifference(1.0), this, 0, dimensionMode);
+  }
+  void downsample(ZrRegScalarField3* field, ZrRegScalarField3*& result, QbVec3i& factors,
+                  RegDataClass dataClass) override {
+    if (!fakeResampling)
+      return ZrVoxelRegistration::downsample(field, result, factors, dataClass);
+    (!models.isEmpty() && field == models[0] ? modelFactors : referenceFactors).push_back(factors);
+    result = field;
+  }
+  void enterResolution(int level, int, RegFunctional*) override {
+    if (onEnterResolution)
+      onEnterResolution(level);
+  }
+  void doResolution(int level, int numLevels, RegFunctional* functional, double startStep,
+                    double endStep) override {
+    auto* g = dynamic_cast<ZrGradientOptimizer*>(optimizer);
+    resolutions.push_back({level, numLevels, startStep, endStep, optimizer != nullptr, g != nullptr,
+                           g ? g->tolerance : 0.0});
+    if (!recordOnly)
+      ZrVoxelRegistration::doResolution(level, numLevels, functional, startStep, endStep);
+  }
+  void doneRegistration() override {
+    numDoneRegistration++;
+    ZrVoxelRegistration::doneRegistration();
+  }
+  bool applyTransform(RegParametricTransform*) override { return checkForInterrupt(); }
+};
+
+typedef std::vector<QbVec3i> Factors;
+
+std::vector<double> numbers(std::string text) {
+  for (char& c : text)
+    c = c == ',' ? ' ' : c;
+  std::vector<double> v;
+  std::istringstream in(text);
+  for (double x; in >> x;)
+    v.push_back(x);
+  return v;
+}
+
+// "1 1 1, 2 2 2": factor triples.
+Factors factors(const char* text) {
+  const std::vector<double> v = numbers(text);
+  Factors f;
+  for (size_t i = 0; i + 2 < v.size(); i += 3)
+    f.emplace_back(int(v[i]), int(v[i + 1]), int(v[i + 2]));
+  return f;
+}
+
+// A smooth, asymmetric image: a sum of anisotropic Gaussian blobs.
+double blobs(double x, double y, double z) {
+  static const double b[4][7] = {{12, 14, 15, 6, 4, 5, 100},
+                                 {21, 11, 12, 3, 5, 4, 70},
+                                 {15, 22, 20, 4, 3, 6, 50},
+                                 {9, 9, 22, 3, 3, 3, 40}};
+  double v = 0;
+  for (const auto& k : b) {
+    const double dx = (x - k[0]) / k[3], dy = (y - k[1]) / k[4], dz = (z - k[2]) / k[5];
+    v += k[6] * std::exp(-0.5 * (dx * dx + dy * dy + dz * dz));
+  }
+  return v;
+}
+
+// Fields that the test holds a reference on until it ends.
+class Fields {
+public:
+  ~Fields() {
+    for (ZrObject* o : held)
       o->unref();
   }
-  template <class T> T* operator()(T* o) {
+  template <class T> T* hold(T* o) {
     o->ref();
-    objects.push_back(o);
+    held.push_back(o);
     return o;
+  }
+  // nx x ny x nz nodes of voxel size (vx, vy, vz), the first at the origin;
+  // values 0..255 where there is room for them.
+  ZrUniformScalarField3* operator()(int nx, int ny, int nz, float vx = 1, float vy = 1,
+                                    float vz = 1, int type = QB_UINT8) {
+    const int dims[3] = {nx, ny, nz};
+    const float box[6] = {0, (nx - 1) * vx, 0, (ny - 1) * vy, 0, (nz - 1) * vz};
+    ZrUniformScalarField3* f = new ZrUniformScalarField3(dims, type, box);
+    for (size_t i = 0; i < f->lattice.numNodes(); i++)
+      f->lattice.setValue(i, double(i % 256));
+    return hold(f);
+  }
+  // "nx ny nz [vx vy vz]"
+  ZrUniformScalarField3* operator()(const char* spec) {
+    std::vector<double> v = numbers(spec);
+    v.resize(6, 1.0);
+    return (*this)(int(v[0]), int(v[1]), int(v[2]), float(v[3]), float(v[4]), float(v[5]));
+  }
+  // n^3 labels 0..3.
+  ZrUniformLabelField3* labels(int n) {
+    const int dims[3] = {n, n, n};
+    const float box[6] = {0, float(n - 1), 0, float(n - 1), 0, float(n - 1)};
+    ZrUniformLabelField3* f = new ZrUniformLabelField3(dims, QB_UINT8, box);
+    for (size_t i = 0; i < f->lattice.numNodes(); i++)
+      f->lattice.setValue(i, double(i % 4));
+    return hold(f);
+  }
+  // n^3 float nodes over [0, n - 1]^3; node p holds blobs(p * m).
+  ZrUniformScalarField3* blobbed(int n, const SbMatrixd& m = SbMatrixd()) {
+    ZrUniformScalarField3* f = (*this)(n, n, n, 1, 1, 1, QB_FLOAT);
+    for (int k = 0; k < n; k++)
+      for (int j = 0; j < n; j++)
+        for (int i = 0; i < n; i++) {
+          SbVec3d w;
+          m.multVecMatrix(SbVec3d(i, j, k), w);
+          f->lattice.setValue(i + size_t(n) * (j + size_t(n) * k), blobs(w.x, w.y, w.z));
+        }
+    return f;
   }
 
 private:
-  std::vector<ZrObject*> objects;
+  std::vector<ZrObject*> held;
 };
 
-// A uniform field of nx x ny x nz nodes with voxel size (vx, vy, vz), its
-// first node at the origin. Values 0..255 where there is room for them.
-ZrUniformScalarField3* makeField(int nx, int ny, int nz, float vx = 1, float vy = 1, float vz = 1,
-                                 int type = QB_UINT8) {
-  const int dims[3] = {nx, ny, nz};
-  const float box[6] = {0, (nx - 1) * vx, 0, (ny - 1) * vy, 0, (nz - 1) * vz};
-  ZrUniformScalarField3* f = new ZrUniformScalarField3(dims, type, box);
-  const size_t n = f->lattice.numNodes();
-  for (size_t i = 0; i < n; i++)
-    f->lattice.setValue(i, double(i % 256));
-  return f;
-}
-
-ZrUniformLabelField3* makeLabels(int n) {
-  const int dims[3] = {n, n, n};
-  const float box[6] = {0, float(n - 1), 0, float(n - 1), 0, float(n - 1)};
-  ZrUniformLabelField3* f = new ZrUniformLabelField3(dims, QB_UINT8, box);
-  for (size_t i = 0; i < f->lattice.numNodes(); i++)
-    f->lattice.setValue(i, double(i % 4));
-  return f;
-}
-
-// Collects the message window's text.
 class MessageLog {
 public:
   MessageLog() {
     old = ZrMessage::getTheMsg()->setSink([this](const std::string& t) { lines.push_back(t); });
   }
   ~MessageLog() { ZrMessage::getTheMsg()->setSink(old); }
-  int count(const char* prefix) const {
+  int count(const std::string& prefix) const {
     int n = 0;
     for (const std::string& l : lines)
-      n += l.compare(0, std::strlen(prefix), prefix) == 0;
+      n += l.rfind(prefix, 0) == 0;
     return n;
   }
   std::vector<std::string> lines;
@@ -80,587 +198,332 @@ private:
   ZrMessage::Sink old;
 };
 
-QbVec3i v3(int a, int b, int c) { return QbVec3i(a, b, c); }
-
 class VoxelRegistrationTest : public ::testing::Test {
 protected:
-  // The planning's messages are not shown; tests that read them install their
-  // own log.
-  void SetUp() override {
-    old = ZrMessage::getTheMsg()->setSink([](const std::string&) {});
+  // Connects the inputs; with coarsest factors, plans a pyramid without
+  // resampling.
+  void connect(RegTestModule& mod, ZrSpatialData* reference, ZrSpatialData* model,
+               QbVec3i coarsest = QbVec3i(0, 0, 0), int factor = 2) {
+    mod.portReference.connect(reference);
+    mod.portData.connect(model);
+    mod.update();
+    mod.untouchPorts(true);
+    mod.samplingFactor = factor;
+    mod.fakeResampling = coarsest[0] > 0;
+    for (int i = 0; i < 3 && coarsest[0] > 0; i++)
+      mod.portCoarsestResolution.setValue(i, coarsest[i]);
   }
-  void TearDown() override {
-    ZrMessage::getTheMsg()->setSink(old);
-    ZrWorkArea::getTheWorkArea()->clearInterrupt();
-  }
-
-  // Connects the inputs and lets the module react.
-  void connect(ZrSpatialData* reference, ZrSpatialData* model) {
-    m.portReference.connect(reference);
-    m.portData.connect(model);
-    m.update();
-    m.untouchPorts(true);
-  }
-  // Plans and records a run without optimising: the pyramid is planned but
-  // not resampled.
-  void plan(ZrSpatialData* reference, ZrSpatialData* model, QbVec3i coarsest, int factor = 2) {
-    connect(reference, model);
-    m.fakeResampling = true;
-    m.samplingFactor = factor;
-    for (int i = 0; i < 3; i++)
-      m.portCoarsestResolution.setValue(i, coarsest[i]);
-  }
-  void configureRun(float initial, float final, int finestLevels, int ignoreFinest) {
-    m.portStep.setValue(0, initial);
-    m.portStep.setValue(1, final);
-    m.portNLevelsGradient.setValue(0, float(finestLevels));
-    m.portOptimizer.setIndex(0, 1); // best neighbour
-    m.ignoreFinest = ignoreFinest;
+  // A recorded run with the best-neighbour search.
+  void record(RegTestModule& mod, float initial, float final, int finestLevels, int ignoreFinest) {
+    mod.resolutions.clear();
+    mod.portStep.setValue(0, initial);
+    mod.portStep.setValue(1, final);
+    mod.portNLevelsGradient.setValue(0, float(finestLevels));
+    mod.portOptimizer.setIndex(0, 1);
+    mod.ignoreFinest = ignoreFinest;
+    mod.recordOnly = true;
+    mod.doRegistration();
   }
 
-  ZrMessage::Sink old;
-  Held held;
+  MessageLog log;
+  Fields field;
   RegTestModule m;
 };
 
 } // namespace
 
-TEST_F(VoxelRegistrationTest, PortsTheirTextsAndDefaults) {
-  const char* names[] = {"model",         "optimizer",         "extensiveSearch",
-                         "step",          "nLevelsGradient",   "coarsestResolution",
-                         "metric",        "histogramRangeRef", "histogramRangeMod",
-                         "histogramBins", "reference",         "options",
-                         "options2",      "extendedOptions",   "action"};
-  ASSERT_EQ(m.getNumPorts(), 15);
-  for (int i = 0; i < 15; i++)
-    EXPECT_STREQ(m.getPort(i)->getName(), names[i]);
-
-  const char* optimizers[] = {"Extensive direction", "Best neighbor", "Quasi Newton",
-                              "Conjugated Gradients", "Line search"};
-  ASSERT_EQ(m.portOptimizer.getNum(0), 5);
-  for (int i = 0; i < 5; i++)
-    EXPECT_STREQ(m.portOptimizer.getLabel(0, i), optimizers[i]);
-  EXPECT_STREQ(m.portOptimizer.getLabel(1, 0), "Ramp");
-  EXPECT_STREQ(m.portOptimizer.getLabel(1, 1), "Cycles");
-  EXPECT_EQ(m.portOptimizer.getIndex(0), 0);
-  EXPECT_FALSE(m.portOptimizer.isSensitive(1));
-
-  EXPECT_STREQ(m.portStep.getLabel(), "Optimizer step:");
-  EXPECT_STREQ(m.portStep.getLabel(0), "initial:");
-  EXPECT_STREQ(m.portStep.getLabel(1), "final:");
-  EXPECT_EQ(m.portStep.getValue(0), 50.0f);
-  EXPECT_EQ(m.portStep.getValue(1), 100.0f / 1024.0f); // exact, not 0.1
-  EXPECT_STREQ(m.portNLevelsGradient.getLabel(), "Gradient optimizer:");
-  EXPECT_STREQ(m.portNLevelsGradient.getLabel(0), "Finest levels:");
-  EXPECT_STREQ(m.portNLevelsGradient.getLabel(1), "Tolerance:");
-  EXPECT_EQ(m.portNLevelsGradient.getValue(0), 1.0f);
-  EXPECT_EQ(m.portNLevelsGradient.getValue(1), 0.0001f);
-  EXPECT_STREQ(m.portCoarsestResolution.getLabel(), "Coarsest resampling:");
-  EXPECT_STREQ(m.portCoarsestResolution.getLabel(2), "z");
-  EXPECT_EQ(m.portCoarsestResolution.getValue(1), 1);
-
-  const char* metrics[] = {"Normalized Mutual Information", "Mutual Information", "Euclidean",
-                           "Correlation"};
-  ASSERT_EQ(m.portMetric.getNum(0), 4);
-  for (int i = 0; i < 4; i++)
-    EXPECT_STREQ(m.portMetric.getLabel(0, i), metrics[i]);
-  EXPECT_STREQ(m.portHistogramRangeRef.getLabel(), "Histogram range reference:");
-  EXPECT_STREQ(m.portHistogramRangeMod.getLabel(1), "max");
-  EXPECT_STREQ(m.portHistogramBins.getLabel(0), "reference:");
-  EXPECT_EQ(m.portHistogramBins.getValue(1), 256);
-  EXPECT_STREQ(m.portOptions.getLabel(0), "Ignore finest resolution");
-  EXPECT_EQ(m.portOptions.getValue(0), 1);
-  EXPECT_STREQ(m.portOptions2.getLabel(0), "Localizer");
-  EXPECT_EQ(m.portOptions2.getValue(0), 0);
-  EXPECT_EQ(m.portAction.getNum(), 3);
-
-  // Shown and hidden at start.
-  EXPECT_TRUE(m.portOptimizer.isVisible());
-  EXPECT_FALSE(m.portExtensiveSearch.isVisible());
-  EXPECT_TRUE(m.portStep.isVisible());
-  EXPECT_FALSE(m.portCoarsestResolution.isVisible());
-  EXPECT_FALSE(m.portHistogramBins.isVisible());
-  EXPECT_TRUE(m.portExtendedOptions.isVisible());
-
-  // Run-time fields at rest.
-  EXPECT_EQ(m.computing, 0);
-  EXPECT_EQ(m.maxCoverage, 1.0);
-  EXPECT_EQ(m.dimensionMode, -1);
-  EXPECT_EQ(m.samplingFactor, 3);
-  EXPECT_EQ(m.stepFactor, 0.5);
-  EXPECT_EQ(m.parameterSource, 1);
-  EXPECT_EQ(m.ignoreFinest, 0);
-  EXPECT_EQ(m.functionals, nullptr);
-  EXPECT_EQ(m.optimizer, nullptr);
-  EXPECT_EQ(m.transform, nullptr);
-}
-
-TEST_F(VoxelRegistrationTest, ReferenceDefaultsOfCoarsestFactorsAndSteps) {
+TEST_F(VoxelRegistrationTest, DefaultsOfCoarsestFactorsAndStepsFollowTheInput) {
   struct Case {
-    int nx, ny, nz;
-    float vx, vy, vz;
+    int parameterSource;
+    const char* input;
     QbVec3i factors;
     float initial, final;
   } cases[] = {
       // About 30 voxels per axis at the coarsest level.
-      {64, 64, 64, 1, 1, 1, v3(2, 2, 2), 64 / 5.0f, float(1 / 6.0)},
-      // Too small for a second level.
-      {20, 20, 20, 1, 1, 1, v3(1, 1, 1), 4.0f, float(1 / 6.0)},
-      // Thick slices: x and y by 8, z by the truncation of 4 / 1.5.
-      {256, 256, 32, 1, 1, 4, v3(8, 8, 2), 51.2f, float(1 / 6.0)},
-      // Slices twice as thick: z by the truncation of 8 / 1.5.
-      {128, 128, 64, 1, 1, 2, v3(8, 8, 5), 25.6f, float(1 / 6.0)},
+      {1, "64 64 64", {2, 2, 2}, 64 / 5.0f, float(1 / 6.0)},
+      {1, "20 20 20", {1, 1, 1}, 4.0f, float(1 / 6.0)}, // too small for a second level
+      // Thick slices: x and y by 8, z by the truncation of 4 / 1.5 (8 / 1.5).
+      {1, "256 256 32 1 1 4", {8, 8, 2}, 51.2f, float(1 / 6.0)},
+      {1, "128 128 64 1 1 2", {8, 8, 5}, 25.6f, float(1 / 6.0)},
       // Nearly isotropic voxels count as isotropic.
-      {90, 60, 60, 1, 1.05f, 1.05f, v3(3, 2, 2), 18.0f, float(1 / 6.0)},
+      {1, "90 60 60 1 1.05 1.05", {3, 2, 2}, 18.0f, float(1 / 6.0)},
       // The longest axis (y) sets the initial step, the finest voxel the final.
-      {40, 80, 20, 0.5f, 2, 1, v3(8, 0 + 2, 4), 32.0f, float(0.5 / 6.0)},
+      {1, "40 80 20 0.5 2 1", {8, 2, 4}, 32.0f, float(0.5 / 6.0)},
+      // Parameters that follow the model: thick slices in z, then isotropic.
+      {0, "64 64 16 1 1 3", {4, 4, 2}, 64 / 5.0f, 0},
+      {0, "100 70 40", {3, 2, 1}, 20.0f, 0},
   };
   for (const Case& c : cases) {
     RegTestModule mod;
-    ZrUniformScalarField3* r = held(makeField(c.nx, c.ny, c.nz, c.vx, c.vy, c.vz));
-    mod.portReference.connect(r);
+    mod.parameterSource = c.parameterSource;
+    ZrUniformScalarField3* f = field(c.input);
+    (c.parameterSource ? mod.portReference : mod.portData).connect(f);
     mod.update();
-    SCOPED_TRACE(testing::Message() << c.nx << "x" << c.ny << "x" << c.nz);
-    for (int i = 0; i < 3; i++)
-      EXPECT_EQ(mod.portCoarsestResolution.getValue(i), c.factors[i]) << i;
-    EXPECT_EQ(mod.portStep.getValue(0), c.initial);
-    EXPECT_EQ(mod.portStep.getValue(1), c.final);
-    const int dims[3] = {c.nx, c.ny, c.nz};
     for (int i = 0; i < 3; i++) {
-      EXPECT_EQ(mod.portCoarsestResolution.getMinValue(i), 1);
-      EXPECT_EQ(mod.portCoarsestResolution.getMaxValue(i), dims[i] / 2);
+      EXPECT_EQ(mod.portCoarsestResolution.getValue(i), c.factors[i]) << c.input << " axis " << i;
+      EXPECT_EQ(mod.portCoarsestResolution.getMaxValue(i), f->getDims()[i] / 2) << c.input;
+    }
+    EXPECT_EQ(mod.portStep.getValue(0), c.initial) << c.input;
+    if (c.final > 0) {
+      EXPECT_EQ(mod.portStep.getValue(1), c.final) << c.input;
     }
   }
-  // The anisotropic case orders the axes finest first, the thick one last.
-  RegTestModule mod;
-  mod.references.append(held(makeField(256, 256, 32, 1, 1, 4)));
-  QbVec3d delta;
-  QbVec3i order;
-  mod.getMinDelta(delta, order, 0, 3);
-  EXPECT_EQ(order, v3(0, 1, 2));
-  EXPECT_EQ(delta, QbVec3d(1, 1, 4));
-}
-
-TEST_F(VoxelRegistrationTest, ModelDefaultsWhenParametersFollowTheModel) {
-  m.parameterSource = 0;
-  // Thick slices in z: x and y by the truncation of 1.5 times the ratio.
-  m.portData.connect(held(makeField(64, 64, 16, 1, 1, 3)));
-  m.update();
-  EXPECT_EQ(m.portCoarsestResolution.getValue(0), 4);
-  EXPECT_EQ(m.portCoarsestResolution.getValue(1), 4);
-  EXPECT_EQ(m.portCoarsestResolution.getValue(2), 2);
-  EXPECT_EQ(m.portCoarsestResolution.getMaxValue(2), 8);
-  EXPECT_EQ(m.portStep.getValue(0), 64 / 5.0f);
-  // Isotropic model: about 30 voxels per axis.
-  RegTestModule iso;
-  iso.parameterSource = 0;
-  iso.portData.connect(held(makeField(100, 70, 40)));
-  iso.update();
-  EXPECT_EQ(iso.portCoarsestResolution.getValue(0), 3);
-  EXPECT_EQ(iso.portCoarsestResolution.getValue(1), 2);
-  EXPECT_EQ(iso.portCoarsestResolution.getValue(2), 1);
 }
 
 TEST(ZrVoxelRegistrationBins, OneBinPerIntegerValueUpTo256) {
   struct Case {
     float min, max;
     int type, bins;
-  } cases[] = {{0, 1, QB_UINT8, 1},     {0, 100, QB_UINT8, 100},    {0, 255, QB_UINT8, 255},
-               {0, 256, QB_INT16, 256}, {0, 1000, QB_INT16, 250},   {0, 4095, QB_UINT16, 255},
-               {7, 7, QB_INT32, 1},     {-0.4f, 0.4f, QB_INT16, 1}, {-50, 49.6f, QB_INT16, 100},
-               {0, 255, QB_INT8, 255},  {0, 1000, QB_INT64, 250},   {0, 1000, QB_UINT32, 250},
-               {0, 100, QB_FLOAT, 256}, {0, 1, QB_DOUBLE, 256},     {-1000, 3000, 5, 256}};
+  } cases[] = {{0, 1, QB_UINT8, 1},
+               {0, 100, QB_UINT8, 100},
+               {0, 255, QB_UINT8, 255},
+               {0, 256, QB_INT16, 256},
+               {0, 1000, QB_INT16, 250},
+               {0, 4095, QB_UINT16, 255},
+               {7, 7, QB_INT32, 1},
+               {-0.4f, 0.4f, QB_INT16, 1},
+               {-50, 49.6f, QB_INT16, 100},
+               {0, 255, QB_INT8, 255},
+               {0, 1000, QB_INT64, 250},
+               {0, 1000, QB_UINT32, 250},
+               {0, 100, QB_FLOAT, 256},
+               {0, 1, QB_DOUBLE, 256},
+               {-1000, 3000, 5, 256},
+               // Bin widths are whole numbers: 600 / 256 rounds to 2, leaving 300 bins.
+               {0, 600, QB_INT16, 300}};
   for (const Case& c : cases)
     EXPECT_EQ(ZrVoxelRegistration::computeNumBins(c.min, c.max, c.type), c.bins)
         << c.min << " " << c.max << " type " << c.type;
 }
 
 TEST_F(VoxelRegistrationTest, UpdateWithBothInputs) {
-  ZrUniformScalarField3* r = held(makeField(40, 40, 40));
-  ZrUniformScalarField3* model = held(makeField(30, 30, 30, 1, 1, 1, QB_FLOAT));
+  ZrUniformScalarField3* model = field(30, 30, 30, 1, 1, 1, QB_FLOAT);
   for (size_t i = 0; i < model->lattice.numNodes(); i++)
     model->lattice.setValue(i, 0.5 * double(i % 1000));
-  m.portReference.connect(r);
-  m.portData.connect(model);
   m.portNLevelsGradient.setValue(0, 3.0f);
-  m.update();
-
+  connect(m, field(40, 40, 40), model);
   EXPECT_EQ(m.dimensionMode, 3);
-  EXPECT_EQ(m.references.size(), 1);
-  EXPECT_EQ(m.models.size(), 1);
-  EXPECT_EQ(m.modelClass, RegDataClassGrey);
   EXPECT_EQ(m.interpolator, RegInterpolatorStandard);
-  // A new input resets the gradient optimizer's settings.
+  // A new input resets the gradient optimizer's levels.
   EXPECT_EQ(m.portNLevelsGradient.getValue(0), 1.0f);
-  EXPECT_EQ(m.portNLevelsGradient.getValue(1), 0.0001f);
   // Ranges from the data; bins by the bin rule for the integer reference,
   // 256 for the float model.
-  EXPECT_EQ(m.portHistogramRangeRef.getValue(0), 0.0f);
   EXPECT_EQ(m.portHistogramRangeRef.getValue(1), 255.0f);
   EXPECT_EQ(m.portHistogramBins.getValue(0), 255);
   EXPECT_EQ(m.portHistogramRangeMod.getValue(1), 499.5f);
   EXPECT_EQ(m.portHistogramBins.getValue(1), 256);
-  EXPECT_EQ(m.ignoreFinest, 1);
-  // Without extended options the expert ports are hidden.
-  EXPECT_FALSE(m.portOptimizer.isVisible());
-  EXPECT_FALSE(m.portStep.isVisible());
-  EXPECT_FALSE(m.portOptions.isVisible());
-  EXPECT_TRUE(m.portMetric.isVisible());
-  m.untouchPorts(true);
-
   // A changed range gives new bins.
   m.portHistogramRangeRef.setValue(1, 1000.0f);
   m.update();
   EXPECT_EQ(m.portHistogramBins.getValue(0), 250);
   m.untouchPorts(true);
 
-  // Extended options show them; the range ports follow the metric.
-  m.portExtendedOptions.setValue(0, 1);
-  m.update();
-  EXPECT_TRUE(m.portOptimizer.isVisible());
-  EXPECT_TRUE(m.portCoarsestResolution.isVisible());
-  EXPECT_TRUE(m.portOptions2.isVisible());
-  EXPECT_FALSE(m.portExtensiveSearch.isVisible());
-  EXPECT_TRUE(m.portHistogramBins.isVisible());
-  m.portMetric.setIndex(0, 3);
-  m.update();
-  EXPECT_STREQ(m.portHistogramRangeRef.getLabel(), "Range reference:");
-  EXPECT_STREQ(m.portHistogramRangeMod.getLabel(), "Range model:");
-  EXPECT_TRUE(m.portHistogramRangeRef.isVisible());
-  EXPECT_FALSE(m.portHistogramBins.isVisible());
-  m.portMetric.setIndex(0, 2);
-  m.update();
-  EXPECT_FALSE(m.portHistogramRangeRef.isVisible());
-  m.portMetric.setIndex(0, 1);
-  m.update();
-  EXPECT_STREQ(m.portHistogramRangeRef.getLabel(), "Histogram range reference:");
-  EXPECT_TRUE(m.portHistogramBins.isVisible());
-  m.untouchPorts(true);
-
-  // The optimizer menu and the gradient optimizer's entries.
-  m.portOptimizer.setIndex(0, 4);
-  m.update();
-  EXPECT_EQ(m.portExtensiveSearch.getValue(0), 1);
-  EXPECT_TRUE(m.portExtensiveSearch.isVisible());
-  EXPECT_EQ(m.portNLevelsGradient.getValue(0), 2.0f);
-  EXPECT_TRUE(m.portNLevelsGradient.isSensitive(0));
-  EXPECT_TRUE(m.portNLevelsGradient.isSensitive(1));
-  m.untouchPorts(true);
-  m.portOptimizer.setIndex(0, 2);
-  m.update();
-  EXPECT_EQ(m.portExtensiveSearch.getValue(0), 0);
-  EXPECT_FALSE(m.portExtensiveSearch.isVisible());
-  EXPECT_EQ(m.portNLevelsGradient.getValue(0), 0.0f);
-  EXPECT_FALSE(m.portNLevelsGradient.isSensitive(0));
-  EXPECT_TRUE(m.portNLevelsGradient.isSensitive(1));
-  m.untouchPorts(true);
-  m.portOptimizer.setIndex(0, 1);
-  m.update();
-  m.untouchPorts(true);
-  // "Finest levels:" is a whole number; at 0 its tolerance does not matter.
-  m.portNLevelsGradient.setValue(0, 2.7f);
-  m.update();
-  EXPECT_EQ(m.portNLevelsGradient.getValue(0), 2.0f);
-  EXPECT_TRUE(m.portNLevelsGradient.isSensitive(1));
-  m.untouchPorts(true);
-  m.portNLevelsGradient.setValue(0, 0.5f);
-  m.update();
-  EXPECT_EQ(m.portNLevelsGradient.getValue(0), 0.0f);
-  EXPECT_FALSE(m.portNLevelsGradient.isSensitive(1));
-  m.untouchPorts(true);
-
-  m.portOptions.setValue(0, 0);
-  m.update();
-  EXPECT_EQ(m.ignoreFinest, 0);
+  // The optimizer menu sets the search and the gradient optimizer's levels:
+  // line search searches extensively on two levels, quasi-Newton alone on
+  // none; "Finest levels:" is a whole number, whose tolerance matters only
+  // above 0.
+  struct Step {
+    int optimizer;
+    float finestLevels; // < 0: left as it is
+    int extensive;
+    float levels;
+    bool levelsSensitive, toleranceSensitive;
+  } steps[] = {{4, -1, 1, 2, true, true},
+               {2, -1, 0, 0, false, true},
+               {1, 2.7f, 0, 2, true, true},
+               {1, 0.5f, 0, 0, true, false}};
+  for (const Step& s : steps) {
+    if (m.portOptimizer.getIndex(0) != s.optimizer) {
+      m.portOptimizer.setIndex(0, s.optimizer);
+      m.update();
+      m.untouchPorts(true);
+    }
+    if (s.finestLevels >= 0) {
+      m.portNLevelsGradient.setValue(0, s.finestLevels);
+      m.update();
+      m.untouchPorts(true);
+    }
+    EXPECT_EQ(m.portExtensiveSearch.getValue(0), s.extensive) << s.optimizer;
+    EXPECT_EQ(m.portNLevelsGradient.getValue(0), s.levels) << s.optimizer;
+    EXPECT_EQ(m.portNLevelsGradient.isSensitive(0), s.levelsSensitive) << s.optimizer;
+    EXPECT_EQ(m.portNLevelsGradient.isSensitive(1), s.toleranceSensitive) << s.optimizer;
+  }
 }
 
-TEST_F(VoxelRegistrationTest, FlatPairIsTwoDimensional) {
-  connect(held(makeField(64, 64, 1)), held(makeField(50, 50, 1)));
+TEST_F(VoxelRegistrationTest, FlatPairsAndLabelInputs) {
+  connect(m, field(64, 64, 1), field(50, 50, 1));
   EXPECT_EQ(m.dimensionMode, 2);
-  EXPECT_EQ(m.portCoarsestResolution.getValue(2), 1);
   // The flat axis is never reduced, whatever the user asks for.
   m.portCoarsestResolution.setValue(2, 5);
   m.update();
   EXPECT_EQ(m.portCoarsestResolution.getValue(2), 1);
-  // A full 3-D reference against a model flat in y.
-  RegTestModule mod;
-  mod.portReference.connect(held(makeField(20, 20, 20)));
-  mod.portData.connect(held(makeField(20, 1, 20)));
-  mod.update();
-  EXPECT_EQ(mod.dimensionMode, 1);
-}
 
-TEST_F(VoxelRegistrationTest, LabelInputsOfferTheLabelMetric) {
-  ZrUniformLabelField3* a = held(makeLabels(8));
-  ZrUniformLabelField3* b = held(makeLabels(6));
-  m.portReference.connect(a);
-  m.update();
-  m.untouchPorts(true);
-  EXPECT_EQ(m.referenceClass, RegDataClassLabel);
-  EXPECT_EQ(m.portMetric.getNum(0), 4);
-  m.portData.connect(b);
-  m.update();
-  m.untouchPorts(true);
-  EXPECT_EQ(m.modelClass, RegDataClassLabel);
-  EXPECT_EQ(m.interpolator, RegInterpolatorNearest);
-  ASSERT_EQ(m.portMetric.getNum(0), 5);
-  EXPECT_STREQ(m.portMetric.getLabel(0, 4), "Label difference");
-  EXPECT_EQ(m.portMetric.getIndex(0), 4);
-  // Disconnecting one input takes the entry away again.
-  m.portReference.disconnect();
-  m.update();
-  m.untouchPorts(true);
-  EXPECT_EQ(m.portMetric.getNum(0), 4);
-  EXPECT_EQ(m.portMetric.getIndex(0), 0);
-  // A grey model against a label reference: no label metric, interpolation.
-  m.portReference.connect(a);
-  m.portData.connect(held(makeField(6, 6, 6)));
-  m.update();
-  EXPECT_EQ(m.portMetric.getNum(0), 4);
-  EXPECT_EQ(m.interpolator, RegInterpolatorStandard);
-  EXPECT_EQ(m.modelClass, RegDataClassGrey);
+  // Two label fields offer (and select) the label metric; a grey model takes
+  // it away again, and is interpolated.
+  RegTestModule l;
+  ZrUniformLabelField3* a = field.labels(8);
+  connect(l, a, field.labels(6));
+  EXPECT_EQ(l.interpolator, RegInterpolatorNearest);
+  ASSERT_EQ(l.portMetric.getNum(0), 5);
+  EXPECT_STREQ(l.portMetric.getLabel(0, 4), "Label difference");
+  EXPECT_EQ(l.portMetric.getIndex(0), 4);
+  l.portReference.disconnect();
+  l.update();
+  EXPECT_EQ(l.portMetric.getNum(0), 4);
+  EXPECT_EQ(l.portMetric.getIndex(0), 0);
+  connect(l, a, field(6, 6, 6));
+  EXPECT_EQ(l.portMetric.getNum(0), 4);
+  EXPECT_EQ(l.interpolator, RegInterpolatorStandard);
 }
 
 TEST_F(VoxelRegistrationTest, GetDimensionClassifiesThePair) {
-  auto dimension = [this](ZrSpatialData* r, ZrSpatialData* mod, std::vector<std::string>* out) {
+  const std::string noTwoD = "Can't do even 2D registration\n";
+  const std::string twoAxes = "Lattice has dimension 1 in more than one direction.\n" + noTwoD;
+  const std::string crossed =
+      "Model's and reference's lattice have dimension 1\nin different directions.\n" + noTwoD;
+  struct Case {
+    const char *reference, *model;
+    int dimension;
+    std::string message;
+  } cases[] = {{"5 6 7", "4 4 4", 3, ""},       {"5 6 1", "4 4 1", 2, ""},
+               {"1 6 5", "4 4 4", 0, ""},       {"5 6 7", "4 1 4", 1, ""},
+               {"1 1 7", "4 4 4", -1, twoAxes}, {"5 6 1", "1 4 4", -1, crossed},
+               {"5 6 7", "1 4 1", -1, crossed}};
+  for (const Case& c : cases) {
     m.references.clear();
     m.models.clear();
-    m.references.append(r);
-    m.models.append(mod);
-    MessageLog log;
-    const int d = m.getDimension(0);
-    if (out)
-      *out = log.lines;
-    return d;
-  };
-  std::vector<std::string> lines;
-  EXPECT_EQ(dimension(held(makeField(5, 6, 7)), held(makeField(4, 4, 4)), &lines), 3);
-  EXPECT_TRUE(lines.empty());
-  EXPECT_EQ(dimension(held(makeField(5, 6, 1)), held(makeField(4, 4, 1)), nullptr), 2);
-  EXPECT_EQ(dimension(held(makeField(1, 6, 5)), held(makeField(4, 4, 4)), nullptr), 0);
-  EXPECT_EQ(dimension(held(makeField(5, 6, 7)), held(makeField(4, 1, 4)), nullptr), 1);
-
-  EXPECT_EQ(dimension(held(makeField(1, 1, 7)), held(makeField(4, 4, 4)), &lines), -1);
-  EXPECT_EQ(lines,
-            (std::vector<std::string>{"Lattice has dimension 1 in more than one direction.\n",
-                                      "Can't do even 2D registration\n"}));
-  EXPECT_EQ(dimension(held(makeField(5, 6, 1)), held(makeField(1, 4, 4)), &lines), -1);
-  EXPECT_EQ(lines, (std::vector<std::string>{"Model's and reference's lattice have dimension 1\n",
-                                             "in different directions.\n",
-                                             "Can't do even 2D registration\n"}));
-  // A model flat on two axes always fails.
-  EXPECT_EQ(dimension(held(makeField(5, 6, 7)), held(makeField(1, 4, 1)), nullptr), -1);
-
+    m.references.append(field(c.reference));
+    m.models.append(field(c.model));
+    log.lines.clear();
+    EXPECT_EQ(m.getDimension(0), c.dimension) << c.reference << " / " << c.model;
+    std::string all;
+    for (const std::string& l : log.lines)
+      all += l;
+    EXPECT_EQ(all, c.message);
+  }
   // The index is clamped to the references there are.
-  m.models[0] = held(makeField(4, 4, 4));
-  m.references.append(held(makeField(3, 1, 3)));
+  m.models[0] = field(4, 4, 4);
+  m.references.append(field(3, 1, 3));
   EXPECT_EQ(m.getDimension(7), 1);
 }
 
-TEST_F(VoxelRegistrationTest, VoxelSizesAndAxisOrder) {
-  struct Case {
-    float vx, vy, vz;
-    int skip;
-    QbVec3i order;
-  } cases[] = {
-      {1, 1, 1, 3, v3(1, 2, 0)}, // equal sizes: L 0 and S 0
-      {1, 1, 4, 3, v3(0, 1, 2)},
-      {1, 2, 0.5f, 3, v3(2, 0, 1)},
-      {4, 1, 1, 3, v3(1, 2, 0)},
-      {4, 2, 1, 3, v3(2, 1, 0)},
-      {1, 3, 2, 3, v3(0, 2, 1)},
-      {2, 1, 3, 3, v3(1, 0, 2)},
-      {3, 1, 2, 3, v3(1, 2, 0)},
-      // A flat axis always comes last.
-      {1, 1, 1, 2, v3(0, 1, 2)},
-      {2, 1, 1, 2, v3(1, 0, 2)},
-      {1, 1, 1, 0, v3(1, 2, 0)},
-      {1, 3, 2, 0, v3(2, 1, 0)},
-  };
-  for (const Case& c : cases) {
-    m.references.clear();
-    m.references.append(held(makeField(5, 5, 5, c.vx, c.vy, c.vz)));
-    QbVec3d delta;
-    QbVec3i order;
-    m.getMinDelta(delta, order, 0, c.skip);
-    EXPECT_EQ(order, c.order) << c.vx << " " << c.vy << " " << c.vz << " skip " << c.skip;
-    EXPECT_EQ(delta, QbVec3d(c.vx, c.vy, c.vz));
+TEST_F(VoxelRegistrationTest, OptimizerMenu) {
+  // Entries 2 and 3 are the gradient optimizer's quasi-Newton and conjugate
+  // gradients, 1 the best neighbour; an index beyond the menu has none and
+  // skips every level.
+  connect(m, field(16, 16, 16), field(16, 16, 16), QbVec3i(1, 1, 1));
+  for (int index = 0; index < 6; index++) {
+    std::unique_ptr<ZrOptimizer> o(m.createOptimizer(index, 0.5));
+    ASSERT_EQ(o != nullptr, index < 5) << index;
+    auto* g = dynamic_cast<ZrGradientOptimizer*>(o.get());
+    EXPECT_EQ(g ? g->method : -1, index == 2 ? 2 : index == 3 ? 1 : -1) << index;
+    EXPECT_EQ(dynamic_cast<ZrBestNeighbourOptimizer*>(o.get()) != nullptr, index == 1) << index;
   }
-
-  // `which`: above 0 the model, otherwise reference -which, clamped.
-  m.models.append(held(makeField(3, 3, 9, 2, 2, 0.5f)));
-  m.references.append(held(makeField(5, 1, 5, 3, 1, 3)));
-  QbVec3d delta;
-  QbVec3i order;
-  m.getMinDelta(delta, order, 1, 3);
-  EXPECT_EQ(delta, QbVec3d(2, 2, 0.5));
-  m.getMinDelta(delta, order, -5, 3);
-  EXPECT_EQ(delta, QbVec3d(3, 0, 3)); // a flat axis has no extent
-
-  // Slices: the gap between the last two slices stands for z.
-  const int dims[3] = {4, 5, 4};
-  const float xy[4] = {0, 6, 0, 2};
-  const float z[4] = {0, 1, 3, 3.5f};
-  m.references.clear();
-  m.references.append(held(new ZrStackedScalarField3(dims, QB_UINT8, xy, z)));
-  m.getMinDelta(delta, order, 0, 3);
-  EXPECT_EQ(delta, QbVec3d(2, 0.5, 0.5));
-  const int single[3] = {4, 1, 1};
-  m.references.clear();
-  m.references.append(held(new ZrStackedScalarField3(single, QB_UINT8, xy, z)));
-  m.getMinDelta(delta, order, 0, 3);
-  EXPECT_EQ(delta, QbVec3d(2, 1e20, 1e20));
+  m.portOptimizer.setIndex(0, 7);
+  m.ignoreFinest = 0;
+  m.recordOnly = true;
+  m.doRegistration();
+  EXPECT_TRUE(m.resolutions.empty());
+  EXPECT_EQ(m.numDoneRegistration, 1);
 }
 
 TEST_F(VoxelRegistrationTest, MaxCoverageIsTheExtentRatio) {
-  m.references.append(held(makeField(21, 21, 41)));      // 20 x 20 x 40
-  m.models.append(held(makeField(11, 11, 11, 1, 1, 2))); // 10 x 10 x 20
-  m.dimensionMode = 3;
-  m.calculateMaxCoverage();
-  EXPECT_DOUBLE_EQ(m.maxCoverage, 2000.0 / 16000.0);
-  m.dimensionMode = 0; // the area across x
-  m.calculateMaxCoverage();
-  EXPECT_DOUBLE_EQ(m.maxCoverage, 200.0 / 800.0);
-  m.dimensionMode = 2;
-  m.calculateMaxCoverage();
-  EXPECT_DOUBLE_EQ(m.maxCoverage, 100.0 / 400.0);
+  m.references.append(field(21, 21, 41));      // 20 x 20 x 40
+  m.models.append(field(11, 11, 11, 1, 1, 2)); // 10 x 10 x 20
+  const double coverage[4] = {200.0 / 800.0, -1, 100.0 / 400.0, 2000.0 / 16000.0};
+  for (int mode : {0, 2, 3}) {
+    m.dimensionMode = mode;
+    m.calculateMaxCoverage();
+    EXPECT_DOUBLE_EQ(m.maxCoverage, coverage[mode]) << mode;
+  }
   // A reference smaller than the model leaves the value as it was.
   m.maxCoverage = 0.7;
-  m.models[0] = held(makeField(31, 31, 51));
-  m.dimensionMode = 3;
+  m.models[0] = field(31, 31, 51);
   m.calculateMaxCoverage();
   EXPECT_EQ(m.maxCoverage, 0.7);
-  // Equal extents cover fully.
   m.models[0] = m.references[0];
   m.calculateMaxCoverage();
   EXPECT_EQ(m.maxCoverage, 1.0);
 }
 
-TEST_F(VoxelRegistrationTest, PyramidOfAnIsotropicField) {
-  plan(held(makeField(32, 32, 32)), held(makeField(32, 32, 32)), v3(8, 8, 8));
-  ZrVoxelRegistration::LevelArray refLevels, modLevels;
-  QbVec3i coarsest = v3(8, 8, 8);
-  MessageLog log;
-  m.doResampling(&refLevels, coarsest, &modLevels);
-  EXPECT_EQ(m.referenceFactors,
-            (std::vector<QbVec3i>{v3(1, 1, 1), v3(2, 2, 2), v3(4, 4, 4), v3(8, 8, 8)}));
-  EXPECT_EQ(m.modelFactors, m.referenceFactors);
-  EXPECT_EQ(refLevels.size(), 4);
-  EXPECT_EQ(modLevels.size(), 4);
-  EXPECT_EQ(refLevels[0][0], m.references[0]);
-  EXPECT_EQ(modLevels[0][0], m.models[0]);
+TEST_F(VoxelRegistrationTest, PyramidPlans) {
+  struct Case {
+    const char *reference, *model;
+    QbVec3i coarsest;
+    int factor;
+    bool localizer;
+    const char *referenceFactors, *modelFactors; // null: as the reference's
+  } cases[] = {
+      {"32 32 32", "32 32 32", {8, 8, 8}, 2, false, "1 1 1, 2 2 2, 4 4 4, 8 8 8", nullptr},
+      {"32 32 32", "32 32 32", {9, 9, 9}, 3, false, "1 1 1, 3 3 3, 9 9 9", nullptr},
+      // Thick slices: x and y alone until the voxels are nearly cubic; the
+      // model keeps the reference's voxel size (its own are twice as large).
+      {"256 256 32 1 1 4",
+       "128 128 32 2 2 4",
+       {8, 8, 2},
+       2,
+       false,
+       "1 1 1, 2 2 1, 4 4 2, 8 8 2",
+       "1 1 1, 1 1 1, 2 2 2, 4 4 2"},
+      // 1 x 1.5 x 6: x first, y follows with the count of its voxels nearest
+      // to x's new size (2.67 rounds to 3), then all together.
+      {"64 64 16 1 1.5 6",
+       "64 64 16 1 1.5 6",
+       {8, 8, 2},
+       2,
+       false,
+       "1 1 1, 2 1 1, 4 3 1, 8 6 2, 8 8 2",
+       nullptr},
+      // A flat pair asked for (4, 4, 9) behaves as (4, 4, 1).
+      {"64 64 1", "64 64 1", {4, 4, 9}, 2, false, "1 1 1, 2 2 1, 4 4 1", nullptr},
+      // A localizer keeps its slice direction at 1; the model's slice axis
+      // follows the reference's finest axis instead.
+      {"32 32 16 1 1 2",
+       "32 32 16 1 1 2",
+       {4, 4, 4},
+       2,
+       true,
+       "1 1 1, 2 2 1, 4 4 1",
+       "1 1 1, 2 2 1, 4 4 2"},
+      // All factors 1: one level holding the inputs.
+      {"32 32 32", "32 32 32", {1, 1, 1}, 2, false, "1 1 1", nullptr},
+  };
+  for (const Case& c : cases) {
+    RegTestModule mod;
+    connect(mod, field(c.reference), field(c.model), c.coarsest, c.factor);
+    mod.portOptions2.setValue(0, c.localizer ? 1 : 0);
+    ZrVoxelRegistration::LevelArray refLevels, modLevels;
+    QbVec3i coarsest = c.coarsest;
+    mod.doResampling(&refLevels, coarsest, &modLevels);
+    const Factors expected = factors(c.referenceFactors);
+    EXPECT_EQ(mod.referenceFactors, expected) << c.reference;
+    EXPECT_EQ(mod.modelFactors, c.modelFactors ? factors(c.modelFactors) : expected) << c.model;
+    ASSERT_EQ(refLevels.size(), int(expected.size()));
+    EXPECT_EQ(modLevels.size(), refLevels.size());
+    EXPECT_EQ(refLevels[0][0], mod.references[0]);
+    EXPECT_EQ(modLevels[0][0], mod.models[0]);
+  }
+  // The planning reports each reduction.
+  connect(m, field(32, 32, 32), field(32, 32, 32), QbVec3i(8, 8, 8));
+  ZrVoxelRegistration::LevelArray r, mo;
+  QbVec3i coarsest(8, 8, 8);
+  log.lines.clear();
+  m.doResampling(&r, coarsest, &mo);
   EXPECT_EQ(log.count("Sampling reference to: (4, 4, 4)\n"), 1);
   EXPECT_EQ(log.count("Sampling model to: (8, 8, 8)\n"), 1);
-
-  // With factor 3 the same field takes two steps to (9, 9, 9).
-  m.referenceFactors.clear();
-  m.samplingFactor = 3;
-  ZrVoxelRegistration::LevelArray r3, m3;
-  coarsest = v3(9, 9, 9);
-  m.doResampling(&r3, coarsest, &m3);
-  EXPECT_EQ(m.referenceFactors, (std::vector<QbVec3i>{v3(1, 1, 1), v3(3, 3, 3), v3(9, 9, 9)}));
-
-  // All factors 1: one level holding the inputs.
-  m.referenceFactors.clear();
-  ZrVoxelRegistration::LevelArray r1, m1;
-  coarsest = v3(1, 1, 1);
-  m.doResampling(&r1, coarsest, &m1);
-  ASSERT_EQ(r1.size(), 1);
-  EXPECT_EQ(r1[0][0], m.references[0]);
-  EXPECT_EQ(m1[0][0], m.models[0]);
-}
-
-TEST_F(VoxelRegistrationTest, PyramidOfThickSlices) {
-  // 256 x 256 x 32 voxels of 1 x 1 x 4: x and y are reduced alone until the
-  // voxels are nearly cubic, then all axes together.
-  plan(held(makeField(256, 256, 32, 1, 1, 4)), held(makeField(128, 128, 32, 2, 2, 4)), v3(8, 8, 2));
-  ZrVoxelRegistration::LevelArray refLevels, modLevels;
-  QbVec3i coarsest = v3(8, 8, 2);
-  m.doResampling(&refLevels, coarsest, &modLevels);
-  EXPECT_EQ(m.referenceFactors,
-            (std::vector<QbVec3i>{v3(1, 1, 1), v3(2, 2, 1), v3(4, 4, 2), v3(8, 8, 2)}));
-  // The model keeps the reference's voxel size: its voxels are twice as
-  // large in x and y.
-  EXPECT_EQ(m.modelFactors,
-            (std::vector<QbVec3i>{v3(1, 1, 1), v3(1, 1, 1), v3(2, 2, 2), v3(4, 4, 2)}));
-  EXPECT_EQ(modLevels.size(), 4);
-}
-
-TEST_F(VoxelRegistrationTest, PyramidOfThickSlicesWithUnequalInPlaneVoxels) {
-  // Voxels of 1 x 1.5 x 6: x is reduced first, y follows with the count of
-  // its voxels nearest to x's new size (2.67 rounds to 3), then all together.
-  plan(held(makeField(64, 64, 16, 1, 1.5f, 6)), held(makeField(64, 64, 16, 1, 1.5f, 6)),
-       v3(8, 8, 2));
-  ZrVoxelRegistration::LevelArray refLevels, modLevels;
-  QbVec3i coarsest = v3(8, 8, 2);
-  m.doResampling(&refLevels, coarsest, &modLevels);
-  EXPECT_EQ(m.referenceFactors, (std::vector<QbVec3i>{v3(1, 1, 1), v3(2, 1, 1), v3(4, 3, 1),
-                                                      v3(8, 6, 2), v3(8, 8, 2)}));
-  EXPECT_EQ(m.modelFactors, m.referenceFactors);
-}
-
-TEST_F(VoxelRegistrationTest, PyramidOfAFlatPair) {
-  // A 2-D pair with coarsest (4, 4, 9) behaves as (4, 4, 1).
-  plan(held(makeField(64, 64, 1)), held(makeField(64, 64, 1)), v3(4, 4, 9));
-  ZrVoxelRegistration::LevelArray refLevels, modLevels;
-  QbVec3i coarsest = v3(4, 4, 9);
-  m.doResampling(&refLevels, coarsest, &modLevels);
-  EXPECT_EQ(m.referenceFactors, (std::vector<QbVec3i>{v3(1, 1, 1), v3(2, 2, 1), v3(4, 4, 1)}));
-  EXPECT_EQ(m.modelFactors, m.referenceFactors);
-
-  // A localizer keeps its slice direction (the coarsest axis) at 1.
-  RegTestModule loc;
-  loc.fakeResampling = true;
-  loc.samplingFactor = 2;
-  loc.portOptions2.setValue(0, 1);
-  loc.references.append(held(makeField(32, 32, 16, 1, 1, 2)));
-  loc.models.append(held(makeField(32, 32, 16, 1, 1, 2)));
-  ZrVoxelRegistration::LevelArray lr, lm;
-  coarsest = v3(4, 4, 4);
-  loc.doResampling(&lr, coarsest, &lm);
-  EXPECT_EQ(loc.referenceFactors, (std::vector<QbVec3i>{v3(1, 1, 1), v3(2, 2, 1), v3(4, 4, 1)}));
-  // The model's slice axis follows the reference's finest axis instead.
-  EXPECT_EQ(loc.modelFactors, (std::vector<QbVec3i>{v3(1, 1, 1), v3(2, 2, 1), v3(4, 4, 2)}));
-}
-
-TEST_F(VoxelRegistrationTest, IsotropicStepRoundsAndJumps) {
-  // A remainder of less than one and a half steps is taken in one jump, the
-  // other axes grow by the same ratio, rounded half to even.
-  m.samplingFactor = 2;
-  QbVec3i factors = v3(4, 3, 1), coarsest = v3(10, 20, 1);
-  bool keepGoing[3] = {true, true, false};
-  m.sampleInIsotropy(factors, keepGoing, coarsest, 2);
-  EXPECT_EQ(factors, v3(10, 8, 1)); // 3 * 2.5 = 7.5 -> 8
-  EXPECT_FALSE(keepGoing[0]);
-  EXPECT_TRUE(keepGoing[1]);
-  factors = v3(4, 5, 1);
-  keepGoing[0] = keepGoing[1] = true;
-  m.sampleInIsotropy(factors, keepGoing, coarsest, 2);
-  EXPECT_EQ(factors, v3(10, 12, 1)); // 5 * 2.5 = 12.5 -> 12
-  // A remainder of one and a half steps or more takes a normal step.
-  factors = v3(2, 2, 2);
-  coarsest = v3(6, 6, 6);
-  bool all[3] = {true, true, true};
-  m.sampleInIsotropy(factors, all, coarsest, 3);
-  EXPECT_EQ(factors, v3(4, 4, 4));
-  m.sampleInIsotropy(factors, all, coarsest, 3);
-  EXPECT_EQ(factors, v3(6, 6, 6));
-  EXPECT_FALSE(all[0] || all[1] || all[2]);
 }
 
 TEST_F(VoxelRegistrationTest, LaterReferenceChannelsFollowTheirOwnPlan) {
   // Channel 1 has thick voxels in y and z: its first pass changes nothing but
   // still counts as a level, so it runs one level behind, and its last
   // reduction has no level to go to.
-  plan(held(makeField(16, 16, 16)), held(makeField(16, 16, 16)), v3(1, 4, 4));
-  m.references.append(held(makeField(16, 4, 4, 1, 4, 4)));
+  connect(m, field(16, 16, 16), field(16, 16, 16), QbVec3i(1, 4, 4));
+  m.references.append(field(16, 4, 4, 1, 4, 4));
   ZrVoxelRegistration::LevelArray refLevels, modLevels;
-  QbVec3i coarsest = v3(1, 4, 4);
+  QbVec3i coarsest(1, 4, 4);
   const int poolSize = ZrObjectPool::getTheObjectPool()->getNumObjects();
   m.doResampling(&refLevels, coarsest, &modLevels);
-  EXPECT_EQ(m.referenceFactors,
-            (std::vector<QbVec3i>{v3(1, 1, 1), v3(1, 2, 2), v3(1, 4, 4),                 // ref 0
-                                  v3(1, 1, 1), v3(1, 1, 1), v3(1, 2, 2), v3(1, 4, 4)})); // ref 1
+  EXPECT_EQ(m.referenceFactors, factors("1 1 1, 1 2 2, 1 4 4, 1 1 1, 1 1 1, 1 2 2, 1 4 4"));
   ASSERT_EQ(refLevels.size(), 3);
   for (int i = 0; i < 3; i++) {
     ASSERT_EQ(refLevels[i].size(), 2) << i;
@@ -668,237 +531,217 @@ TEST_F(VoxelRegistrationTest, LaterReferenceChannelsFollowTheirOwnPlan) {
   }
   EXPECT_EQ(modLevels.size(), 3);
   EXPECT_EQ(ZrObjectPool::getTheObjectPool()->getNumObjects(), poolSize);
+
+  // Lattices flat on different axes make no level at all.
+  RegTestModule bad;
+  bad.references.append(field(8, 1, 8));
+  bad.models.append(field(8, 8, 1));
+  bad.fakeResampling = true;
+  ZrVoxelRegistration::LevelArray br, bm;
+  coarsest = QbVec3i(2, 2, 2);
+  bad.doResampling(&br, coarsest, &bm);
+  EXPECT_EQ(br.size(), 0);
+  EXPECT_EQ(bm.size(), 0);
+  EXPECT_TRUE(bad.referenceFactors.empty());
 }
 
-TEST_F(VoxelRegistrationTest, IncompatibleLatticesMakeNoLevel) {
-  m.references.append(held(makeField(8, 1, 8)));
-  m.models.append(held(makeField(8, 8, 1)));
-  m.fakeResampling = true;
-  ZrVoxelRegistration::LevelArray refLevels, modLevels;
-  QbVec3i coarsest = v3(2, 2, 2);
-  MessageLog log;
-  m.doResampling(&refLevels, coarsest, &modLevels);
-  EXPECT_EQ(refLevels.size(), 0);
-  EXPECT_EQ(modLevels.size(), 0);
-  EXPECT_TRUE(m.referenceFactors.empty());
-}
-
-namespace {
-// Four levels of an isotropic pair: (1), (2), (4), (8).
-const QbVec3i kFourLevels = v3(8, 8, 8);
-} // namespace
-
-TEST_F(VoxelRegistrationTest, StepScheduleWithRamp) {
-  plan(held(makeField(32, 32, 32)), held(makeField(32, 32, 32)), kFourLevels);
-  configureRun(10.0f, 0.5f, 0, 0);
-  m.recordOnly = true;
-  m.doRegistration();
-  ASSERT_EQ(m.resolutions.size(), 4u);
-  // Coarsest first. The end step walks down to the final step exactly; the
-  // start step shrinks by 0.6, then 0.55, 0.5.
-  const double starts[4] = {10.0, 10.0 * 0.6, 10.0 * 0.6 * 0.55, 10.0 * 0.6 * 0.55 * 0.5};
-  const double ends[4] = {2.0, 1.5, 1.0, 0.5};
-  for (int i = 0; i < 4; i++) {
-    EXPECT_EQ(m.resolutions[i].level, i);
-    EXPECT_EQ(m.resolutions[i].numLevels, 4);
-    EXPECT_NEAR(m.resolutions[i].start, starts[i], 1e-12) << i;
-    EXPECT_DOUBLE_EQ(m.resolutions[i].end, ends[i]) << i;
-    EXPECT_TRUE(m.resolutions[i].hasOptimizer);
-    EXPECT_FALSE(m.resolutions[i].gradient);
+TEST_F(VoxelRegistrationTest, StepSchedules) {
+  const double f1 = 0.1f * 1.0f * 3.0f, f2 = double(0.1f);
+  struct Case {
+    int n, coarsest, factor;
+    float initial, final;
+    std::vector<double> starts, ends;
+  } cases[] = {
+      // Coarsest first. The end step walks down to the final step exactly;
+      // the start step shrinks by 0.6, then 0.55, 0.5.
+      {32, 8, 2, 10.0f, 0.5f, {10, 6, 3.3, 1.65}, {2.0, 1.5, 1.0, 0.5}},
+      // The first end step is 0.1f * 1 * 3 formed in float, and each level
+      // subtracts 0.1f formed in float.
+      {16, 4, 2, 10.0f, 0.1f, {}, {f1, f1 - f2, f1 - f2 - f2}},
+      // Factor 3 ends at twice the final step.
+      {32, 9, 3, 10.0f, 0.5f, {}, {3.0, 2.0, 1.0}},
+      // A final step above the initial one: both steps are the initial one.
+      {32, 8, 2, 1.0f, 2.0f, {1, 1, 1, 1}, {1, 1, 1, 1}},
+      // A ramp that would start above the initial step: fixed steps.
+      {32, 8, 2, 1.0f, 0.5f, {1, 1, 1, 1}, {0.5, 0.5, 0.5, 0.5}},
+  };
+  for (const Case& c : cases) {
+    RegTestModule mod;
+    connect(mod, field(c.n, c.n, c.n), field(c.n, c.n, c.n),
+            QbVec3i(c.coarsest, c.coarsest, c.coarsest), c.factor);
+    record(mod, c.initial, c.final, 0, 0);
+    SCOPED_TRACE(testing::Message() << c.initial << " to " << c.final << ", factor " << c.factor);
+    ASSERT_EQ(mod.resolutions.size(), c.ends.size());
+    for (size_t i = 0; i < c.ends.size(); i++) {
+      const auto& r = mod.resolutions[i];
+      EXPECT_EQ(r.level, int(i));
+      EXPECT_EQ(r.numLevels, int(c.ends.size()));
+      EXPECT_DOUBLE_EQ(r.end, c.ends[i]) << i;
+      if (!c.starts.empty()) {
+        EXPECT_NEAR(r.start, c.starts[i], 1e-12) << i;
+      }
+      EXPECT_TRUE(r.hasOptimizer && !r.gradient);
+    }
+    EXPECT_EQ(mod.numDoneRegistration, 1);
+    EXPECT_EQ(mod.functionals, nullptr);
+    EXPECT_EQ(mod.optimizer, nullptr);
+    EXPECT_EQ(mod.currentFunctional, nullptr);
+    EXPECT_TRUE(mod.watch.isStopped());
   }
-  EXPECT_EQ(m.numCreateFunctional, 4);
-  EXPECT_EQ(m.numDoneRegistration, 1);
-  EXPECT_EQ(m.functionals, nullptr);
-  EXPECT_EQ(m.optimizer, nullptr);
-  EXPECT_EQ(m.currentFunctional, nullptr);
-  EXPECT_TRUE(m.watch.isStopped());
+  // The ramp's factor stops at one fifth: twelve levels of a flat 2048 x 2048.
+  connect(m, field(2048, 2048, 1), field(2048, 2048, 1), QbVec3i(2048, 2048, 1));
+  record(m, 1000.0f, 0.001f, 0, 0);
+  ASSERT_EQ(m.resolutions.size(), 12u);
+  const double ratios[11] = {0.6, 0.55, 0.5, 0.45, 0.4, 0.35, 0.3, 0.25, 0.2, 0.2, 0.2};
+  for (int i = 0; i < 11; i++)
+    EXPECT_NEAR(m.resolutions[i + 1].start / m.resolutions[i].start, ratios[i], 1e-12) << i;
 }
 
-TEST_F(VoxelRegistrationTest, StepScheduleInSinglePrecision) {
-  // Three levels; the first end step is 0.1f * 1 * 3 formed in float, and
-  // each level subtracts 0.1f * 1 formed in float.
-  plan(held(makeField(16, 16, 16)), held(makeField(16, 16, 16)), v3(4, 4, 4));
-  configureRun(10.0f, 0.1f, 0, 0);
-  m.recordOnly = true;
-  m.doRegistration();
-  ASSERT_EQ(m.resolutions.size(), 3u);
-  const double first = 0.1f * 1.0f * 3.0f;
-  EXPECT_NE(first, double(0.1f) * 3.0);
-  EXPECT_EQ(m.resolutions[0].end, first);
-  EXPECT_EQ(m.resolutions[1].end, first - double(0.1f));
-  EXPECT_EQ(m.resolutions[2].end, first - double(0.1f) - double(0.1f));
-}
-
-TEST_F(VoxelRegistrationTest, StepScheduleWithSamplingFactorThree) {
-  // Factor 3 ends at twice the final step.
-  plan(held(makeField(32, 32, 32)), held(makeField(32, 32, 32)), v3(9, 9, 9), 3);
-  configureRun(10.0f, 0.5f, 0, 0);
-  m.recordOnly = true;
-  m.doRegistration();
-  ASSERT_EQ(m.resolutions.size(), 3u);
-  EXPECT_DOUBLE_EQ(m.resolutions[0].end, 3.0);
-  EXPECT_DOUBLE_EQ(m.resolutions[1].end, 2.0);
-  EXPECT_DOUBLE_EQ(m.resolutions[2].end, 1.0);
-}
-
-TEST_F(VoxelRegistrationTest, StepScheduleWithoutRamp) {
-  plan(held(makeField(32, 32, 32)), held(makeField(32, 32, 32)), kFourLevels);
-  m.recordOnly = true;
-  // A final step above the initial one: both steps are the initial one.
-  configureRun(1.0f, 2.0f, 0, 0);
-  m.doRegistration();
-  ASSERT_EQ(m.resolutions.size(), 4u);
-  for (const auto& r : m.resolutions) {
-    EXPECT_EQ(r.start, 1.0);
-    EXPECT_EQ(r.end, 1.0);
-  }
-  // A ramp that would start above the initial step: fixed steps.
-  m.resolutions.clear();
-  configureRun(1.0f, 0.5f, 0, 0);
-  m.doRegistration();
-  ASSERT_EQ(m.resolutions.size(), 4u);
-  for (const auto& r : m.resolutions) {
-    EXPECT_EQ(r.start, 1.0);
-    EXPECT_EQ(r.end, 0.5);
+TEST_F(VoxelRegistrationTest, GradientSwitchAtTheFinestLevels) {
+  connect(m, field(32, 32, 32), field(32, 32, 32), QbVec3i(8, 8, 8));
+  m.portNLevelsGradient.setValue(1, 0.001f);
+  const double tol = double(0.001f);
+  // The tolerance grows tenfold towards the finest level (0: the search of
+  // the menu); level 0 never switches, even when all levels are asked for.
+  struct Case {
+    int finestLevels, ignoreFinest;
+    std::vector<double> tolerances;
+  } cases[] = {{2, 0, {0, 0, tol, 10 * tol}},
+               {1, 1, {0, 0, tol}},
+               {0, 0, {0, 0, 0, 0}},
+               {0, 1, {0, 0, 0}},
+               {10, 0, {0, tol, 10 * tol, 100 * tol}}};
+  for (const Case& c : cases) {
+    record(m, 1024.0f, 0.5f, c.finestLevels, c.ignoreFinest);
+    ASSERT_EQ(m.resolutions.size(), c.tolerances.size());
+    for (size_t i = 0; i < c.tolerances.size(); i++) {
+      const auto& r = m.resolutions[i];
+      EXPECT_EQ(r.gradient, c.tolerances[i] > 0) << c.finestLevels << " level " << i;
+      EXPECT_DOUBLE_EQ(r.tolerance, c.tolerances[i]) << c.finestLevels << " level " << i;
+      // The gradient's start step is the initial one over 1024, but not
+      // below the final one; the end steps keep their ramp.
+      if (r.gradient) {
+        EXPECT_EQ(r.start, 1.0);
+      }
+    }
+    if (!c.ignoreFinest) {
+      EXPECT_DOUBLE_EQ(m.resolutions.back().end, 0.5);
+    }
   }
 }
 
-TEST_F(VoxelRegistrationTest, RampFactorStopsAtOneFifth) {
-  // Ten levels of a flat 1024 x 1024 field.
-  plan(held(makeField(1024, 1024, 1)), held(makeField(1024, 1024, 1)), v3(512, 512, 1));
-  configureRun(1000.0f, 0.001f, 0, 0);
-  m.recordOnly = true;
-  m.doRegistration();
-  ASSERT_EQ(m.resolutions.size(), 10u);
-  const double factors[9] = {0.6, 0.55, 0.5, 0.45, 0.4, 0.35, 0.3, 0.25, 0.2};
-  for (int i = 0; i < 9; i++)
-    EXPECT_NEAR(m.resolutions[i + 1].start / m.resolutions[i].start, factors[i], 1e-12) << i;
-}
-
-TEST_F(VoxelRegistrationTest, IgnoreFinestResolution) {
-  plan(held(makeField(32, 32, 32)), held(makeField(32, 32, 32)), kFourLevels);
-  configureRun(10.0f, 0.5f, 0, 1);
-  m.recordOnly = true;
-  m.doRegistration();
-  ASSERT_EQ(m.resolutions.size(), 3u);
-  EXPECT_EQ(m.resolutions.back().level, 2);
-  EXPECT_EQ(m.numDoneRegistration, 1);
-  EXPECT_EQ(m.functionals, nullptr);
-
-  // A single level is skipped altogether: the transform stays as it was.
+TEST_F(VoxelRegistrationTest, ASingleLevelIsSkippedWhenTheFinestIsIgnored) {
   RegTestModule one;
-  one.portReference.connect(held(makeField(20, 20, 20)));
-  one.portData.connect(held(makeField(20, 20, 20)));
-  one.update();
+  connect(one, field(20, 20, 20), field(20, 20, 20));
   EXPECT_EQ(one.ignoreFinest, 1);
   one.portOptimizer.setIndex(0, 1);
-  MessageLog log;
+  log.lines.clear();
   one.doRegistration();
   EXPECT_TRUE(one.resolutions.empty());
   EXPECT_EQ(one.numDoneRegistration, 1);
   EXPECT_EQ(log.count("elapsed time: "), 1);
   ASSERT_NE(one.transform, nullptr);
-  auto* t = static_cast<RegAffineTransform*>(one.transform);
   for (int i = 0; i < 6; i++)
-    EXPECT_NEAR(t->paramVector[i], 0.0, 1e-9);
+    EXPECT_NEAR(static_cast<RegAffineTransform*>(one.transform)->paramVector[i], 0.0, 1e-9);
 }
 
-TEST_F(VoxelRegistrationTest, GradientSwitchAtTheFinestLevels) {
-  plan(held(makeField(32, 32, 32)), held(makeField(32, 32, 32)), kFourLevels);
-  configureRun(1024.0f, 0.5f, 2, 0);
-  m.portNLevelsGradient.setValue(1, 0.001f);
-  m.recordOnly = true;
-  m.doRegistration();
-  ASSERT_EQ(m.resolutions.size(), 4u);
-  EXPECT_FALSE(m.resolutions[0].gradient);
-  EXPECT_FALSE(m.resolutions[1].gradient);
-  // The tolerance grows tenfold towards the finest level; the start step is
-  // the initial one over 1024, but not below the final one.
-  EXPECT_TRUE(m.resolutions[2].gradient);
-  EXPECT_DOUBLE_EQ(m.resolutions[2].tolerance, double(0.001f));
-  EXPECT_TRUE(m.resolutions[3].gradient);
-  EXPECT_DOUBLE_EQ(m.resolutions[3].tolerance, 10.0 * double(0.001f));
-  EXPECT_EQ(m.resolutions[2].start, 1.0);
-  EXPECT_EQ(m.resolutions[3].start, 1.0);
-  // The end steps keep their ramp.
-  EXPECT_DOUBLE_EQ(m.resolutions[3].end, 0.5);
+namespace {
 
-  // With the finest level ignored the switch moves down with it.
-  m.resolutions.clear();
-  configureRun(1024.0f, 0.5f, 1, 1);
-  m.doRegistration();
-  ASSERT_EQ(m.resolutions.size(), 3u);
-  EXPECT_FALSE(m.resolutions[1].gradient);
-  EXPECT_TRUE(m.resolutions[2].gradient);
-  EXPECT_DOUBLE_EQ(m.resolutions[2].tolerance, double(0.001f));
+// Translation (voxels), rotation (degrees); unit scale; the centre in the
+// middle of the box, where the transform puts it after reading a matrix.
+const double kTruth[15] = {1.7, -2.3, 1.2, 3.0, -2.0, 4.0, 1, 1, 1, 0, 0, 0, 15.5, 15.5, 15.5};
 
-  // "Finest levels:" 0 never switches, ignored finest level or not.
-  for (int ignore : {0, 1}) {
-    m.resolutions.clear();
-    configureRun(1024.0f, 0.5f, 0, ignore);
-    m.doRegistration();
-    for (const auto& r : m.resolutions)
-      EXPECT_FALSE(r.gradient);
-  }
-  // Level 0 never switches, even when all levels are asked for.
-  m.resolutions.clear();
-  configureRun(1024.0f, 0.5f, 10, 0);
-  m.doRegistration();
-  ASSERT_EQ(m.resolutions.size(), 4u);
-  EXPECT_FALSE(m.resolutions[0].gradient);
-  EXPECT_TRUE(m.resolutions[1].gradient);
-  EXPECT_DOUBLE_EQ(m.resolutions[3].tolerance, 100.0 * double(0.001f));
+SbMatrixd trueMatrix() {
+  RegAffineTransform t;
+  for (int i = 0; i < 15; i++)
+    t.paramVector[i] = kTruth[i];
+  t.composeMatrix();
+  return t.matrix;
 }
 
-TEST_F(VoxelRegistrationTest, OptimizerMenu) {
-  plan(held(makeField(16, 16, 16)), held(makeField(16, 16, 16)), v3(1, 1, 1));
-  m.portNLevelsGradient.setValue(1, 0.01f);
-  for (int index = 0; index < 6; index++) {
-    ZrOptimizer* o = m.createOptimizer(index, 0.5);
-    if (index == 5) {
-      EXPECT_EQ(o, nullptr);
-      continue;
-    }
-    ASSERT_NE(o, nullptr) << index;
-    EXPECT_EQ(o->callback, static_cast<RegOptimizerCallback*>(&m));
-    auto* g = dynamic_cast<ZrGradientOptimizer*>(o);
-    EXPECT_EQ(g != nullptr, index == 2 || index == 3) << index;
-    if (g) {
-      EXPECT_EQ(g->tolerance, 0.5);
-      EXPECT_EQ(g->method, index == 2 ? 2 : 1);
-    }
-    if (index == 1) {
-      auto* b = dynamic_cast<ZrBestNeighbourOptimizer*>(o);
-      ASSERT_NE(b, nullptr);
-      EXPECT_EQ(b->stepFactor, m.stepFactor);
-      EXPECT_EQ(b->dimensionMode, 3);
-    }
-    delete o;
-  }
-  // An index outside the table skips every level.
-  configureRun(1.0f, 0.5f, 0, 0);
-  m.portOptimizer.setIndex(0, 7);
-  m.recordOnly = true;
+struct MenuCase {
+  int index;
+  bool extensiveSearch;
+  float finestLevels; // switched to quasi-Newton
+  const char* name;
+};
+
+class ZrVoxelRegistrationRun : public VoxelRegistrationTest,
+                               public ::testing::WithParamInterface<MenuCase> {};
+
+} // namespace
+
+TEST_P(ZrVoxelRegistrationRun, RecoversARigidMotion) {
+  // The model's node at p shows the image at p * M: moved by M, it covers
+  // the reference exactly. Two levels made by the host's resampling.
+  const MenuCase& c = GetParam();
+  const int n = 32;
+  ZrUniformScalarField3* model = field.blobbed(n, trueMatrix());
+  connect(m, field.blobbed(n), model);
+  m.portCoarsestResolution.setValue(2);
+  m.portOptimizer.setIndex(0, c.index);
+  m.portExtensiveSearch.setValue(0, c.extensiveSearch ? 1 : 0);
+  m.portNLevelsGradient.setValue(0, c.finestLevels);
+  m.portNLevelsGradient.setValue(1, 0.0001f);
+  m.portStep.setValue(0, 4.0f);
+  m.portStep.setValue(1, 0.005f);
+  m.ignoreFinest = 0;
+  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
+  const int poolSize = pool->getNumObjects();
   m.doRegistration();
-  EXPECT_TRUE(m.resolutions.empty());
+
   EXPECT_EQ(m.numDoneRegistration, 1);
+  ASSERT_EQ(m.resolutions.size(), 2u);
+  EXPECT_EQ(m.resolutions[1].gradient, c.finestLevels > 0);
+  EXPECT_EQ(log.count("Sampling reference to: (2, 2, 2)\n"), 1);
+  EXPECT_EQ(log.count("elapsed time: "), 1);
+  EXPECT_EQ(pool->getNumObjects(), poolSize); // the resampled level left with its level
+  auto* t = dynamic_cast<RegAffineTransform*>(m.transform);
+  ASSERT_NE(t, nullptr);
+  for (int i = 0; i < 6; i++)
+    EXPECT_NEAR(t->paramVector[i], kTruth[i], 0.1) << c.name << ", parameter " << i;
+  for (int i = 6; i < 9; i++)
+    EXPECT_NEAR(t->paramVector[i], 1.0, 1e-9) << c.name; // held as they were read
+  // The model carries the found motion: its corners land where the true
+  // motion puts them, to a tenth of a voxel.
+  SbMatrixd found;
+  model->getTransform(found);
+  for (int corner = 0; corner < 8; corner++) {
+    const SbVec3d p(corner & 1 ? n - 1 : 0, corner & 2 ? n - 1 : 0, corner & 4 ? n - 1 : 0);
+    SbVec3d a, b;
+    found.multVecMatrix(p, a);
+    trueMatrix().multVecMatrix(p, b);
+    EXPECT_LT((a - b).length(), 0.1) << c.name << ", corner " << corner;
+  }
 }
 
-TEST_F(VoxelRegistrationTest, InterruptedRunReportsTwice) {
-  const int n = 12;
-  const int dims[3] = {n, n, n};
-  const float box[6] = {0, n - 1, 0, n - 1, 0, n - 1};
-  plan(held(makeRegTestField(dims, box)), held(makeRegTestField(dims, box)), v3(2, 2, 2));
-  configureRun(2.0f, 0.5f, 0, 0);
-  // The user stops during the coarsest level.
-  m.onEnterResolution = [](int) { ZrWorkArea::getTheWorkArea()->requestInterrupt(); };
-  MessageLog log;
+INSTANTIATE_TEST_SUITE_P(
+    Menu, ZrVoxelRegistrationRun,
+    ::testing::Values(MenuCase{1, false, 0.0f, "BestNeighbour"},
+                      MenuCase{0, false, 1.0f, "ExtensiveDirectionThenQuasiNewton"},
+                      MenuCase{4, true, 0.0f, "LineSearchExtensive"}),
+    [](const ::testing::TestParamInfo<MenuCase>& info) { return std::string(info.param.name); });
+
+TEST_F(VoxelRegistrationTest, AStopLeavesNoResampledFieldsAndReportsTwice) {
+  // Stopped during the middle of three levels: the coarsest is done, the
+  // middle one ends at the stop, the finest never starts.
+  connect(m, field.blobbed(24), field.blobbed(24, trueMatrix()));
+  m.portCoarsestResolution.setValue(4);
+  m.portOptimizer.setIndex(0, 1);
+  m.portNLevelsGradient.setValue(0, 0.0f);
+  m.ignoreFinest = 0;
+  m.onEnterResolution = [](int level) {
+    if (level == 1)
+      ZrWorkArea::getTheWorkArea()->requestInterrupt();
+  };
+  const int poolSize = ZrObjectPool::getTheObjectPool()->getNumObjects();
   m.doRegistration();
   ZrWorkArea::getTheWorkArea()->clearInterrupt();
-
-  ASSERT_EQ(m.resolutions.size(), 1u);
+  EXPECT_EQ(m.resolutions.size(), 2u);
   EXPECT_EQ(m.numDoneRegistration, 2);
   EXPECT_EQ(log.count("elapsed time: "), 2);
+  EXPECT_EQ(log.count("Sampling reference to: "), 2);
+  EXPECT_EQ(ZrObjectPool::getTheObjectPool()->getNumObjects(), poolSize);
   EXPECT_EQ(m.functionals, nullptr);
   EXPECT_EQ(m.currentFunctional, nullptr);
   EXPECT_EQ(m.optimizer, nullptr);
@@ -906,47 +749,44 @@ TEST_F(VoxelRegistrationTest, InterruptedRunReportsTwice) {
   EXPECT_TRUE(m.watch.isStopped());
 }
 
-TEST_F(VoxelRegistrationTest, ReleasingALevelRemovesOnlyResampledCopies) {
-  ZrUniformScalarField3* r = held(makeField(8, 8, 8));
-  ZrUniformScalarField3* mod = held(makeField(8, 8, 8));
-  m.references.append(r);
-  m.models.append(mod);
+TEST_F(VoxelRegistrationTest, DownsampleThroughTheHostResampler) {
+  // Dimensions divided by the factors, rounded up; the box and the transform
+  // stay; a hidden object of the pool; labels gain no new value.
+  ZrUniformScalarField3* grey = field(32, 20, 9, 1, 1, 1, QB_FLOAT);
+  ZrUniformLabelField3* labels =
+      field.hold(new ZrUniformLabelField3(grey->getDims(), QB_UINT8, [&] {
+        static float b[6];
+        grey->getBoundingBox(b);
+        return b;
+      }()));
+  for (size_t i = 0; i < labels->lattice.numNodes(); i++)
+    labels->lattice.setValue(i, double(3 * ((i / 7) % 3)));
+  const SbMatrixd moved = trueMatrix();
+  grey->setTransform(moved);
+  labels->setTransform(moved);
   ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-  pool->addObject(r);
-  // Two copies that live in the pool only.
-  ZrUniformScalarField3* refCopy = makeField(4, 4, 4);
-  ZrUniformScalarField3* modCopy = makeField(4, 4, 4);
-  pool->addObject(refCopy);
-  pool->addObject(modCopy);
-
-  ZrVoxelRegistration::FieldArray refs, mods;
-  refs.append(r);
-  refs.append(refCopy);
-  mods.append(modCopy);
-  RegAffineTransform t;
-  RegAffineFunctional f(refs, mods, RegInterpolatorStandard, &t, new RegMeanSquaredDifference(1),
-                        nullptr, 0, 3);
-  m.releaseLevel(&f);
-  EXPECT_EQ(f.references[0], r);
-  EXPECT_EQ(f.references[1], nullptr);
-  EXPECT_EQ(f.models[0], nullptr);
-  EXPECT_TRUE(pool->contains(r));
-  EXPECT_FALSE(pool->contains(refCopy));
-  EXPECT_FALSE(pool->contains(modCopy));
-  pool->removeObject(r);
-}
-
-TEST_F(VoxelRegistrationTest, FunctionalStack) {
-  m.functionals = new ZrVoxelRegistration::FunctionalStack;
-  EXPECT_EQ(m.popFunctional(), nullptr);
-  RegFunctional* a = reinterpret_cast<RegFunctional*>(0x10);
-  RegFunctional* b = reinterpret_cast<RegFunctional*>(0x20);
-  m.pushFunctional(a);
-  m.pushFunctional(b);
-  EXPECT_EQ(m.functionals->size(), 2);
-  EXPECT_EQ(m.popFunctional(), b);
-  EXPECT_EQ(m.popFunctional(), a);
-  EXPECT_EQ(m.popFunctional(), nullptr);
-  delete m.functionals;
-  m.functionals = nullptr;
+  const int poolSize = pool->getNumObjects();
+  QbVec3i ones(1, 1, 1), factors(2, 3, 4);
+  ZrRegScalarField3* result = nullptr;
+  m.downsample(grey, result, ones, RegDataClassGrey);
+  EXPECT_EQ(result, grey);
+  for (ZrRegScalarField3* in :
+       {static_cast<ZrRegScalarField3*>(grey), static_cast<ZrRegScalarField3*>(labels)}) {
+    const bool isLabel = in == labels;
+    m.downsample(in, result, factors, isLabel ? RegDataClassLabel : RegDataClassGrey);
+    ASSERT_NE(result, nullptr);
+    EXPECT_EQ(QbVec3i(result->getDims()), QbVec3i(16, 7, 3));
+    EXPECT_EQ(result->primType(), in->primType());
+    EXPECT_EQ(result->getBoundingBox(), in->getBoundingBox());
+    EXPECT_FALSE(result->isIconVisible());
+    EXPECT_EQ(pool->getNumObjects(), poolSize + 1);
+    SbMatrixd t;
+    result->getTransform(t);
+    EXPECT_TRUE(t.equals(SbMatrixd(SbMatrix(moved)), 1e-12));
+    for (size_t i = 0; i < result->lattice.numNodes() && isLabel; i++) {
+      const double v = result->lattice.getValueAsDouble(i);
+      EXPECT_TRUE(v == 0 || v == 3 || v == 6) << v;
+    }
+    pool->removeObject(result);
+  }
 }

@@ -89,18 +89,8 @@ protected:
 
 } // namespace
 
-TEST_F(ModuleTest, TypeRecordAndPortOrder) {
-  EXPECT_STREQ(ZrCompModule::getClassTypeId()->getName(), "ZrCompModule");
-  EXPECT_EQ(ZrCompModule::getClassTypeId()->getParent(), ZrObject::getClassTypeId());
-  EXPECT_FALSE(ZrCompModule::getClassTypeId()->canCreate());
-  EXPECT_EQ(QbTypeInfo::fromName("ZrCompModule"), ZrCompModule::getClassTypeId());
-
+TEST_F(ModuleTest, PortOrderAndLookup) {
   TestModule m;
-  ASSERT_EQ(m.getNumPorts(), 5);
-  const char* names[] = {"model", "reference", "step", "options", "action"};
-  for (int i = 0; i < 5; i++)
-    EXPECT_STREQ(m.getPort(i)->getName(), names[i]);
-  EXPECT_EQ(m.getPort("step"), &m.portStep);
   EXPECT_EQ(m.getPort("Reference"), &m.portReference);
   EXPECT_EQ(m.getPort("data"), nullptr); // renamed
   EXPECT_EQ(m.getPort(9), nullptr);
@@ -110,23 +100,21 @@ TEST_F(ModuleTest, TypeRecordAndPortOrder) {
   m.movePort(&m.portAction, 1000);
   m.movePort(&m.portOptions, 990);
   ZrPortToggleList late(&m, "late", 1);
-  const char* moved[] = {"model", "reference", "step", "late", "options", "action"};
-  ASSERT_EQ(m.getNumPorts(), 6);
-  for (int i = 0; i < 6; i++)
-    EXPECT_STREQ(m.getPort(i)->getName(), moved[i]);
+  auto names = [&] {
+    std::string s;
+    for (int i = 0; i < m.getNumPorts(); i++)
+      s += std::string(m.getPort(i)->getName()) + " ";
+    return s;
+  };
+  EXPECT_EQ(names(), "model reference step late options action ");
   m.movePort(&m.portStep, 0);
-  EXPECT_STREQ(m.getPort(0)->getName(), "model");
-  EXPECT_STREQ(m.getPort(1)->getName(), "step");
-}
-
-TEST_F(ModuleTest, PortsUnregisterWhenDestroyed) {
-  TestModule m;
+  EXPECT_EQ(names(), "model step reference late options action ");
   {
     ZrPortToggleList extra(&m, "extra", 1);
     EXPECT_EQ(m.getPort("extra"), &extra);
   }
-  EXPECT_EQ(m.getPort("extra"), nullptr);
-  EXPECT_EQ(m.getNumPorts(), 5);
+  EXPECT_EQ(m.getPort("extra"), nullptr); // unregistered when destroyed
+  EXPECT_EQ(m.getNumPorts(), 6);
 }
 
 TEST_F(ModuleTest, FireRunsUpdateAndComputeThenClearsFlagsAndHits) {

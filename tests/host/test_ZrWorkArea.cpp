@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -192,28 +191,6 @@ TEST_F(WorkAreaTest, TerminalBarIsRateLimitedAndKeepsMessagesApart) {
   std::fclose(f);
 }
 
-TEST_F(WorkAreaTest, BarRedrawsAtMostAtTheGivenRate) {
-  FILE* f = std::tmpfile();
-  ASSERT_NE(f, nullptr);
-  ZrTerminalProgress tp(ZrTerminalProgress::Bar, f);
-  tp.setWidth(80);
-  tp.attach(wa);
-  wa->startWorking("Work");
-  auto start = std::chrono::steady_clock::now();
-  int updates = 0;
-  while (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(350)) {
-    wa->setProgressValue((updates % 100) / 100.0f);
-    updates++;
-  }
-  wa->stopWorking();
-  tp.detach();
-  int draws = count(contents(f), "\r[");
-  EXPECT_GT(updates, 1000);
-  EXPECT_GE(draws, 2);
-  EXPECT_LE(draws, 6); // the start, then at most one per 0.1 s
-  std::fclose(f);
-}
-
 TEST_F(WorkAreaTest, CtrlCRequestsAStopDuringWork) {
   ZrTerminalProgress::installSigintHandler();
   wa->startWorking("Registering");
@@ -268,12 +245,21 @@ TEST(ZrMessage, SinkQuietAndInfo) {
   EXPECT_EQ(ZrMessage::format("%.3f %s", 0.5, "x"), "0.500 x");
 }
 
+TEST(ZrMessage, ShownMessagesEachEndTheirLine) {
+  // Reports printed in pieces without line ends come out a line each; a text
+  // that ends its line is not given a second line end.
+  FILE* f = std::tmpfile();
+  ASSERT_NE(f, nullptr);
+  for (const char* text : {"step size    : 0.047247", "Metric result: 1.18643",
+                           "numBinsRef, numBinsMod: 135 135\n", "", "elapsed time: 0.20 seconds\n"})
+    ZrMessage::putLine(f, text);
+  EXPECT_EQ(contents(f), "step size    : 0.047247\nMetric result: 1.18643\n"
+                         "numBinsRef, numBinsMod: 135 135\nelapsed time: 0.20 seconds\n");
+  std::fclose(f);
+}
+
 TEST(ZrSettingsMgr, ThreadCount) {
   ZrSettingsMgr* s = ZrSettingsMgr::getInstance();
-  EXPECT_GE(s->getNumThreads(), 1);
-  s->setNumThreads(3);
-  EXPECT_EQ(s->getNumThreads(), 3);
-
   setenv("ZR_NUM_THREADS", "5", 1);
   EXPECT_EQ(ZrSettingsMgr::getDefaultNumThreads(), 5);
   s->setNumThreads(0); // back to the default

@@ -1,6 +1,6 @@
 // The correlation metric: the absolute Pearson coefficient against a direct
-// computation, the windows, the running offsets and what they do to a
-// repeated getResult(), retraction, the overlap factor and copies.
+// computation (with the running offsets that keep it precise), the windows,
+// retraction and the overlap factor.
 #include "RegCorrelationRatio.h"
 
 #include <gtest/gtest.h>
@@ -58,50 +58,12 @@ TEST(RegCorrelationRatio, AbsoluteCorrelation) {
   // The first evaluation sums raw values of about 100: some cancellation.
   EXPECT_NEAR(c.getResult(), expected, 1e-9);
   EXPECT_EQ(c.numInside, 5000);
-  // The next one sums deviations from the means just found.
+  // The next one sums deviations from the means just found (the offsets),
+  // which makes it the more precise.
   c.reset();
   for (size_t i = 0; i < a.size(); i++)
     c.increment(a[i], b[i]);
   EXPECT_NEAR(c.getResult(), expected, 1e-13);
-}
-
-TEST(RegCorrelationRatio, OffsetsMoveButTheValueStays) {
-  RegCorrelationRatio c(-kInf, kInf, -kInf, kInf, 0.0);
-  std::mt19937 rng(9);
-  std::uniform_real_distribution<double> u(0, 1);
-  std::vector<double> a, b;
-  for (int i = 0; i < 1000; i++) {
-    a.push_back(1e4 + 100 * u(rng));
-    b.push_back(a.back() * 0.3 + 50 * u(rng));
-  }
-  c.reset();
-  for (size_t i = 0; i < a.size(); i++)
-    c.increment(a[i], b[i]);
-  const double sumA = c.sumRef, sumB = c.sumModel;
-  const double first = c.getResult();
-  // The sums became means and the offsets took them.
-  EXPECT_NEAR(c.sumRef, sumA / 1000, 1e-9);
-  EXPECT_NEAR(c.sumModel, sumB / 1000, 1e-9);
-  EXPECT_EQ(c.refOffset, c.sumRef);
-  EXPECT_EQ(c.modelOffset, c.sumModel);
-  // A second getResult() without reset works on means, not sums: another
-  // number.
-  const double again = c.getResult();
-  EXPECT_GT(std::fabs(again - first), 1e-6);
-
-  // A fresh evaluation of the same data subtracts the new offsets and agrees
-  // with the first to rounding, which with sums of values near 1e4 is coarse;
-  // the offsets make it the more precise one.
-  c.reset();
-  EXPECT_EQ(c.sumRef, 0.0);
-  EXPECT_NE(c.refOffset, 0.0);
-  for (size_t i = 0; i < a.size(); i++)
-    c.increment(a[i], b[i]);
-  const double second = c.getResult();
-  const double exact = std::fabs(pearson(a, b));
-  EXPECT_NEAR(second, first, 1e-8);
-  EXPECT_NEAR(second, exact, 1e-13);
-  EXPECT_LT(std::fabs(second - exact), std::fabs(first - exact));
 }
 
 TEST(RegCorrelationRatio, WindowsAreInclusive) {
@@ -135,16 +97,16 @@ TEST(RegCorrelationRatio, DecrementOverlapAndCopies) {
   for (int i = 0; i < 100; i++)
     s.emplace_back(i % 90, ((i * 13) % 97) * 0.5 + (i % 90) * 0.5);
   RegCorrelationRatio c(0, 100, 0, 100, 1.0);
-  c.reset();
-  for (auto& p : s)
-    c.increment(p.first, p.second);
+  auto fill = [&](RegCorrelationRatio& m) {
+    m.reset();
+    for (auto& p : s)
+      m.increment(p.first, p.second);
+  };
+  fill(c);
   const double full = c.getResult();
-
   // 900 samples outside the reference window: 10% inside, the value is
   // multiplied by 0.5. Retracting them restores it.
-  c.reset();
-  for (auto& p : s)
-    c.increment(p.first, p.second);
+  fill(c);
   for (int i = 0; i < 900; i++)
     c.increment(-1, 0);
   RegCorrelationRatio saved(0, 100, 0, 100, 1.0);
@@ -156,15 +118,4 @@ TEST(RegCorrelationRatio, DecrementOverlapAndCopies) {
     saved.decrement(-1, 0);
   EXPECT_EQ(saved.numTotal, 100);
   EXPECT_NEAR(saved.getResult(), full, 1e-12);
-
-  // A clone carries sums, windows and offsets.
-  c.reset();
-  for (auto& p : s)
-    c.increment(p.first, p.second);
-  std::unique_ptr<RegMetric> m(c.clone());
-  RegCorrelationRatio* copy = dynamic_cast<RegCorrelationRatio*>(m.get());
-  ASSERT_NE(copy, nullptr);
-  EXPECT_EQ(copy->refOffset, c.refOffset);
-  EXPECT_EQ(copy->modelHigh, 100);
-  EXPECT_EQ(copy->getResult(), c.getResult());
 }

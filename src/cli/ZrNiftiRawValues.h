@@ -1,0 +1,26 @@
+#pragma once
+// The NaN and infinite values of a floating-point NIfTI file, as the file
+// holds them.
+//
+// ITK's NIfTI reader replaces every NaN and infinite float by 0 while it
+// reads, so a file full of holes would reach a registration as zeros and no
+// check could see them. restoreNonFinite reads the voxel bytes of the file
+// itself (through zlib, so .nii.gz as well) and puts each non-finite value
+// back at its place in what ITK read. Files of other formats, integer data
+// and files this reader does not understand are left as they are.
+#include <cstddef>
+#include <string>
+
+class ZrNiftiRawValues {
+public:
+  // buffer: the values ITK read from path, numVoxels x components values of
+  // single (valueSize 4) or double precision (valueSize 8), components
+  // interleaved. Returns the number of non-finite values put back, or -1 when
+  // the file could not be read (error then says why).
+  static long restoreNonFinite(const std::string& path, void* buffer, size_t numVoxels,
+                               int components, int valueSize, std::string& error);
+
+  // True for the file names ITK's NIfTI reader takes (.nii, .nii.gz, .hdr,
+  // .img and their compressed forms).
+  static bool isNiftiName(const std::string& path);
+};

@@ -1,0 +1,329 @@
+// zrreg batch: the manifest reader, shards, what is read from a row's
+// output, and a batch of small phantom pairs run through the zrreg
+// executable with a broken row, a rerun and two shards.
+#include "ZrBatchCommand.h"
+#include "ZrBatchManifest.h"
+#include "ZrBatchRunner.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+TEST(ZrBatchManifest, ProblemsNameTheirLineAndRow) {
+  const std::string head = "command,reference,model,output\n";
+  struct Case {
+    std::string text, expected;
+  } cases[] = {
+      {"command,reference,output\naffine,r.nii,o.nii\n", "m.csv:1: the header has no 'model'"},
+      {"command,reference,model\naffine,r.nii,m.nii\n", "m.csv:1: the header names no output"},
+      {"command,reference,model,output,output\n", "m.csv:1: the column 'output' appears twice"},
+      {head + "affine,r.nii,m.nii,a.nii\n\n# off\nafine,r.nii,m.nii,b.nii\n",
+       "m.csv:5: row 2: unknown command 'afine'"},
+      {head + "affine,r.nii,m.nii\n", "m.csv:2: row 1: 3 fields, but the header has 4"},
+      {head + "affine,\"r.nii,m.nii,o.nii\n", "m.csv:2: a quoted field is not closed"},
+      // A quoted cell over two lines moves the line numbers of what follows.
+      {"command,reference,model,output,options\naffine,r.nii,m.nii,a.nii,\"--set\nx=1\"\n"
+       "affine,r.nii,m.nii,,\n",
+       "m.csv:4: row 2: no output file given"},
+      {head + "affine,r.nii,m.nii,out/a.nii\nelastic,r.nii,m.nii,out/a.nii\n",
+       "m.csv:3: row 2: writes 'out/a.nii', as row 1 does"},
+      {head + "affine,r.nii,m.nii,m.nii\n",
+       "m.csv:2: row 1: would overwrite its own model 'm.nii'"},
+      {"command,reference,model,output,options\naffine,r.nii,m.nii,o.nii,--set 'metric=x\n",
+       "m.csv:2: row 1: the options have an unterminated single quote"},
+      {"# only a comment\n", "m.csv: the manifest is empty"},
+      {head, "m.csv: the manifest has a header but no rows"},
+  };
+  for (const Case& c : cases) {
+    ZrBatchManifest m;
+    std::vector<std::string> errors;
+    EXPECT_FALSE(m.parse(c.text, "dir/m.csv", 0, errors)) << c.text;
+    std::string all;
+    for (const auto& e : errors)
+      all += e + "\n";
+    EXPECT_NE(all.find("dir/" + c.expected), std::string::npos) << c.text << "\n" << all;
+  }
+}
+
+TEST(ZrBatchManifest, RowsBecomeTheArgumentsOfTheirCommand) {
+  // A spreadsheet's CSV: byte-order mark, CRLF, header with odd case and
+  // blanks, a quoted path with a comma and a doubled quote, and options with
+  // both kinds of quotes.
+  const std::string csv =
+      "\xEF\xBB\xBF"
+      "Command, Reference ,model,output,--matrix,options\r\n"
+      "affine,ref.nii,\"sub 1,a\"\"b.nii\",/abs/o.nii,,"
+      "\"--set 'metric=Normalized Mutual Information' --set \"\"transform=Rigid=on\"\"\"\r\n";
+  ZrBatchManifest m;
+  std::vector<std::string> errors;
+  ASSERT_TRUE(m.parse(csv, "runs/m.csv", 0, errors)) << errors[0];
+  ASSERT_EQ(m.rows().size(), 1u);
+  const std::vector<std::string> expected = {"affine",
+                                             "--reference",
+                                             "ref.nii",
+                                             "--model",
+                                             "sub 1,a\"b.nii",
+                                             "--output",
+                                             "/abs/o.nii",
+                                             "--set",
+                                             "metric=Normalized Mutual Information",
+                                             "--set",
+                                             "transform=Rigid=on"};
+  EXPECT_EQ(m.arguments(m.rows()[0]), expected);
+  EXPECT_EQ(m.outputColumns(), (std::vector<int>{3, 4}));
+  EXPECT_EQ(m.resolve("ref.nii"), "runs/ref.nii");
+  EXPECT_EQ(m.resolve("/abs/o.nii"), "/abs/o.nii");
+
+  // Tabs separate when the header has them; commas are then plain text.
+  ASSERT_TRUE(m.parse("command\treference\tmodel\toutput\nelastic\ta,b.nii\tm.nii\to.nii\n",
+                      "m.txt", 0, errors));
+  EXPECT_EQ(m.arguments(m.rows()[0])[2], "a,b.nii");
+}
+
+TEST(ZrBatchCommand, ShardsFromOptionsAndSlurm) {
+  struct ShardCase {
+    const char* text;
+    bool ok;
+    int index, count;
+  } shards[] = {{"2/3", true, 2, 3},  {"1/1", true, 1, 1}, {"0/3", false, 0, 0},
+                {"4/3", false, 0, 0}, {"3", false, 0, 0},  {"1/0", false, 0, 0},
+                {"1/3x", false, 0, 0}};
+  for (const auto& c : shards) {
+    int i = 0, n = 0;
+    EXPECT_EQ(ZrBatchCommand::parseShard(c.text, i, n), c.ok) << c.text;
+    if (c.ok) {
+      EXPECT_EQ(i, c.index) << c.text;
+      EXPECT_EQ(n, c.count) << c.text;
+    }
+  }
+  // Slurm arrays start at any id (--array=10-13) and may step
+  // (--array=0-4:2).
+  struct SlurmCase {
+    const char *id, *count, *min, *step;
+    bool ok;
+    int index, shards;
+  } slurm[] = {
+      {"10", "4", "10", nullptr, true, 1, 4},   {"13", "4", "10", "1", true, 4, 4},
+      {"14", "4", "10", "1", false, 0, 0},      {"9", "4", "10", "1", false, 0, 0},
+      {"4", "3", "0", "2", true, 3, 3},         {"3", "3", "0", "2", false, 0, 0},
+      {"2", "3", nullptr, nullptr, true, 3, 3},
+  };
+  for (const auto& c : slurm) {
+    int i = 0, n = 0;
+    std::string error;
+    EXPECT_EQ(ZrBatchCommand::shardFromSlurm(c.id, c.count, c.min, c.step, i, n, error), c.ok)
+        << c.id;
+    EXPECT_EQ(error.empty(), c.ok) << c.id;
+    if (c.ok) {
+      EXPECT_EQ(i, c.index) << c.id;
+      EXPECT_EQ(n, c.shards) << c.id;
+    }
+  }
+  int i = 0, n = 0;
+  std::string error;
+  EXPECT_FALSE(ZrBatchCommand::shardFromSlurm(nullptr, nullptr, nullptr, nullptr, i, n, error));
+  EXPECT_TRUE(error.empty());
+}
+
+TEST(ZrBatchRunner, ReadsProgressMetricAndErrorsFromARowsOutput) {
+  ZrBatchRunner::Scan s;
+  ZrBatchRunner::scanLine("[ 42%] Registering at resolution level 1", s);
+  EXPECT_EQ(s.percent, 42);
+  EXPECT_EQ(s.status, "Registering at resolution level 1");
+  // Messages that run together, and both spellings of the metric message.
+  ZrBatchRunner::scanLine(" Metric result = 1.288081Setting step size to 21.8965", s);
+  EXPECT_EQ(s.metric, "1.288081");
+  ZrBatchRunner::scanLine("step size : 0.047 Metric result: -0.5 Metric result = 1.402997elapsed",
+                          s);
+  EXPECT_EQ(s.metric, "1.402997");
+  ZrBatchRunner::scanLine("[ab%] not progress", s);
+  EXPECT_EQ(s.percent, 42);
+  ZrBatchRunner::scanLine("zrreg: cannot open 'x.nii': No such file or directory", s);
+  ZrBatchRunner::scanLine("(see 'zrreg affine --help')", s);
+  EXPECT_EQ(ZrBatchRunner::describeEnd(1, 0, false, s),
+            "zrreg: cannot open 'x.nii': No such file or directory");
+  EXPECT_EQ(ZrBatchRunner::describeEnd(0, 0, false, s), "");
+  EXPECT_NE(ZrBatchRunner::describeEnd(-1, SIGKILL, false, s).find("out of memory"),
+            std::string::npos);
+  EXPECT_NE(ZrBatchRunner::describeEnd(-1, SIGSEGV, false, s).find("signal 11"), std::string::npos);
+  ZrBatchRunner::Scan quiet;
+  EXPECT_EQ(ZrBatchRunner::describeEnd(3, 0, false, quiet), "exit status 3");
+}
+
+namespace {
+
+std::string zrreg() {
+  const char* dir = std::getenv("ZR_PACKAGE_DIR");
+  return std::string(dir ? dir : ".") + "/zrreg";
+}
+
+struct Result {
+  int status = -1;
+  std::string output;
+};
+
+// Runs zrreg with the given variables, and outside any Slurm array the
+// tests themselves may run in.
+Result run(const std::string& args, const std::string& vars = "") {
+  Result r;
+  const std::string cmd = "env -u SLURM_ARRAY_TASK_ID -u SLURM_ARRAY_TASK_COUNT " + vars + " " +
+                          zrreg() + " " + args + " 2>&1";
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p)
+    return r;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+    r.output.append(buf, n);
+  int st = pclose(p);
+  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  return r;
+}
+
+// A summary as row -> column -> value.
+std::map<int, std::map<std::string, std::string>> readSummary(const std::string& path) {
+  std::map<int, std::map<std::string, std::string>> rows;
+  std::ifstream in(path);
+  std::string line;
+  std::vector<std::string> head;
+  auto split = [](const std::string& l) {
+    std::vector<std::string> f(1);
+    for (char c : l)
+      if (c == '\t')
+        f.emplace_back();
+      else
+        f.back().push_back(c);
+    return f;
+  };
+  if (std::getline(in, line))
+    head = split(line);
+  while (std::getline(in, line)) {
+    std::vector<std::string> f = split(line);
+    if (f.size() != head.size())
+      continue;
+    for (size_t c = 0; c < f.size(); c++)
+      rows[std::atoi(f[0].c_str())][head[c]] = f[c];
+  }
+  return rows;
+}
+
+ino_t inodeOf(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+} // namespace
+
+TEST(ZrBatch, PhantomPairsWithABrokenRowRerunAndShards) {
+  const std::string dir = "/tmp/zrreg-batchtest-" + std::to_string(getpid());
+  mkdir(dir.c_str(), 0777);
+  for (int p = 1; p <= 3; p++) {
+    Result r = run("phantom --size 20 --rotate " + std::to_string(2 * p) + ",1,-2 --out " + dir +
+                   "/p" + std::to_string(p));
+    ASSERT_EQ(r.status, 0) << r.output;
+  }
+  std::ofstream(dir + "/junk.nii") << "not an image";
+  // Row 3 cannot be read; row 5 writes its image but not its matrix (a file
+  // is in the way of its folder), so it must leave no image either.
+  std::ofstream(dir + "/m.csv")
+      << "command,reference,model,output,matrix,options\n"
+         "affine,p1/reference.nii.gz,p1/model.nii.gz,out/a1.nii.gz,out/a1.txt,\n"
+         "elastic,p2/reference.nii.gz,p2/model.nii.gz,out/e2.nii.gz,,"
+         "\"--set refineGrid=0 --set 'step=4,2'\"\n"
+         "affine,p1/reference.nii.gz,junk.nii,out/bad.nii.gz,,\n"
+         "affine,p3/reference.nii.gz,p3/model.nii.gz,out/s/a4.nii.gz,out/s/a4.txt,"
+         "--set transform=Rigid=on\n"
+         "affine,p2/reference.nii.gz,p2/model.nii.gz,out/a5.nii.gz,p1/known.txt/a5.txt,\n";
+  const std::string m = dir + "/m.csv", summary = dir + "/m.summary.tsv";
+
+  Result r = run("batch " + m + " --jobs 2");
+  EXPECT_EQ(r.status, 1) << r.output;
+  auto first = readSummary(summary);
+  ASSERT_EQ(first.size(), 5u) << r.output;
+  for (int row : {1, 2, 4}) {
+    EXPECT_EQ(first[row]["status"], "ok") << row << "\n" << r.output;
+    EXPECT_EQ(first[row]["exit_code"], "0");
+    EXPECT_GT(std::atof(first[row]["metric"].c_str()), 0.5) << row;
+    EXPECT_GT(std::atof(first[row]["wall_s"].c_str()), 0.0) << row;
+    EXPECT_NE(inodeOf(dir + "/" + first[row]["output"]), 0u) << row;
+  }
+  EXPECT_EQ(first[3]["status"], "failed");
+  EXPECT_EQ(first[3]["exit_code"], "1");
+  EXPECT_NE(first[3]["message"].find("junk.nii"), std::string::npos) << first[3]["message"];
+  EXPECT_EQ(first[5]["status"], "failed");
+  EXPECT_NE(first[5]["message"].find("a5.txt"), std::string::npos) << first[5]["message"];
+  EXPECT_EQ(inodeOf(dir + "/out/a5.nii.gz"), 0u) << "a failed row left its output";
+  EXPECT_NE(r.output.find("2 failed (rows 3, 5)"), std::string::npos) << r.output;
+
+  // The rerun skips the finished rows and keeps their figures; a row that
+  // lost one of its outputs runs again.
+  const ino_t e2 = inodeOf(dir + "/out/e2.nii.gz");
+  std::remove((dir + "/out/a1.txt").c_str());
+  r = run("batch " + m + " --jobs 2");
+  EXPECT_EQ(r.status, 1) << r.output;
+  auto second = readSummary(summary);
+  EXPECT_EQ(second[1]["status"], "ok");
+  EXPECT_NE(inodeOf(dir + "/out/a1.txt"), 0u);
+  for (int row : {2, 4}) {
+    EXPECT_EQ(second[row]["status"], "skipped") << row;
+    EXPECT_EQ(second[row]["metric"], first[row]["metric"]) << row;
+  }
+  EXPECT_EQ(inodeOf(dir + "/out/e2.nii.gz"), e2);
+  EXPECT_EQ(second[3]["status"], "failed");
+
+  // Two shards, one by option, one as a Slurm array task, redo exactly the
+  // rows of the whole run; merged, they are its summary.
+  r = run("batch " + m + " --force --quiet --shard 1/2");
+  EXPECT_EQ(r.status, 1) << r.output; // row 3 is in shard 1
+  r = run("batch " + m + " --force --quiet",
+          "SLURM_ARRAY_TASK_ID=8 SLURM_ARRAY_TASK_MIN=7 SLURM_ARRAY_TASK_COUNT=2");
+  EXPECT_EQ(r.status, 0) << r.output;
+  auto s1 = readSummary(dir + "/m.summary-1-of-2.tsv");
+  auto s2 = readSummary(dir + "/m.summary-2-of-2.tsv");
+  std::set<int> rows1, rows2;
+  for (const auto& kv : s1)
+    rows1.insert(kv.first);
+  for (const auto& kv : s2)
+    rows2.insert(kv.first);
+  EXPECT_EQ(rows1, (std::set<int>{1, 3, 5}));
+  EXPECT_EQ(rows2, (std::set<int>{2, 4}));
+  std::remove(summary.c_str());
+  r = run("batch --merge " + m);
+  EXPECT_EQ(r.status, 1) << r.output;
+  auto merged = readSummary(summary);
+  ASSERT_EQ(merged.size(), first.size());
+  for (auto& kv : first)
+    EXPECT_EQ(merged[kv.first]["status"], kv.second["status"]) << kv.first;
+
+  // A bad manifest runs nothing.
+  std::ofstream(dir + "/bad.csv") << "command,reference,model,output\n"
+                                     "affine,p1/reference.nii.gz,p1/model.nii.gz,out/x.nii.gz\n"
+                                     "register,p1/reference.nii.gz,p1/model.nii.gz,out/y.nii.gz\n";
+  r = run("batch " + dir + "/bad.csv");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.output.find("bad.csv:3: row 2: unknown command 'register'"), std::string::npos)
+      << r.output;
+  EXPECT_EQ(inodeOf(dir + "/out/x.nii.gz"), 0u);
+  // A missing input fails its row, named with its line, without running it.
+  std::ofstream(dir + "/missing.csv")
+      << "command,reference,model,output\n"
+         "affine,p1/reference.nii.gz,p9/model.nii.gz,out/x.nii.gz\n";
+  r = run("batch " + dir + "/missing.csv");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.output.find("the model 'p9/model.nii.gz' does not exist (" + dir + "/missing.csv:2)"),
+            std::string::npos)
+      << r.output;
+  EXPECT_EQ(readSummary(dir + "/missing.summary.tsv")[1]["exit_code"], "");
+  std::system(("rm -rf " + dir).c_str());
+}
