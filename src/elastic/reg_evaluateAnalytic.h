@@ -363,8 +363,9 @@ struct RegAnalyticCorrelationSum {
 // tables, and the penalty factors. The buffers are the functional's own.
 struct RegAnalyticPass {
   const int* dims = nullptr;
-  // Samples and positions of the caching pass; `grid` holds every voxel,
-  // except in a three-dimensional regularised pass, which recomputes lines.
+  // Samples of the caching pass; in two dimensions also its positions
+  // (`grid`, every voxel): three-dimensional passes compute them line by
+  // line.
   const float* cachedSamples = nullptr;
   const QbVec3f* grid = nullptr;
   // Two-dimensional regularised pass: the whole derivative images.
