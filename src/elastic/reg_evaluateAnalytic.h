@@ -406,18 +406,7 @@ struct RegAnalyticScratch {
           *dzz = nullptr, *dxy = nullptr, *dxz = nullptr, *dyz = nullptr;
 };
 
-// Adds `u` (by x order 0, 1, 2) into the four columns of the voxel's x cell.
-inline void reg_analyticAddColumns(double* col, const RegSplineInterpolant& W, const double* u0,
-                                   const double* u1, const double* u2) {
-  for (int l = 0; l < 4; l++) {
-    double* q = col + 3 * l;
-    const double w0 = W.weight[l], w1 = W.weight1[l], w2 = W.weight2[l];
-    q[0] += w0 * u0[0] + w1 * u1[0] + w2 * u2[0];
-    q[1] += w0 * u0[1] + w1 * u1[1] + w2 * u2[1];
-    q[2] += w0 * u0[2] + w1 * u1[2] + w2 * u2[2];
-  }
-}
-
+// Adds `u0` times the weights into the four columns of the voxel's x cell.
 inline void reg_analyticAddColumns0(double* col, const RegSplineInterpolant& W, const double* u0) {
   for (int l = 0; l < 4; l++) {
     double* q = col + 3 * l;
@@ -425,6 +414,27 @@ inline void reg_analyticAddColumns0(double* col, const RegSplineInterpolant& W, 
     q[0] += w0 * u0[0];
     q[1] += w0 * u0[1];
     q[2] += w0 * u0[2];
+  }
+}
+
+// Adds w[l] * u into the four columns of the voxel's x cell, for the weight
+// kinds given (weight, weight1 or weight2 of the voxel's row).
+inline void reg_analyticAdd(double* col, const double* w, const QbVec3d& u) {
+  for (int l = 0; l < 4; l++) {
+    double* q = col + 3 * l;
+    q[0] += w[l] * u.x;
+    q[1] += w[l] * u.y;
+    q[2] += w[l] * u.z;
+  }
+}
+
+inline void reg_analyticAdd(double* col, const double* wa, const QbVec3d& ua, const double* wb,
+                            const QbVec3d& ub) {
+  for (int l = 0; l < 4; l++) {
+    double* q = col + 3 * l;
+    q[0] += wa[l] * ua.x + wb[l] * ub.x;
+    q[1] += wa[l] * ua.y + wb[l] * ub.y;
+    q[2] += wa[l] * ua.z + wb[l] * ub.z;
   }
 }
 
@@ -438,44 +448,39 @@ inline void reg_analyticPenaltyVoxel(const RegAnalyticPass& P, double* columns,
                                      const QbVec3d* xz, const QbVec3d* yz) {
   const RegElasticPenalty& pen = P.penalty;
   const int stride = 3 * P.ncx;
-  const int base = 3 * W.cell;
-  double u0[REG_GROUPS][3] = {}, u1[REG_GROUPS][3] = {}, u2[3] = {0, 0, 0};
+  double* col = columns + 3 * W.cell;
+  const double *w0 = W.weight, *w1 = W.weight1, *w2 = W.weight2;
+  // The Jacobian term |ln(D / V)| moves with D at the rate sign(D - V) / D,
+  // and D with the columns a, b, c along b x c, c x a, a x b (times the
+  // scale of the determinant).
+  QbVec3d ja, jb, jc;
   if (P.wantJ) {
     const double det = pen.determinant(a, b, c);
-    const double l = std::log(det / pen.volumeScale);
-    // d|ln(D / V)| / dD, times the scale of the determinant and the factor.
-    const double dj = (l > 0 ? 1.0 : (l < 0 ? -1.0 : 0.0)) / det * pen.detScale * P.jacobianFactor;
-    const QbVec3d bc = b.cross(c) * dj, ca = c.cross(a) * dj, ab = a.cross(b) * dj;
-    u1[REG_G00][0] = bc.x, u1[REG_G00][1] = bc.y, u1[REG_G00][2] = bc.z;
-    u0[REG_G10][0] = ca.x, u0[REG_G10][1] = ca.y, u0[REG_G10][2] = ca.z;
+    const double sign = det > pen.volumeScale ? 1.0 : (det < pen.volumeScale ? -1.0 : 0.0);
+    const double dj = sign / det * pen.detScale * P.jacobianFactor;
+    ja = b.cross(c) * dj;
+    jb = c.cross(a) * dj;
+    jc = a.cross(b) * dj;
+  }
+  if (!P.wantE) {
+    reg_analyticAdd(col + REG_G00 * stride, w1, ja);
+    reg_analyticAdd(col + REG_G10 * stride, w0, jb);
     if (!P.is2D)
-      u0[REG_G01][0] = ab.x, u0[REG_G01][1] = ab.y, u0[REG_G01][2] = ab.z;
+      reg_analyticAdd(col + REG_G01 * stride, w0, jc);
+    return;
   }
-  if (P.wantE) {
-    const double f = P.energyFactor;
-    auto put = [](double* u, const QbVec3d& v, double k) {
-      u[0] += k * v.x;
-      u[1] += k * v.y;
-      u[2] += k * v.z;
-    };
-    put(u2, *xx, 2.0 * pen.sxx * f);
-    put(u1[REG_G10], *xy, 4.0 * pen.sxy * f);
-    put(u0[REG_G20], *yy, 2.0 * pen.syy * f);
-    if (!P.is2D) {
-      put(u1[REG_G01], *xz, 4.0 * pen.sxz * f);
-      put(u0[REG_G02], *zz, 2.0 * pen.szz * f);
-      put(u0[REG_G11], *yz, 4.0 * pen.syz * f);
-    }
-  }
-  const double zero[3] = {0, 0, 0};
-  reg_analyticAddColumns(columns + REG_G00 * stride + base, W, u0[REG_G00], u1[REG_G00], u2);
-  reg_analyticAddColumns(columns + REG_G10 * stride + base, W, u0[REG_G10], u1[REG_G10], zero);
-  reg_analyticAddColumns0(columns + REG_G20 * stride + base, W, u0[REG_G20]);
-  if (!P.is2D) {
-    reg_analyticAddColumns(columns + REG_G01 * stride + base, W, u0[REG_G01], u1[REG_G01], zero);
-    reg_analyticAddColumns0(columns + REG_G02 * stride + base, W, u0[REG_G02]);
-    reg_analyticAddColumns0(columns + REG_G11 * stride + base, W, u0[REG_G11]);
-  }
+  // The energy's terms: a squared second derivative weighted by k moves with
+  // it at the rate 2 k times itself.
+  const double f = P.energyFactor;
+  const QbVec3d exx = *xx * (2.0 * pen.sxx * f), exy = *xy * (4.0 * pen.sxy * f);
+  reg_analyticAdd(col + REG_G00 * stride, w1, ja, w2, exx);
+  reg_analyticAdd(col + REG_G10 * stride, w0, jb, w1, exy);
+  reg_analyticAdd(col + REG_G20 * stride, w0, *yy * (2.0 * pen.syy * f));
+  if (P.is2D)
+    return;
+  reg_analyticAdd(col + REG_G01 * stride, w0, jc, w1, *xz * (4.0 * pen.sxz * f));
+  reg_analyticAdd(col + REG_G02 * stride, w0, *zz * (2.0 * pen.szz * f));
+  reg_analyticAdd(col + REG_G11 * stride, w0, *yz * (4.0 * pen.syz * f));
 }
 
 // A work unit of a pass (a slice, or a row in two dimensions) is one call
