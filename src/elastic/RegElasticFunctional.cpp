@@ -1,5 +1,6 @@
 #include "RegElasticFunctional.h"
 
+#include "RegElasticAnalyticGradient.h"
 #include "RegElasticFunctionalRegular.h"
 #include "RegElasticFunctionalThread.h"
 #include "RegMetric.h"
@@ -102,6 +103,7 @@ RegElasticFunctional::~RegElasticFunctional() {
     delete threadLocations[i];
   delete metricWork;
   delete evaluator;
+  delete analyticGradient;
   delete landmarksReference;
   delete landmarksModel;
   void* buffers[] = {cachedSamples,
@@ -259,6 +261,17 @@ void RegElasticFunctional::init() {
   }
   if (numThreads > 2)
     createThreads();
+
+  delete analyticGradient;
+  analyticGradient = nullptr;
+  const char* why = nullptr;
+  if (gradientMethod == 1) {
+    if (RegElasticAnalyticGradient::isAvailable(*this, &why))
+      analyticGradient = new RegElasticAnalyticGradient;
+    else
+      ZrMessage::getTheMsg()->printf(
+          "No analytic gradient: %s. The gradient is taken by finite differences.\n", why);
+  }
 }
 
 // Runs `call` with the C++ type of the reference's voxel type; any other type
@@ -274,6 +287,8 @@ void RegElasticFunctional::init() {
   } while (0)
 
 double RegElasticFunctional::evaluate() {
+  if (analyticGradient && !is2D)
+    return analyticGradient->value(*this, false);
   metric->reset();
   if (regularizerMode >= 1 && regularizerMode <= 3)
     return evaluateWithRegularizer();
@@ -341,6 +356,10 @@ double RegElasticFunctional::evaluateIncrementalWithRegularizer(int index) {
 }
 
 double RegElasticFunctional::evaluate(QbDVector<double>& gradient, double step, int keepAll) {
+  if (analyticGradient) {
+    const double value = analyticGradient->evaluate(*this, gradient);
+    return value == REG_INVALID_VALUE ? value : getWeightedResult(value);
+  }
   const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
   const double base = regularized ? evaluateAndCacheWithRegularizer() : evaluateAndCache();
   if (base == REG_INVALID_VALUE)

@@ -24,6 +24,7 @@
 
 #include <cstdint>
 
+class RegElasticAnalyticGradient;
 class RegElasticFunctionalThread;
 class RegMetric;
 class RegOptimizerCallback;
@@ -135,6 +136,13 @@ public:
   // caching pass mapped into the model's local coordinates, which the
   // three-dimensional regularised probes read (see RegProbeParams).
   QbDVector<double> localParams;
+  // How evaluate(gradient, step, keepAll) differentiates: 0 by central
+  // differences, 1 analytically where RegElasticAnalyticGradient serves the
+  // metric and model (else, with a message, by central differences). Read by
+  // init().
+  int gradientMethod = 0;
+  // Owned; made by init() when the analytic gradient is chosen and available.
+  RegElasticAnalyticGradient* analyticGradient = nullptr;
 
   RegElasticFunctional(const QbDArray<ZrSpatialData*>& references, QbDArray<ZrSpatialData*>& models,
                        RegInterpolator interpolator, RegParametricTransform* transform,

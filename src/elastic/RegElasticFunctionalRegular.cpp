@@ -1,5 +1,6 @@
 #include "RegElasticFunctionalRegular.h"
 
+#include "RegElasticAnalyticGradient.h"
 #include "RegElasticFunctionalRegularThread.h"
 #include "RegMetric.h"
 #include "ZrMessage.h"
@@ -108,6 +109,8 @@ void RegElasticFunctionalRegular::resetEval() {
   } while (0)
 
 double RegElasticFunctionalRegular::evaluate() {
+  if (analyticGradient && !is2D)
+    return analyticGradient->value(*this, false);
   metric->reset();
   if (regularizerMode >= 1 && regularizerMode <= 3)
     return evaluateWithRegularizer();
@@ -177,6 +180,8 @@ double RegElasticFunctionalRegular::evaluateIncrementalWithRegularizer(int index
 
 double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double step,
                                              int keepAll) {
+  if (analyticGradient)
+    return analyticGradient->evaluate(*this, gradient);
   const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
   double base = regularized ? evaluateAndCacheWithRegularizer() : evaluateAndCache();
   if (base == REG_INVALID_VALUE)

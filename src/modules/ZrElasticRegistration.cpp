@@ -3,6 +3,7 @@
 #include "QbBox3f.h"
 #include "QbPrimType.h"
 #include "RegCorrelationRatio.h"
+#include "RegElasticAnalyticGradient.h"
 #include "RegElasticFunctional.h"
 #include "RegElasticFunctionalRegular.h"
 #include "RegFunctional.h"
@@ -16,6 +17,7 @@
 #include "SoSensorManager.h"
 #include "ZrFieldEvaluator.h"
 #include "ZrLandmarkSet.h"
+#include "ZrLimitedMemoryOptimizer.h"
 #include "ZrMessage.h"
 #include "ZrObjectPool.h"
 #include "ZrOptimizer.h"
@@ -49,7 +51,8 @@ ZrElasticRegistration::ZrElasticRegistration()
       portControlPoints(this, "controlPoints", ZrLandmarkSet::getClassTypeId()),
       portInitialGridSize(this, "initialGridSize", 3), portRefineGrid(this, "refineGrid", 1),
       portRegularization(this, "regularization", 4),
-      portLandmarks(this, "landmarks", ZrLandmarkSet::getClassTypeId()) {
+      portLandmarks(this, "landmarks", ZrLandmarkSet::getClassTypeId()),
+      portGradient(this, "gradient", 1) {
   portAction.setLabel("Action:");
   portAction.setLabel(0, "Register");
   portAction.setLabel(1, "Apply transform");
@@ -95,6 +98,13 @@ ZrElasticRegistration::ZrElasticRegistration()
   // The landmark weight counts only with landmarks connected.
   portRegularization.setSensitivity(2, 0);
   portRegularization.setSensitivity(3, 0);
+
+  portGradient.setLabel("Gradient:");
+  portGradient.setNum(0, 2);
+  portGradient.setLabel(0, 0, "Finite differences");
+  portGradient.setLabel(0, 1, "Analytic");
+  portGradient.setIndex(0, 0);
+  portGradient.hide();
 
   portOptions.setNum(2);
   portOptions.setLabel(1, "Fix control points in low entropy regions");
@@ -273,12 +283,16 @@ RegFunctional* ZrElasticRegistration::createFunctional(FieldArray& referenceLeve
   }
 
   const bool fixLowEntropy = portOptions.getValue(1) != 0;
+  RegElasticFunctional* f = nullptr;
   // The correlation ratio has no sampler of the regular-grid path.
   if (uniform && index != 3)
-    return new RegElasticFunctionalRegular(referenceLevel, modelLevel, interpolator, transform,
-                                           metric, this, modelClass, landmarks, fixLowEntropy);
-  return new RegElasticFunctional(referenceLevel, modelLevel, interpolator, transform, metric, this,
-                                  modelClass, landmarks, fixLowEntropy);
+    f = new RegElasticFunctionalRegular(referenceLevel, modelLevel, interpolator, transform, metric,
+                                        this, modelClass, landmarks, fixLowEntropy);
+  else
+    f = new RegElasticFunctional(referenceLevel, modelLevel, interpolator, transform, metric, this,
+                                 modelClass, landmarks, fixLowEntropy);
+  f->gradientMethod = portGradient.getIndex(0);
+  return f;
 }
 
 // ---------------------------------------------------------------------------
@@ -290,6 +304,17 @@ int ZrElasticRegistration::initRegistration() {
     createTransform();
   if (!splineTransform || dimensionMode < 0)
     return 0;
+  // With the analytic gradient "Ignore finest resolution" keeps the finest
+  // level and registers it on every second reference voxel along each axis,
+  // against the model at full resolution: at the cost of the level before,
+  // it takes away the bias that sampling a half-resolution model leaves
+  // (mutual information drawn towards the model's 2-voxel lattice).
+  sparseFinest = false;
+  if (ignoreFinest && portGradient.getIndex(0) == 1 && portMetric.getIndex(0) != 4 &&
+      dimensionMode == 3) {
+    sparseFinest = true;
+    ignoreFinest = 0;
+  }
   // Flat data have penalties only on the regular-grid functional (a uniform
   // model and a metric other than the correlation ratio); a run that asks
   // for them elsewhere is refused with a message before anything is built.
@@ -370,6 +395,21 @@ int ZrElasticRegistration::initRegistration() {
   return 1;
 }
 
+// The largest voxel size of a level's reference, in world units: 0 if it
+// has no extent.
+static double levelVoxelSize(RegFunctional* functional) {
+  ZrRegScalarField3* r = functional ? scalarField(functional->references) : nullptr;
+  if (!r)
+    return 0.0;
+  float box[6];
+  r->getBoundingBox(box);
+  double voxel = 0.0;
+  for (int a = 0; a < 3; a++)
+    if (r->getDims()[a] > 1)
+      voxel = std::max(voxel, (double)(box[2 * a + 1] - box[2 * a]) / (r->getDims()[a] - 1));
+  return voxel;
+}
+
 void ZrElasticRegistration::enterResolution(int level, int numLevels, RegFunctional* functional) {
   RegElasticFunctional* f = dynamic_cast<RegElasticFunctional*>(functional);
   if (f) {
@@ -391,6 +431,39 @@ void ZrElasticRegistration::enterResolution(int level, int numLevels, RegFunctio
     }
     f->landmarkWeight = landmarkWeight;
     f->init();
+    // An exact gradient is best used by the limited-memory quasi-Newton
+    // search, on every level: it takes about one evaluation per iteration
+    // where the others spend a line minimisation.
+    if (f->analyticGradient) {
+      const bool finest = level == numLevels - 1;
+      // The sub-lattice only where it leaves plenty of voxels per control
+      // point; a small image takes all of its voxels.
+      if (finest && sparseFinest && numLevels > 1 && !f->fixLowEntropy) {
+        auto taken = [&](int a) { return (int64_t)((f->dims[a] + 1) / 2); };
+        const int64_t points = splineTransform->getParamVectorDim() / 3;
+        if (taken(0) * taken(1) * taken(2) >= 64 * points)
+          f->analyticGradient->sampleStride = 2;
+      }
+      ZrLimitedMemoryOptimizer* search = dynamic_cast<ZrLimitedMemoryOptimizer*>(optimizer);
+      if (!search) {
+        delete optimizer;
+        optimizer = search = new ZrLimitedMemoryOptimizer(this, 0.0);
+        optimizer->setFunctional(functional);
+      }
+      // The finest level makes the accuracy and converges to a thirtieth of
+      // the port's tolerance; the coarser ones need only bring the lattice
+      // near, and stop at ten times it. (Measured on a 1 mm brain pair: a
+      // tenth instead of a thirtieth left 0.07 mm of error instead of 0.055,
+      // a hundredth gained 0.002 mm for half as many iterations more; the
+      // coarse levels at the tolerance itself took twice the iterations for
+      // the same result.)
+      const double tolerance = portNLevelsGradient.getValue(1);
+      search->tolerance = finest ? tolerance / 30.0 : tolerance * 10.0;
+      // No control point moves by more than a voxel of the level in one
+      // iteration. On a 32^3 head phantom of 7 mm voxels an unbounded first
+      // move of 86 mm led to a lower optimum (error 9.8 mm against 3.8 mm).
+      search->maxMove = levelVoxelSize(functional);
+    }
   }
 
   ZrWorkArea::getTheWorkArea()->setProgressInfo("Registering at resolution level %d out of %d",

@@ -22,6 +22,7 @@
 #include "ZrPortFloatTextN.h"
 #include "ZrPortInfo.h"
 #include "ZrPortIntTextN.h"
+#include "ZrPortMultiMenu.h"
 #include "ZrVoxelRegistration.h"
 
 class QbInterfaceOwner;
@@ -53,6 +54,10 @@ public:
   ZrPortFloatTextN portRegularization;
   // Landmark pairs: set 0 in the model, set 1 in the reference.
   ZrConnection portLandmarks;
+  // "Gradient:": "Finite differences" (probes of each control point's box,
+  // the default) or "Analytic" (the exact derivative in one pass over the
+  // reference, for every metric but label difference). Hidden.
+  ZrPortMultiMenu portGradient;
 
   // --- Fields ------------------------------------------------------------------------
   // The live control points: the connected set, or the one createTransform()
@@ -80,6 +85,10 @@ public:
   // from; null once another result took slot 1.
   ZrData* vectorFieldResult = nullptr;
   QbDVector<double> vectorFieldParams;
+  // This run registers the finest level on a sub-lattice of the reference
+  // instead of leaving it out (analytic gradient, "Ignore finest
+  // resolution").
+  bool sparseFinest = false;
 
   // --- Overrides -------------------------------------------------------------------
   void createTransform() override;

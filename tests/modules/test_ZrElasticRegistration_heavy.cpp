@@ -173,6 +173,53 @@ TEST_F(ElasticRunTest, EachMetricOfTheMenu) {
   }
 }
 
+TEST_F(ElasticRunTest, AnalyticGradientReachesTheAccuracyOfFiniteDifferences) {
+  // Each metric with a derivative, and the flat pair with both penalties,
+  // registered once by each gradient: the analytic one (with its own search
+  // on every level and the finest level on a sub-lattice) must do as well.
+  const int dims[3] = {32, 32, 24};
+  const Deformation u = deformationFor(dims, 1.0);
+  for (int metric : {0, 2, 3}) {
+    double error[2];
+    for (int gradient = 0; gradient < 2; gradient++) {
+      SCOPED_TRACE(testing::Message() << "metric " << metric << ", gradient " << gradient);
+      Outcome o =
+          run(makeReference(dims, u), makeModel(dims), u, 1.0, [&](ZrElasticRegistration* m) {
+            twoLevels(m);
+            m->portMetric.setIndex(0, metric);
+            m->portHistogramBins.setValue(32);
+            m->portGradient.setIndex(0, gradient);
+          });
+      EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
+      error[gradient] = o.meanError;
+      ZrObjectPool::getTheObjectPool()->clear();
+    }
+    EXPECT_LT(error[1], 0.5) << "metric " << metric;
+    EXPECT_LT(error[1], error[0] + 0.05) << "metric " << metric;
+  }
+  const int flat[3] = {64, 64, 1};
+  const Deformation v = deformationFor(flat, 1.0);
+  double error[2];
+  for (int gradient = 0; gradient < 2; gradient++) {
+    SCOPED_TRACE(testing::Message() << "flat, gradient " << gradient);
+    Outcome o = run(
+        makeReference(flat, v, QB_FLOAT, 1.0, 1.0, 12.0), makeModel(flat, QB_FLOAT, 1.0, 1.0, 12.0),
+        v, 1.0,
+        [&](ZrElasticRegistration* m) {
+          twoLevels(m);
+          m->portHistogramBins.setValue(32);
+          m->portRegularization.setValue(0, 0.01f);
+          m->portRegularization.setValue(1, 0.01f);
+          m->portGradient.setIndex(0, gradient);
+        },
+        12.0);
+    EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
+    error[gradient] = o.meanError;
+    ZrObjectPool::getTheObjectPool()->clear();
+  }
+  EXPECT_LT(error[1], error[0] + 0.05);
+}
+
 TEST_F(ElasticRunTest, FlatPairWithBothPenalties) {
   const int dims[3] = {64, 64, 1};
   const Deformation u = deformationFor(dims, 1.0);

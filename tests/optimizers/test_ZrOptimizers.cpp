@@ -1,9 +1,9 @@
 // The gradient-driven searches on analytic objectives with known maxima: the
 // aggressive direction search (its passes, its copy of the best probe), the
-// line search along the gradient (its step schedules and walking limit), and
-// the gradient optimizer's three methods (bounded line search, the fallback
-// of quasi-Newton, iteration limits); stops leave the parameters at the last
-// point evaluated.
+// line search along the gradient (its step schedules and walking limit), the
+// gradient optimizer's three methods (bounded line search, the fallback of
+// quasi-Newton, iteration limits), and the limited-memory search of exact
+// gradients; stops leave the parameters at the last point evaluated.
 #include "QbDVector.h"
 #include "RegAffineTransform.h"
 #include "RegFunctional.h"
@@ -11,6 +11,7 @@
 #include "ZrAggressiveDirectionOptimizer.h"
 #include "ZrBestDirectionOptimizer.h"
 #include "ZrGradientOptimizer.h"
+#include "ZrLimitedMemoryOptimizer.h"
 #include "ZrMessage.h"
 #include "ZrWorkArea.h"
 
@@ -683,4 +684,86 @@ TEST_F(OptimizerTest, GradientRoundsAndIterationLimitsFollowTheParameterCount) {
   opt.setFunctional(&f);
   opt.optimize(1.0, 1e-3);
   EXPECT_EQ(f.count('G'), 100);
+}
+
+// The exact gradient on the scale of the elastic functionals' (twice the
+// derivative), by differences small enough for the objectives here.
+void exactGradient(AnalyticFunctional& f) {
+  f.forged = [&f](int, QbDVector<double>& g) {
+    QbDVector<double>& p = f.transform->paramVector;
+    for (int i = 0; i < p.size(); i++) {
+      if (f.transform->getParamStep(i, nullptr) == 0.0)
+        continue;
+      const double old = p[i], h = 1e-6;
+      p[i] = old + h;
+      const double up = f.value();
+      p[i] = old - h;
+      const double down = f.value();
+      p[i] = old;
+      g[i] = (up - down) / h;
+    }
+    return true;
+  };
+}
+
+TEST_F(OptimizerTest, LimitedMemorySearchTakesAboutOneEvaluationPerIteration) {
+  const Coupled c60(60);
+  // The Rosenbrock valley, negated: maximum 0 at (1, 1).
+  Objective banana = [](const QbDVector<double>& p) {
+    const double a = 1.0 - p[0], b = p[1] - p[0] * p[0];
+    return -(a * a + 100.0 * b * b);
+  };
+  // Beyond p0 = 1.6 the functional rejects the transform, as an elastic one
+  // does a fold; the maximum lies at (1.5, 1.5), and a first trial of 10
+  // goes deep into the rejected side. Parameter 2 is frozen.
+  Objective folded = [](const QbDVector<double>& p) {
+    if (p[0] > 1.6)
+      return INVALID_VALUE;
+    return -((p[0] - 1.5) * (p[0] - 1.5) + 2.0 * (p[1] - 1.5) * (p[1] - 1.5) + p[2] * p[2]);
+  };
+  struct Case {
+    const char* name;
+    Objective objective;
+    Point start, optimum;
+    double firstMove;
+    std::vector<double> steps;
+  } cases[] = {{"coupled quadratic", c60.objective(), Point(60), c60.c, 0.5, {}},
+               {"narrow valley", valley(1000.0), {-1.5, -0.7}, {1.0, 1.0}, 0.5, {}},
+               {"banana", banana, {-1.2, 1.0}, {1.0, 1.0}, 0.5, {}},
+               {"rejected trials", folded, {0.0, 0.0, 0.3}, {1.5, 1.5, 0.3}, 10.0, {1, 1, 0}}};
+  for (const Case& k : cases) {
+    TestTransform t(int(k.start.size()));
+    for (size_t i = 0; i < k.start.size(); i++)
+      t.paramVector[i] = k.start[i];
+    for (size_t i = 0; i < k.steps.size(); i++)
+      t.steps[i] = k.steps[i];
+    AnalyticFunctional f(&t, k.objective);
+    exactGradient(f);
+    TestCallback cb;
+    ZrLimitedMemoryOptimizer opt(&cb, 1e-14);
+    opt.firstMove = k.firstMove;
+    opt.setFunctional(&f);
+    opt.optimize(1.0, 0.01);
+    for (size_t i = 0; i < k.optimum.size(); i++)
+      EXPECT_NEAR(t.paramVector[i], k.optimum[i], t.steps[i] == 0 ? 0.0 : 1e-5) << k.name;
+    EXPECT_LT(opt.iterations, opt.maxIterations) << k.name;
+    EXPECT_LE(opt.evaluations, 2 * opt.iterations + 10) << k.name;
+    // The gradient form is all it calls, and a search that ends is shown.
+    EXPECT_EQ(f.count('E') + f.count('I'), 0) << k.name;
+    EXPECT_EQ(opt.evaluations, f.count('G')) << k.name;
+    EXPECT_GE(cb.numApply, 1) << k.name;
+  }
+  // A bound on the move per iteration holds from the first trial on.
+  TestTransform t(1);
+  AnalyticFunctional f(&t, [](const QbDVector<double>& p) { return -(p[0] - 5) * (p[0] - 5); });
+  exactGradient(f);
+  ZrLimitedMemoryOptimizer opt(nullptr, 1e-14);
+  opt.firstMove = 4.0;
+  opt.maxMove = 0.5;
+  opt.setFunctional(&f);
+  opt.optimize(1.0, 0.01);
+  EXPECT_NEAR(t.paramVector[0], 5.0, 1e-6);
+  for (const Point& p : f.pointsOf('G'))
+    EXPECT_LE(p[0], 5.5 + 1e-9);
+  EXPECT_GE(opt.iterations, 10);
 }
