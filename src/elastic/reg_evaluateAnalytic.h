@@ -450,14 +450,15 @@ inline void reg_analyticPenaltyVoxel(const RegAnalyticPass& P, double* columns,
   const int stride = 3 * P.ncx;
   double* col = columns + 3 * W.cell;
   const double *w0 = W.weight, *w1 = W.weight1, *w2 = W.weight2;
-  // The Jacobian term |ln(D / V)| moves with D at the rate sign(D - V) / D,
-  // and D with the columns a, b, c along b x c, c x a, a x b (times the
-  // scale of the determinant).
+  // The Jacobian term |ln R|, R the determinant relative to the lattice at
+  // rest, moves with R at the rate sign(R - 1) / R, and R with the columns
+  // a, b, c along b x c, c x a, a x b (times the factor of the relative
+  // determinant).
   QbVec3d ja, jb, jc;
   if (P.wantJ) {
     const double det = pen.determinant(a, b, c);
-    const double sign = det > pen.volumeScale ? 1.0 : (det < pen.volumeScale ? -1.0 : 0.0);
-    const double dj = sign / det * pen.detScale * P.jacobianFactor;
+    const double sign = det > 1.0 ? 1.0 : (det < 1.0 ? -1.0 : 0.0);
+    const double dj = sign / det * pen.detFactor * P.jacobianFactor;
     ja = b.cross(c) * dj;
     jb = c.cross(a) * dj;
     jc = a.cross(b) * dj;
