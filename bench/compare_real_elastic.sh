@@ -166,7 +166,12 @@ for c in $cases; do
     fi
     timed "$e/elastix.log" "$acc" elastix -f "$ref" -m "$d/model.nii.gz" "${ps[@]}" -out "$e" \
       -threads "$threads"
-    transformix -def all -tp "$e/TransformParameters.$last.txt" -out "$e" >/dev/null
+    # transformix writes the field in the format the parameter file names
+    # (MetaImage when none): ask for NIfTI, which the scorer reads.
+    tp="$e/TransformParameters.$last.txt"
+    grep -q ResultImageFormat "$tp" && sed -i 's/(ResultImageFormat "[^"]*")/(ResultImageFormat "nii.gz")/' "$tp" ||
+      echo '(ResultImageFormat "nii.gz")' >>"$tp"
+    transformix -def all -tp "$tp" -out "$e" >/dev/null
     s=$("$py" "$here/bench/realdata.py" score "$d" --field "$e/deformationField.nii.gz")
     echo "$c elastix $s $(totals "$acc") load $before" | tee -a "$results"
   fi
