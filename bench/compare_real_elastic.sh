@@ -59,11 +59,12 @@ timed() {
   wall=$(sed -n 's/.*Elapsed (wall clock) time (h:mm:ss or m:ss): //p' "$log" |
     awk -F: '{ s = 0; for (i = 1; i <= NF; i++) s = s * 60 + $i; print s }')
   peak=$(sed -n 's/.*Maximum resident set size (kbytes): //p' "$log")
-  echo "$wall $((peak / 1024))" >>"$acc"
+  cpu=$(sed -n 's/.*\(User\|System\) time (seconds): //p' "$log" | awk '{ s += $1 } END { print s }')
+  echo "$wall $((peak / 1024)) $cpu" >>"$acc"
 }
 
 # Sums the wall times and takes the largest peak of the lines of $1.
-totals() { awk '{ w += $1; if ($2 > p) p = $2 } END { printf "%.1f %d", w, p }' "$1"; }
+totals() { awk '{ w += $1; c += $3; if ($2 > p) p = $2 } END { printf "%.1f %d %.1f", w, p, c }' "$1"; }
 
 load() { cut -d' ' -f1-3 /proc/loadavg; }
 
@@ -186,14 +187,15 @@ for line in open(sys.argv[1]):
         continue
     s = json.loads(m.group(3))
     rest = m.group(4).split()
-    wall = peak = ld = "-"
+    wall = peak = cpu = ld = "-"
     if rest:
-        wall, peak = rest[0], rest[1]
-        ld = " ".join(rest[3:])
-    rows.append((m.group(1), m.group(2), s["error_mm"], s.get("dice", float("nan")), wall, peak, ld))
+        wall, peak, cpu = rest[0], rest[1], rest[2]
+        ld = " ".join(rest[4:])
+    rows.append((m.group(1), m.group(2), s["error_mm"], s.get("dice", float("nan")), wall, cpu,
+                 peak, ld))
 print()
-print("| case | tool | error (mm) | Dice | wall (s) | peak (MB) | load before |")
-print("|---|---|---|---|---|---|---|")
+print("| case | tool | error (mm) | Dice | wall (s) | CPU (s) | peak (MB) | load before |")
+print("|---|---|---|---|---|---|---|---|")
 for r in rows:
-    print(f"| {r[0]} | {r[1]} | {r[2]:.3f} | {r[3]:.3f} | {r[4]} | {r[5]} | {r[6]} |")
+    print(f"| {r[0]} | {r[1]} | {r[2]:.3f} | {r[3]:.3f} | {r[4]} | {r[5]} | {r[6]} | {r[7]} |")
 PY
