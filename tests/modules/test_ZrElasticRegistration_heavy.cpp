@@ -265,7 +265,7 @@ TEST_F(ElasticRunTest, LabelPairWithLabelDifference) {
   EXPECT_LT(after, before * 6 / 10);
 }
 
-TEST_F(ElasticRunTest, LandmarksChangeTheResultAndValidate) {
+TEST_F(ElasticRunTest, LandmarksChangeTheResult) {
   const int dims[3] = {32, 32, 24};
   const Deformation u = deformationFor(dims, 1.0);
   auto configure = [](ZrElasticRegistration* m) {
@@ -303,39 +303,8 @@ TEST_F(ElasticRunTest, LandmarksChangeTheResultAndValidate) {
     change = std::max(change, std::fabs(m->splineTransform->paramVector[i] - withoutLandmarks[i]));
   EXPECT_GT(change, 1e-3) << "the landmark term takes part in the search";
 
-  // The run offers the check; the first one measures the mapping of the run.
+  // The run offers the check (its figures are tested on known lattices).
   EXPECT_TRUE(m->portResult.isSensitive(2));
-  EXPECT_TRUE(m->portAboveThreshold.isVisible());
-  ASSERT_TRUE(m->portResult.hit(2));
-  m->fire(1);
-  float mean, dev, rms, max, median, above;
-  ASSERT_EQ(std::sscanf(m->portStatistics.getValue(), "mean %g dev %g rms %g max %g", &mean, &dev,
-                        &rms, &max),
-            4)
-      << m->portStatistics.getValue();
-  ASSERT_EQ(
-      std::sscanf(m->portStatistics2.getValue(), "median %g aboveThresh %g %%", &median, &above), 2)
-      << m->portStatistics2.getValue();
-  EXPECT_TRUE(std::isfinite(mean) && std::isfinite(dev) && std::isfinite(max));
-  EXPECT_LE(mean, max);
-  EXPECT_LE(median, max);
-  EXPECT_GE(above, 0.0f);
-  EXPECT_LE(above, 100.0f);
-  EXPECT_TRUE(m->portStatistics2.isVisible());
-
-  // A single marker: the deviation is not a number, and nothing breaks.
-  ZrLandmarkSet* one = new ZrLandmarkSet(2);
-  const QbVec3f pair[2] = {QbVec3f(12, 12, 12), QbVec3f(12.5f, 12, 12)};
-  one->appendLandmark(pair, 2);
-  addToPool(one, "oneLandmark");
-  ASSERT_TRUE(m->portLandmarks.connect(one));
-  m->fire(1);
-  ASSERT_TRUE(m->portResult.hit(2));
-  m->fire(1);
-  ASSERT_TRUE(m->portResult.hit(2));
-  m->fire(1);
-  EXPECT_NE(std::string(m->portStatistics.getValue()).find("nan"), std::string::npos)
-      << m->portStatistics.getValue();
 }
 
 // The model as an affine step leaves it: its voxels on a lattice of their
