@@ -2,6 +2,8 @@
 # Builds and runs the whole test suite.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# However the run ends, the last line says how the tests weigh against the code.
+trap 'bash scripts/test-ratio.sh' EXIT
 bash scripts/deps.sh
 bash scripts/build.sh
 cd build

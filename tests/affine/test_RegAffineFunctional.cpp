@@ -6,10 +6,7 @@
 #include "RegAffineTransform.h"
 #include "RegMeanSquaredDifference.h"
 #include "RegOptimizerCallback.h"
-#include "RegVoxelEvaluator.h"
 #include "SbMatrix.h"
-#include "ZrFieldEvaluator.h"
-#include "ZrLocation3.h"
 #include "ZrUniformScalarField3.h"
 #include "ZrWorkArea.h"
 
@@ -211,17 +208,6 @@ TEST_F(AffineFunctionalTest, GradientIsTheRawCentralDifference) {
     EXPECT_EQ(transform->paramVector[i], start[i]) << i;
   EXPECT_EQ(f0, f->evaluate());
 
-  // The same differences formed here: f(p + step * s) - f(p - step * s).
-  SbVec3d extent(N - 1, N - 1, N - 1);
-  for (int i = 0; i < 12; i++) {
-    const double s = transform->getParamStep(i, &extent);
-    transform->paramVector[i] = start[i] + step * s;
-    const double up = f->evaluate();
-    transform->paramVector[i] = start[i] - step * s;
-    const double down = f->evaluate();
-    transform->paramVector[i] = start[i];
-    EXPECT_NEAR(gradient[i], up - down, 1e-12 * std::fabs(f0)) << i;
-  }
   // Moving towards the optimum raises the value: x must fall, z must rise.
   EXPECT_LT(gradient[0], 0.0);
   EXPECT_GT(gradient[2], 0.0);
@@ -321,38 +307,4 @@ TEST_F(AffineFunctionalTest, NearestNeighbourReadsWholeVoxels) {
   EXPECT_NEAR(nearest->evaluate(), 0.0, 1e-9);
   auto standard = makeFunctional(0, 3, RegInterpolatorStandard);
   EXPECT_LT(standard->evaluate(), -1e-3);
-}
-
-TEST(RegVoxelEvaluator, MakesEvaluatorsOnRequest) {
-  const int dims[3] = {4, 4, 4};
-  const float box[6] = {0, 3, 0, 3, 0, 3};
-  auto field = makeBlob(dims, box);
-  for (RegInterpolator ip : {RegInterpolatorStandard, RegInterpolatorNearest}) {
-    RegVoxelEvaluator ev(field.get(), ip);
-    EXPECT_EQ(ev.eval, nullptr);
-    EXPECT_EQ(ev.location, nullptr);
-    ev.resetEval();
-    ASSERT_NE(ev.eval, nullptr);
-    ASSERT_NE(ev.location, nullptr);
-    // The pair samples the field: at a voxel, its value.
-    float v = 0;
-    ASSERT_NE(ev.location->set(1, 2, 3), 0);
-    ev.eval->eval(ev.location, &v);
-    EXPECT_FLOAT_EQ(v, (float)blob(1, 2, 3));
-    EXPECT_EQ(ev.location->set(1, 2, 30), 0);
-
-    // A worker's private pair: made from nothing, then replaced.
-    ZrFieldEvaluator* e = nullptr;
-    ZrLocation3* l = nullptr;
-    ev.createEvalModel(e, l);
-    ASSERT_NE(e, nullptr);
-    ASSERT_NE(l, nullptr);
-    EXPECT_NE(e, ev.eval);
-    ev.createEvalModel(e, l);
-    ASSERT_NE(l->set(2, 2, 2), 0);
-    e->eval(l, &v);
-    EXPECT_FLOAT_EQ(v, (float)blob(2, 2, 2));
-    delete e;
-    delete l;
-  }
 }

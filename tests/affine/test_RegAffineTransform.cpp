@@ -4,12 +4,11 @@
 #include "QbPrimType.h"
 #include "RegAffineTransform.h"
 #include "SbMatrix.h"
-#include "SoDB.h"
-#include "SoSensorManager.h"
 #include "ZrUniformScalarField3.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
@@ -59,15 +58,53 @@ const float kModelBox[6] = {5, 25, -3, 17, 2, 12}; // origin (5, -3, 2), half si
 
 } // namespace
 
-TEST(RegAffineTransform, DefaultIsTheIdentity) {
-  RegAffineTransform t;
-  EXPECT_EQ(t.getParamVectorDim(), 15);
-  EXPECT_EQ(t.getVariableParamVectorDim(), 12);
-  EXPECT_EQ(t.paramVector.size(), 15);
-  for (int i = 0; i < 15; i++)
-    EXPECT_EQ(t.paramVector[i], (i >= 6 && i <= 8) ? 1.0 : 0.0) << i;
-  EXPECT_EQ(t.inverse, nullptr);
-  EXPECT_EQ(t.auxVector.size(), 0);
+// Hand-computed matrices (rows are images of the axes, p' = p * M): the
+// scales act on rows, the turns compose as Rx * Ry * Rz, the shears act in
+// the order z from x, y from z, x from y, and the translation keeps the
+// centre fixed. A flipped sign or order in any of these fails here while
+// the round trips still pass.
+TEST(RegAffineTransform, ComposeMatrixKnownMatrices) {
+  const double a = 0.1, b = 0.2, c = 0.3;
+  const struct {
+    double p[15];
+    double m[4][3];
+  } cases[] = {
+      {{0, 0, 0, 0, 0, 90, 2, 3, 4}, {{0, -2, 0}, {3, 0, 0}, {0, 0, 4}, {0, 0, 0}}},
+      {{0, 0, 0, 90}, {{1, 0, 0}, {0, 0, 1}, {0, -1, 0}, {0, 0, 0}}},
+      {{0, 0, 0, 0, 90}, {{0, 0, -1}, {0, 1, 0}, {1, 0, 0}, {0, 0, 0}}},
+      {{0, 0, 0, 90, 0, 90}, {{0, -1, 0}, {0, 0, 1}, {-1, 0, 0}, {0, 0, 0}}},
+      {{0, 0, 0, 0, 0, 0, 1, 1, 1, a, b, c},
+       {{1 + a * b * c, a, a * b}, {b * c, 1, b}, {c, 0, 1}, {0, 0, 0}}},
+      {{10, 20, 30, 0, 0, 90, 1, 1, 1, 0, 0, 0, 1, 2, 3},
+       {{0, -1, 0}, {1, 0, 0}, {0, 0, 1}, {9, 23, 30}}},
+  };
+  for (const auto& k : cases) {
+    double p[15];
+    std::copy(k.p, k.p + 15, p);
+    for (int i = 6; i < 9; i++)
+      p[i] = p[i] == 0 ? 1 : p[i];
+    const SbMatrixd m = compose(p);
+    for (int r = 0; r < 4; r++)
+      for (int col = 0; col < 3; col++)
+        EXPECT_NEAR(m[r][col], k.m[r][col], 1e-12)
+            << "case " << (&k - cases) << " at " << r << ", " << col;
+  }
+  // Generic angles: the product of the elementary turns, built here.
+  const double rx = 0.3, ry = -0.7, rz = 1.1;
+  const double Rx[3][3] = {{1, 0, 0}, {0, cos(rx), sin(rx)}, {0, -sin(rx), cos(rx)}};
+  const double Ry[3][3] = {{cos(ry), 0, -sin(ry)}, {0, 1, 0}, {sin(ry), 0, cos(ry)}};
+  const double Rz[3][3] = {{cos(rz), -sin(rz), 0}, {sin(rz), cos(rz), 0}, {0, 0, 1}};
+  const double deg = 180 / M_PI;
+  const double p[15] = {0, 0, 0, rx * deg, ry * deg, rz * deg, 1, 1, 1};
+  const SbMatrixd m = compose(p);
+  for (int r = 0; r < 3; r++)
+    for (int col = 0; col < 3; col++) {
+      double v = 0;
+      for (int i = 0; i < 3; i++)
+        for (int j = 0; j < 3; j++)
+          v += Rx[r][i] * Ry[i][j] * Rz[j][col];
+      EXPECT_NEAR(m[r][col], v, 1e-12) << r << ", " << col;
+    }
 }
 
 TEST(RegAffineTransform, ComposeDecomposeRoundTrip) {
@@ -200,7 +237,6 @@ TEST(RegAffineTransform, SingularMatrixIsReported) {
   const std::string err = testing::internal::GetCapturedStderr();
   EXPECT_EQ(ok, 0);
   EXPECT_EQ(err, "\nRegAffineTransform::decomposeMatrix encountered singular matrix.");
-  EXPECT_EQ(err.size(), 65u);
   // What was found before the short row stays; rotation and centre stay 0.
   EXPECT_NEAR(t.paramVector[0], 1.0, 1e-12);
   EXPECT_NEAR(t.paramVector[6], 2.0, 1e-12);
@@ -400,22 +436,4 @@ TEST(RegAffineTransform, InverseMirrorMapsBack) {
   ASSERT_NE(ownAffine, nullptr);
   EXPECT_NE(ownAffine, inv);
   EXPECT_LT(maxDifference(ownAffine->matrix, inv->matrix), 1e-15);
-}
-
-namespace {
-void countCall(void* counter) { ++*static_cast<int*>(counter); }
-} // namespace
-
-TEST(RegAffineTransform, UpdateLetsTheSceneCatchUp) {
-  auto reference = makeField(kReferenceBox);
-  auto model = makeField(kModelBox);
-  QbDArray<ZrSpatialData*> refs;
-  refs.append(reference.get());
-  RegAffineTransform t(refs, model.get(), 12);
-  int calls = 0;
-  SoDB::getSensorManager()->addCallback(countCall, &calls);
-  t.update();
-  t.update();
-  SoDB::getSensorManager()->removeCallback(countCall, &calls);
-  EXPECT_EQ(calls, 2);
 }

@@ -163,8 +163,9 @@ void expectRecovered(const std::vector<int>& optimizers, double tolerance = 0.1)
 } // namespace
 
 TEST(ZrAffineRegistrationHeavy, DirectionSearchesRecoverARigidMotionWithEveryMetric) {
-  // "Extensive direction", "Best neighbor", "Line search".
-  expectRecovered({0, 1, 4});
+  // "Extensive direction" and "Line search"; the light tests run "Best
+  // neighbor".
+  expectRecovered({0, 4});
 }
 
 TEST(ZrAffineRegistrationHeavy, GradientSearchesComeCloseToARigidMotionWithEveryMetric) {

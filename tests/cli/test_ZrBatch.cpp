@@ -5,6 +5,8 @@
 #include "ZrBatchManifest.h"
 #include "ZrBatchRunner.h"
 
+#include "ZrregRun.h"
+
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -163,32 +165,11 @@ TEST(ZrBatchRunner, ReadsProgressMetricAndErrorsFromARowsOutput) {
 
 namespace {
 
-std::string zrreg() {
-  const char* dir = std::getenv("ZR_PACKAGE_DIR");
-  return std::string(dir ? dir : ".") + "/zrreg";
-}
-
-struct Result {
-  int status = -1;
-  std::string output;
-};
-
-// Runs zrreg with the given variables, and outside any Slurm array the
-// tests themselves may run in.
-Result run(const std::string& args, const std::string& vars = "") {
-  Result r;
-  const std::string cmd = "env -u SLURM_ARRAY_TASK_ID -u SLURM_ARRAY_TASK_COUNT " + vars + " " +
-                          zrreg() + " " + args + " 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p)
-    return r;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-    r.output.append(buf, n);
-  int st = pclose(p);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return r;
+// zrreg outside any Slurm array the tests themselves may run in, with the
+// variables given.
+Shell batchRun(const std::string& args, const std::string& vars = "") {
+  return shell("env -u SLURM_ARRAY_TASK_ID -u SLURM_ARRAY_TASK_COUNT " + vars + " " + zrreg() +
+               " " + args);
 }
 
 // A summary as row -> column -> value.
@@ -229,8 +210,8 @@ TEST(ZrBatch, PhantomPairsWithABrokenRowRerunAndShards) {
   const std::string dir = "/tmp/zrreg-batchtest-" + std::to_string(getpid());
   mkdir(dir.c_str(), 0777);
   for (int p = 1; p <= 3; p++) {
-    Result r = run("phantom --size 20 --rotate " + std::to_string(2 * p) + ",1,-2 --out " + dir +
-                   "/p" + std::to_string(p));
+    Shell r = batchRun("phantom --size 20 --rotate " + std::to_string(2 * p) + ",1,-2 --out " +
+                       dir + "/p" + std::to_string(p));
     ASSERT_EQ(r.status, 0) << r.output;
   }
   std::ofstream(dir + "/junk.nii") << "not an image";
@@ -247,7 +228,7 @@ TEST(ZrBatch, PhantomPairsWithABrokenRowRerunAndShards) {
          "affine,p2/reference.nii.gz,p2/model.nii.gz,out/a5.nii.gz,p1/known.txt/a5.txt,\n";
   const std::string m = dir + "/m.csv", summary = dir + "/m.summary.tsv";
 
-  Result r = run("batch " + m + " --jobs 2");
+  Shell r = batchRun("batch " + m + " --jobs 2");
   EXPECT_EQ(r.status, 1) << r.output;
   auto first = readSummary(summary);
   ASSERT_EQ(first.size(), 5u) << r.output;
@@ -270,7 +251,7 @@ TEST(ZrBatch, PhantomPairsWithABrokenRowRerunAndShards) {
   // lost one of its outputs runs again.
   const ino_t e2 = inodeOf(dir + "/out/e2.nii.gz");
   std::remove((dir + "/out/a1.txt").c_str());
-  r = run("batch " + m + " --jobs 2");
+  r = batchRun("batch " + m + " --jobs 2");
   EXPECT_EQ(r.status, 1) << r.output;
   auto second = readSummary(summary);
   EXPECT_EQ(second[1]["status"], "ok");
@@ -284,10 +265,10 @@ TEST(ZrBatch, PhantomPairsWithABrokenRowRerunAndShards) {
 
   // Two shards, one by option, one as a Slurm array task, redo exactly the
   // rows of the whole run; merged, they are its summary.
-  r = run("batch " + m + " --force --quiet --shard 1/2");
+  r = batchRun("batch " + m + " --force --quiet --shard 1/2");
   EXPECT_EQ(r.status, 1) << r.output; // row 3 is in shard 1
-  r = run("batch " + m + " --force --quiet",
-          "SLURM_ARRAY_TASK_ID=8 SLURM_ARRAY_TASK_MIN=7 SLURM_ARRAY_TASK_COUNT=2");
+  r = batchRun("batch " + m + " --force --quiet",
+               "SLURM_ARRAY_TASK_ID=8 SLURM_ARRAY_TASK_MIN=7 SLURM_ARRAY_TASK_COUNT=2");
   EXPECT_EQ(r.status, 0) << r.output;
   auto s1 = readSummary(dir + "/m.summary-1-of-2.tsv");
   auto s2 = readSummary(dir + "/m.summary-2-of-2.tsv");
@@ -299,7 +280,7 @@ TEST(ZrBatch, PhantomPairsWithABrokenRowRerunAndShards) {
   EXPECT_EQ(rows1, (std::set<int>{1, 3, 5}));
   EXPECT_EQ(rows2, (std::set<int>{2, 4}));
   std::remove(summary.c_str());
-  r = run("batch --merge " + m);
+  r = batchRun("batch --merge " + m);
   EXPECT_EQ(r.status, 1) << r.output;
   auto merged = readSummary(summary);
   ASSERT_EQ(merged.size(), first.size());
@@ -310,7 +291,7 @@ TEST(ZrBatch, PhantomPairsWithABrokenRowRerunAndShards) {
   std::ofstream(dir + "/bad.csv") << "command,reference,model,output\n"
                                      "affine,p1/reference.nii.gz,p1/model.nii.gz,out/x.nii.gz\n"
                                      "register,p1/reference.nii.gz,p1/model.nii.gz,out/y.nii.gz\n";
-  r = run("batch " + dir + "/bad.csv");
+  r = batchRun("batch " + dir + "/bad.csv");
   EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.output.find("bad.csv:3: row 2: unknown command 'register'"), std::string::npos)
       << r.output;
@@ -319,7 +300,7 @@ TEST(ZrBatch, PhantomPairsWithABrokenRowRerunAndShards) {
   std::ofstream(dir + "/missing.csv")
       << "command,reference,model,output\n"
          "affine,p1/reference.nii.gz,p9/model.nii.gz,out/x.nii.gz\n";
-  r = run("batch " + dir + "/missing.csv");
+  r = batchRun("batch " + dir + "/missing.csv");
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.output.find("the model 'p9/model.nii.gz' does not exist (" + dir + "/missing.csv:2)"),
             std::string::npos)

@@ -14,6 +14,8 @@
 #include "ZrUniformScalarField3.h"
 #include "qbmalloc.h"
 
+#include "ZrregRun.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -143,31 +145,6 @@ private:
   rlimit old;
   void (*oldHandler)(int);
 };
-
-// zrreg beside the package (the tests' environment names its folder).
-std::string zrreg() {
-  const char* d = std::getenv("ZR_PACKAGE_DIR");
-  return std::string(d ? d : ".") + "/zrreg";
-}
-
-struct Shell {
-  int status = -1;
-  std::string output;
-};
-
-Shell shell(const std::string& command) {
-  Shell r;
-  FILE* p = popen((command + " 2>&1").c_str(), "r");
-  if (!p)
-    return r;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-    r.output.append(buf, n);
-  int st = pclose(p);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return r;
-}
 
 bool contains(const std::string& s, const char* what) { return s.find(what) != std::string::npos; }
 

@@ -14,6 +14,8 @@
 #include <itkImageRegionIteratorWithIndex.h>
 #include <itkVector.h>
 
+#include "ZrregRun.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -32,26 +34,6 @@ namespace {
 using ShortImage = itk::Image<short, 3>;
 using ByteImage = itk::Image<unsigned char, 3>;
 using DispImage = itk::Image<itk::Vector<float, 3>, 3>;
-
-std::string zrreg() {
-  const char* dir = std::getenv("ZR_PACKAGE_DIR");
-  return std::string(dir ? dir : ".") + "/zrreg";
-}
-
-int run(const std::string& args, std::string* output = nullptr) {
-  FILE* p = popen((zrreg() + " " + args + " 2>&1").c_str(), "r");
-  if (!p)
-    return -1;
-  char buf[4096];
-  size_t n;
-  std::string out;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-    out.append(buf, n);
-  if (output)
-    *output = out;
-  int st = pclose(p);
-  return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-}
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 

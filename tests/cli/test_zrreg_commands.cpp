@@ -10,6 +10,8 @@
 #include <itkImage.h>
 #include <itkImageFileWriter.h>
 
+#include "ZrregRun.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -23,38 +25,13 @@
 
 namespace {
 
-std::string zrreg() {
-  const char* dir = std::getenv("ZR_PACKAGE_DIR");
-  return std::string(dir ? dir : ".") + "/zrreg";
-}
-
-struct Result {
-  int status = -1;
-  std::string output; // stdout and stderr together
-};
-
-Result run(const std::string& args) {
-  Result r;
-  std::string cmd = zrreg() + " " + args + " 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p)
-    return r;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-    r.output.append(buf, n);
-  int st = pclose(p);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  return r;
-}
-
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 class ZrregCommands : public ::testing::Test {
 protected:
   static void SetUpTestSuite() {
     dir = "/tmp/zrreg-cmdtest-" + std::to_string(getpid());
-    Result r = run("phantom --size 64 --out " + dir);
+    Shell r = run("phantom --size 64 --out " + dir);
     ASSERT_EQ(r.status, 0) << r.output;
   }
   static void TearDownTestSuite() { std::system(("rm -rf " + dir).c_str()); }
@@ -68,11 +45,11 @@ TEST_F(ZrregCommands, HelpAndUsageErrors) {
   EXPECT_EQ(run("--help").status, 0);
   for (const char* c :
        {"affine", "apply", "ports", "run", "demo", "phantom", "version", "formats"}) {
-    Result r = run(std::string(c) + " --help");
+    Shell r = run(std::string(c) + " --help");
     EXPECT_EQ(r.status, 0) << c;
     EXPECT_NE(r.output.find("usage: zrreg"), std::string::npos) << c;
   }
-  Result r = run("frobnicate");
+  Shell r = run("frobnicate");
   EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.output.find("unknown command"), std::string::npos);
   r = run("affine --model x.nii");
@@ -85,8 +62,8 @@ TEST_F(ZrregCommands, HelpAndUsageErrors) {
 
 TEST_F(ZrregCommands, BadInputGivesAMessageAndNoOutput) {
   std::string out = dir + "/never.nii.gz";
-  Result r = run("affine --reference " + dir + "/missing.nii.gz --model " + dir +
-                 "/model.nii.gz -o " + out);
+  Shell r = run("affine --reference " + dir + "/missing.nii.gz --model " + dir +
+                "/model.nii.gz -o " + out);
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.output.find("cannot open"), std::string::npos) << r.output;
   EXPECT_FALSE(exists(out));
@@ -109,8 +86,8 @@ TEST_F(ZrregCommands, BadInputGivesAMessageAndNoOutput) {
 }
 
 TEST_F(ZrregCommands, PortsListsTheModulesPorts) {
-  Result r = run("ports ZrAffineRegistration --reference " + dir + "/reference.nii.gz --model " +
-                 dir + "/model.nii.gz");
+  Shell r = run("ports ZrAffineRegistration --reference " + dir + "/reference.nii.gz --model " +
+                dir + "/model.nii.gz");
   ASSERT_EQ(r.status, 0) << r.output;
   for (const char* port : {"metric", "optimizer", "transform", "register", "action", "reference"})
     EXPECT_NE(r.output.find(port), std::string::npos) << port;
@@ -125,9 +102,8 @@ TEST_F(ZrregCommands, PortsListsTheModulesPorts) {
 
 TEST_F(ZrregCommands, AffineFindsTheKnownTransform) {
   std::string out = dir + "/aligned.nii.gz", mat = dir + "/change.txt", tfm = dir + "/t.tfm";
-  Result r =
-      run("affine --quiet --reference " + dir + "/reference.nii.gz --model " + dir +
-          "/model.nii.gz --dof 7 -o " + out + " --matrix " + mat + " --itk-transform " + tfm);
+  Shell r = run("affine --quiet --reference " + dir + "/reference.nii.gz --model " + dir +
+                "/model.nii.gz --dof 7 -o " + out + " --matrix " + mat + " --itk-transform " + tfm);
   ASSERT_EQ(r.status, 0) << r.output;
   EXPECT_EQ(r.output, ""); // quiet: nothing but errors
   EXPECT_TRUE(exists(out));
@@ -173,7 +149,7 @@ TEST_F(ZrregCommands, ScriptDrivesAModuleThroughItsPorts) {
                         << "hit reg action Register\n"
                         << "compute reg\n"
                         << "save mov " << out << "\n";
-  Result r = run("run " + script);
+  Shell r = run("run " + script);
   ASSERT_EQ(r.status, 0) << r.output;
   EXPECT_TRUE(exists(out));
   // A bad line stops the script with its line number, and nothing after it runs.
@@ -214,8 +190,8 @@ TEST_F(ZrregCommands, PairsThatCannotRegisterAreRefused) {
   writeBlock(labels, -1, true);
   const std::string out = dir + "/refused.nii";
   for (const char* command : {"affine", "elastic"}) {
-    Result r = run(std::string(command) + " --quiet --reference " + flatZ + " --model " + flatX +
-                   " -o " + out);
+    Shell r = run(std::string(command) + " --quiet --reference " + flatZ + " --model " + flatX +
+                  " -o " + out);
     EXPECT_EQ(r.status, 1) << command << ": " << r.output;
     EXPECT_NE(r.output.find("the reference is flat along z but the model along x"),
               std::string::npos)
@@ -230,7 +206,7 @@ TEST_F(ZrregCommands, PairsThatCannotRegisterAreRefused) {
   }
   // A flat model against a full reference is a 2-D run, and labels with an
   // information metric are fine.
-  Result r = run("affine --quiet --reference " + grey + " --model " + flatZ + " -o " + out);
+  Shell r = run("affine --quiet --reference " + grey + " --model " + flatZ + " -o " + out);
   EXPECT_EQ(r.status, 0) << r.output;
   EXPECT_TRUE(exists(out));
   std::remove(out.c_str());
@@ -271,8 +247,8 @@ TEST_F(ZrregCommands, NonFiniteVoxelsInAFileAreRefused) {
     const std::string bad = dir + "/nonfinite" + c.ext, out = dir + "/never.nii";
     writer->SetFileName(bad);
     writer->Update();
-    Result r = run("affine --quiet --reference " + (c.asModel ? good : bad) + " --model " +
-                   (c.asModel ? bad : good) + " -o " + out);
+    Shell r = run("affine --quiet --reference " + (c.asModel ? good : bad) + " --model " +
+                  (c.asModel ? bad : good) + " -o " + out);
     EXPECT_EQ(r.status, 1) << c.ext << " " << c.value << ": " << r.output;
     EXPECT_NE(r.output.find(std::string("the ") + (c.asModel ? "model" : "reference") +
                             " image contains NaN or infinite voxels"),

@@ -14,6 +14,8 @@
 #include <itkLinearInterpolateImageFunction.h>
 #include <itkWarpImageFilter.h>
 
+#include "ZrregRun.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -26,27 +28,6 @@
 #include <unistd.h>
 
 namespace {
-
-std::string zrreg() {
-  const char* dir = std::getenv("ZR_PACKAGE_DIR");
-  return std::string(dir ? dir : ".") + "/zrreg";
-}
-
-int run(const std::string& args, std::string* output = nullptr) {
-  std::string cmd = zrreg() + " " + args + " 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p)
-    return -1;
-  char buf[4096];
-  size_t n;
-  std::string out;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-    out.append(buf, n);
-  if (output)
-    *output = out;
-  int st = pclose(p);
-  return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-}
 
 std::unique_ptr<ZrRegScalarField3> load(const std::string& path) {
   std::string error;

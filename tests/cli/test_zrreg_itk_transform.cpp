@@ -17,6 +17,8 @@
 #include <itkTransformFileReader.h>
 #include <itkTxtTransformIOFactory.h>
 
+#include "ZrregRun.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -27,23 +29,6 @@
 #include <unistd.h>
 
 namespace {
-
-std::string zrreg() {
-  const char* dir = std::getenv("ZR_PACKAGE_DIR");
-  return std::string(dir ? dir : ".") + "/zrreg";
-}
-
-int run(const std::string& args, std::string& output) {
-  FILE* p = popen((zrreg() + " " + args + " 2>&1").c_str(), "r");
-  if (!p)
-    return -1;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-    output.append(buf, n);
-  const int st = pclose(p);
-  return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-}
 
 // Smooth blobs of different sizes and heights around the origin, in world
 // millimetres.
@@ -249,7 +234,7 @@ TEST_F(ZrregItkTransform, ItkResamplesAsZrregDoesForEveryDegreeOfFreedom) {
     ASSERT_EQ(run("affine --quiet --dof " + std::to_string(dof) + " --reference " + reference +
                       " --model " + model + " -o " + dir + "/o.nii.gz --itk-transform " + tfm +
                       " --resampled " + resampled,
-                  output),
+                  &output),
               0)
         << output;
     const Comparison c = compare<3>(reference, model, resampled, tfm);
@@ -295,7 +280,7 @@ TEST_F(ZrregItkTransform, TwoDimensionalImagesGetATwoDimensionalTransform) {
   std::string output;
   ASSERT_EQ(run("affine --quiet --dof 7 --reference " + reference + " --model " + model + " -o " +
                     dir + "/o2.nii.gz --itk-transform " + tfm + " --resampled " + resampled,
-                output),
+                &output),
             0)
       << output;
   const Comparison r = compare<2>(reference, model, resampled, tfm);

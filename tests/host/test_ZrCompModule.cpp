@@ -89,34 +89,6 @@ protected:
 
 } // namespace
 
-TEST_F(ModuleTest, PortOrderAndLookup) {
-  TestModule m;
-  EXPECT_EQ(m.getPort("Reference"), &m.portReference);
-  EXPECT_EQ(m.getPort("data"), nullptr); // renamed
-  EXPECT_EQ(m.getPort(9), nullptr);
-
-  // Moving by key: "options" to 990 and "action" to 1000 puts them last in
-  // that order; a port made afterwards comes before them.
-  m.movePort(&m.portAction, 1000);
-  m.movePort(&m.portOptions, 990);
-  ZrPortToggleList late(&m, "late", 1);
-  auto names = [&] {
-    std::string s;
-    for (int i = 0; i < m.getNumPorts(); i++)
-      s += std::string(m.getPort(i)->getName()) + " ";
-    return s;
-  };
-  EXPECT_EQ(names(), "model reference step late options action ");
-  m.movePort(&m.portStep, 0);
-  EXPECT_EQ(names(), "model step reference late options action ");
-  {
-    ZrPortToggleList extra(&m, "extra", 1);
-    EXPECT_EQ(m.getPort("extra"), &extra);
-  }
-  EXPECT_EQ(m.getPort("extra"), nullptr); // unregistered when destroyed
-  EXPECT_EQ(m.getNumPorts(), 6);
-}
-
 TEST_F(ModuleTest, FireRunsUpdateAndComputeThenClearsFlagsAndHits) {
   TestModule m;
   m.portAction.hit(0);

@@ -265,31 +265,3 @@ TEST(ZrPortRadioBoxAndInfo, TextAndCodeValues) {
   info.setValue("%s", longText.c_str());
   EXPECT_EQ(std::string(info.getValue()), longText); // not cut
 }
-
-TEST(ZrPort, DescriptionsForHelp) {
-  ZrPortFloatTextN step(nullptr, "step", 2);
-  step.setLabel("Optimizer step:");
-  step.setLabel(0, "initial:");
-  step.setLabel(1, "final:");
-  step.setValue(0, 50.0f);
-  step.setValue(1, 0.09765625f);
-  step.setMinMax(0, 0.0f, 100.0f);
-  step.setSensitivity(1, 0);
-  EXPECT_EQ(step.toText(), "step: float values \"Optimizer step:\"\n"
-                           "    initial = 50 [0 to 100]\n"
-                           "    final = 0.09765625 (inactive)\n");
-  ZrPortToggleList t(nullptr, "extensiveSearch", 1);
-  t.hide();
-  EXPECT_EQ(t.toText(), "extensiveSearch: toggles (hidden)\n    0 = off\n");
-  ZrPortMultiMenu metric(nullptr, "metric");
-  makeMetricMenu(metric);
-  metric.setIndex(2);
-  EXPECT_EQ(metric.toText(),
-            "metric: menu\n    menu 0 = Euclidean; choices: 0 Normalized Mutual Information, "
-            "1 Mutual Information, 2 Euclidean, 3 Correlation\n");
-  ZrPortIntTextN grid(nullptr, "initialGridSize", 3);
-  grid.setMinMax(0, 4, 2147483647);
-  grid.setValue(4);
-  EXPECT_EQ(grid.toText(),
-            "initialGridSize: integer values\n    0 = 4 [at least 4]\n    1 = 4\n    2 = 4\n");
-}

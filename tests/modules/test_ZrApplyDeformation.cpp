@@ -62,15 +62,6 @@ protected:
 
 } // namespace
 
-TEST_F(ApplyDeformationTest, PortsAndType) {
-  EXPECT_STREQ(ZrApplyDeformation::getClassTypeId()->getName(), "ZrApplyDeformation");
-  EXPECT_TRUE(module->isOfType(ZrCompModule::getClassTypeId()));
-  ASSERT_NE(module->getPort("VectorField"), nullptr);
-  EXPECT_STREQ(module->portAction.getLabel(0), "DoIt");
-  ZrVertexSet points;
-  EXPECT_FALSE(module->portVectorField.accepts(&points)) << "a field is required";
-}
-
 TEST_F(ApplyDeformationTest, MovesPointsAndRecomputesFromInput) {
   ZrVertexSet* input = new ZrVertexSet;
   input->setName("surface");

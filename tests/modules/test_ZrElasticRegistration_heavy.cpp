@@ -6,14 +6,10 @@
 // the saved lattice applied again outside the run.
 #include "ElasticTestSupport.h"
 #include "RegVoxelCubicSplineTransform.h"
-#include "ZrApplyBSplineTransform.h"
-#include "ZrApplyDeformation.h"
-#include "ZrCurvilinearCoord3.h"
 #include "ZrElasticRegistration.h"
 #include "ZrLandmarkSet.h"
 #include "ZrMessage.h"
 #include "ZrRegVectorField3.h"
-#include "ZrVertexSet.h"
 
 #include "SbMatrix.h"
 #include "SbRotationd.h"
@@ -213,31 +209,15 @@ TEST_F(ElasticRunTest, AnalyticGradientReachesTheAccuracyOfFiniteDifferences) {
           m->portGradient.setIndex(0, gradient);
         },
         12.0);
+    EXPECT_EQ(o.module->dimensionMode, 2);
+    EXPECT_EQ(o.module->splineTransform->gridSize[2], 1);
+    EXPECT_EQ(o.module->splineTransform->gridSize[0], 11);
     EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
+    EXPECT_LT(o.meanError, 0.5);
     error[gradient] = o.meanError;
     ZrObjectPool::getTheObjectPool()->clear();
   }
   EXPECT_LT(error[1], error[0] + 0.05);
-}
-
-TEST_F(ElasticRunTest, FlatPairWithBothPenalties) {
-  const int dims[3] = {64, 64, 1};
-  const Deformation u = deformationFor(dims, 1.0);
-  Outcome o = run(
-      makeReference(dims, u, QB_FLOAT, 1.0, 1.0, 12.0), makeModel(dims, QB_FLOAT, 1.0, 1.0, 12.0),
-      u, 1.0,
-      [](ZrElasticRegistration* m) {
-        twoLevels(m);
-        m->portHistogramBins.setValue(32);
-        m->portRegularization.setValue(0, 0.01f); // Jacobian constraint
-        m->portRegularization.setValue(1, 0.01f); // grid energy
-      },
-      12.0);
-  EXPECT_EQ(o.module->dimensionMode, 2);
-  EXPECT_EQ(o.module->splineTransform->gridSize[2], 1);
-  EXPECT_EQ(o.module->splineTransform->gridSize[0], 11);
-  EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
-  EXPECT_LT(o.meanError, 0.5);
 }
 
 TEST_F(ElasticRunTest, LabelPairWithLabelDifference) {
@@ -285,7 +265,7 @@ TEST_F(ElasticRunTest, LabelPairWithLabelDifference) {
   EXPECT_LT(after, before * 6 / 10);
 }
 
-TEST_F(ElasticRunTest, LandmarksChangeTheResultAndValidate) {
+TEST_F(ElasticRunTest, LandmarksChangeTheResult) {
   const int dims[3] = {32, 32, 24};
   const Deformation u = deformationFor(dims, 1.0);
   auto configure = [](ZrElasticRegistration* m) {
@@ -323,136 +303,8 @@ TEST_F(ElasticRunTest, LandmarksChangeTheResultAndValidate) {
     change = std::max(change, std::fabs(m->splineTransform->paramVector[i] - withoutLandmarks[i]));
   EXPECT_GT(change, 1e-3) << "the landmark term takes part in the search";
 
-  // The run offers the check; the first one measures the mapping of the run.
+  // The run offers the check (its figures are tested on known lattices).
   EXPECT_TRUE(m->portResult.isSensitive(2));
-  EXPECT_TRUE(m->portAboveThreshold.isVisible());
-  ASSERT_TRUE(m->portResult.hit(2));
-  m->fire(1);
-  float mean, dev, rms, max, median, above;
-  ASSERT_EQ(std::sscanf(m->portStatistics.getValue(), "mean %g dev %g rms %g max %g", &mean, &dev,
-                        &rms, &max),
-            4)
-      << m->portStatistics.getValue();
-  ASSERT_EQ(
-      std::sscanf(m->portStatistics2.getValue(), "median %g aboveThresh %g %%", &median, &above), 2)
-      << m->portStatistics2.getValue();
-  EXPECT_TRUE(std::isfinite(mean) && std::isfinite(dev) && std::isfinite(max));
-  EXPECT_LE(mean, max);
-  EXPECT_LE(median, max);
-  EXPECT_GE(above, 0.0f);
-  EXPECT_LE(above, 100.0f);
-  EXPECT_TRUE(m->portStatistics2.isVisible());
-
-  // A single marker: the deviation is not a number, and nothing breaks.
-  ZrLandmarkSet* one = new ZrLandmarkSet(2);
-  const QbVec3f pair[2] = {QbVec3f(12, 12, 12), QbVec3f(12.5f, 12, 12)};
-  one->appendLandmark(pair, 2);
-  addToPool(one, "oneLandmark");
-  ASSERT_TRUE(m->portLandmarks.connect(one));
-  m->fire(1);
-  ASSERT_TRUE(m->portResult.hit(2));
-  m->fire(1);
-  ASSERT_TRUE(m->portResult.hit(2));
-  m->fire(1);
-  EXPECT_NE(std::string(m->portStatistics.getValue()).find("nan"), std::string::npos)
-      << m->portStatistics.getValue();
-}
-
-TEST_F(ElasticRunTest, SavedLatticeAppliedAgain) {
-  const int dims[3] = {32, 32, 24};
-  const Deformation u = deformationFor(dims, 1.0);
-  ZrUniformScalarField3* reference = makeReference(dims, u);
-  ZrUniformScalarField3* model = makeModel(dims);
-  Outcome o = run(reference, model, u, 1.0, [](ZrElasticRegistration* m) {
-    twoLevels(m);
-    m->portMetric.setIndex(0, 2);
-  });
-  ZrElasticRegistration* m = o.module;
-  ZrRegScalarField3* regWarp = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
-  ZrRegVectorField3* regField = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
-  ASSERT_TRUE(regWarp && regField);
-  regWarp->ref();
-  regField->ref();
-  ASSERT_TRUE(m->portResult.hit(0)); // "Save transform" replaces "VectorField"
-  m->fire(1);
-  ZrRegVectorField3* grid = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
-  ASSERT_NE(grid, nullptr);
-  EXPECT_STREQ(grid->getName(), "ControlGridVectors");
-  EXPECT_EQ(grid->getDims()[0], 11);
-
-  ZrApplyBSplineTransform* app = new ZrApplyBSplineTransform;
-  addToPool(app, "ApplyBSplineTransform");
-  ASSERT_TRUE(app->portData.connect(model));
-  ASSERT_TRUE(app->portControlPoints.connect(grid));
-  ASSERT_TRUE(app->portReference.connect(reference));
-  app->fire(1);
-  ASSERT_TRUE(app->portAction.hit(0));
-  app->fire(1);
-  const RegVoxelCubicSplineTransform* a = app->splineTransform;
-  const RegVoxelCubicSplineTransform* r = m->splineTransform;
-  for (int i = 0; i < 6; i++)
-    EXPECT_NEAR(a->interpolatedSpaceBoundary[i], r->interpolatedSpaceBoundary[i],
-                1e-5 * (1.0 + std::fabs(r->interpolatedSpaceBoundary[i])));
-  ASSERT_EQ(a->paramVector.size(), r->paramVector.size());
-  for (int i = 0; i < r->paramVector.size(); i++)
-    ASSERT_NEAR(a->paramVector[i], r->paramVector[i], 2e-6 * (1.0 + std::fabs(r->paramVector[i])))
-        << "parameter " << i;
-  ZrRegScalarField3* warp = dynamic_cast<ZrRegScalarField3*>(app->getResult(0));
-  ASSERT_NE(warp, nullptr);
-  double worst = 0.0;
-  for (size_t i = 0; i < warp->lattice.numNodes(); i++)
-    worst = std::max(
-        worst, std::fabs(warp->lattice.getValueAsDouble(i) - regWarp->lattice.getValueAsDouble(i)));
-  EXPECT_LT(worst, 0.05) << "the saved lattice warps as the run did";
-
-  // Both buttons: p - q, and q - p for "referenceToModel", at q.
-  ASSERT_TRUE(app->portResult.hit(0));
-  app->fire(1);
-  ZrRegVectorField3* forward = dynamic_cast<ZrRegVectorField3*>(app->getResult(1));
-  ASSERT_NE(forward, nullptr);
-  forward->ref();
-  ASSERT_TRUE(app->portResult.hit(1));
-  app->fire(1);
-  ZrRegVectorField3* backward = dynamic_cast<ZrRegVectorField3*>(app->getResult(1));
-  ASSERT_NE(backward, nullptr);
-  worst = 0.0;
-  const size_t n = forward->lattice.numNodes();
-  const float* qf = static_cast<ZrCurvilinearCoord3*>(forward->lattice.coords())->getPositions();
-  const float* qr = static_cast<ZrCurvilinearCoord3*>(regField->lattice.coords())->getPositions();
-  for (size_t i = 0; i < 3 * n; i++) {
-    worst = std::max(worst, (double)std::fabs(forward->floatData()[i] - regField->floatData()[i]));
-    worst = std::max(worst, (double)std::fabs(backward->floatData()[i] + forward->floatData()[i]));
-    worst = std::max(worst, (double)std::fabs(qf[i] - qr[i]));
-  }
-  EXPECT_LT(worst, 1e-3);
-
-  // Moving the transformed positions by "VectorField" takes them back to the
-  // reference nodes: the field holds p - q at q. A second press starts from
-  // the input again.
-  ZrVertexSet* points = new ZrVertexSet;
-  const int nodes[4][3] = {{10, 12, 8}, {20, 15, 12}, {14, 22, 16}, {6, 9, 5}};
-  for (const auto& v : nodes) {
-    float q[3];
-    forward->lattice.coords()->pos(v[0], v[1], v[2], q);
-    points->appendPoint(QbVec3f(q));
-  }
-  addToPool(points, "points");
-  ZrApplyDeformation* mover = new ZrApplyDeformation;
-  addToPool(mover, "ApplyDeformation");
-  ASSERT_TRUE(mover->portData.connect(points));
-  ASSERT_TRUE(mover->portVectorField.connect(forward));
-  for (int press = 0; press < 2; press++) {
-    ASSERT_TRUE(mover->portAction.hit());
-    mover->fire(1);
-    ZrVertexSet* moved = dynamic_cast<ZrVertexSet*>(mover->getResult(0));
-    ASSERT_NE(moved, nullptr);
-    for (int i = 0; i < 4; i++)
-      for (int c = 0; c < 3; c++)
-        EXPECT_NEAR(moved->getCoords()[i][c], nodes[i][c], 1e-3) << "press " << press;
-  }
-  forward->unref();
-  regWarp->unref();
-  regField->unref();
 }
 
 // The model as an affine step leaves it: its voxels on a lattice of their
