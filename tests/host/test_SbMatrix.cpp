@@ -170,24 +170,3 @@ TEST(SbMatrix, GetTransformRefusesSingularAndProjectiveMatrices) {
   expectVecNear(s, SbVec3d(2, 3, 4), 1e-13);
   EXPECT_TRUE(r.equals(SbRotationd(SbVec3d(0, 1, 0), 0.4), 1e-13));
 }
-
-TEST(SbMatrix, FloatAndDoubleConvertBothWays) {
-  SbMatrixd d = generalAffine() * rotation(SbVec3d(1, 2, 3), 0.123456789);
-  SbMatrix f(d);
-  // Widening is exact, so narrowing again gives the same floats.
-  SbMatrixd wide(f);
-  SbMatrix again;
-  again.setValue(wide);
-  EXPECT_TRUE(again == f);
-  for (int i = 0; i < 4; i++)
-    for (int j = 0; j < 4; j++) {
-      EXPECT_EQ(f[i][j], float(d[i][j]));
-      EXPECT_EQ(wide[i][j], double(f[i][j]));
-    }
-  // Single-precision products keep the order of the double ones.
-  SbMatrix g(rotation(SbVec3d(0, 0, 1), 0.3) * translation(1, 2, 3));
-  EXPECT_TRUE(SbMatrixd(f * g).equals(SbMatrixd(f) * SbMatrixd(g), 1e-5));
-  SbMatrix h = f;
-  h.multLeft(g);
-  EXPECT_TRUE(SbMatrixd(h).equals(SbMatrixd(g) * SbMatrixd(f), 1e-5));
-}

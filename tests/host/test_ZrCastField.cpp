@@ -1,6 +1,6 @@
 // The cast: labels to numbers and back without a change of value, type or
 // place; conversions with rounding and clamping; the label type chosen for
-// float data; the module driven through its ports.
+// float data.
 #include "QbPrimType.h"
 #include "ZrCastField.h"
 #include "ZrCurvilinearCoord3.h"
@@ -120,26 +120,4 @@ TEST(ZrCastField, LabelTypeForFloatDataAndCurvilinearRefusal) {
   FieldPtr cf(ZrCastField::cast(&curv, ZrCastField::OUT_FLOAT));
   ASSERT_NE(cf, nullptr);
   EXPECT_EQ(cf->coordType(), ZR_COORD_CURVILINEAR);
-}
-
-TEST(ZrCastField, ModuleThroughPorts) {
-  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-  ZrUniformLabelField3* in = new ZrUniformLabelField3(kDims, QB_UINT16, kBox);
-  in->setName("labels");
-  fillRamp(*in, 500.0, 0.0);
-  pool->addObject(in);
-  ZrCastField* m = new ZrCastField;
-  pool->addObject(m);
-  ASSERT_TRUE(m->portData.connect(in));
-  m->fire(1);
-  EXPECT_EQ(m->getResult(0), nullptr); // no button, no work
-  m->portOutputType.setIndex(0, 0);
-  m->portAction.hit(0);
-  m->compute();
-  auto* numeric = dynamic_cast<ZrUniformScalarField3*>(m->getResult(0));
-  ASSERT_NE(numeric, nullptr);
-  EXPECT_FALSE(isLabel(numeric));
-  EXPECT_STREQ(numeric->getName(), "labels.cast");
-  EXPECT_EQ(numeric->getValue(4, 3, 2), 500.0f * 59);
-  pool->clear();
 }

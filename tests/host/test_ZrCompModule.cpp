@@ -307,18 +307,3 @@ TEST_F(ModuleTest, ModuleRemovedDuringItsOwnComputeSurvivesTheCall) {
   m->fire(1); // must not touch freed memory (checked under sanitizers)
   EXPECT_EQ(pool->getNumObjects(), 0);
 }
-
-TEST_F(ModuleTest, EnteringThePoolMakesConstructorValuesDefaults) {
-  TestModule* m = new TestModule;
-  EXPECT_TRUE(m->portStep.isNew()); // set by the constructor
-  TestField* field = new TestField;
-  field->ref();
-  m->portData.connect(field);
-  ZrObjectPool::getTheObjectPool()->addObject(m);
-  EXPECT_FALSE(m->portStep.isNew());
-  EXPECT_TRUE(m->portData.isNew());
-  m->fire(0);
-  EXPECT_EQ(m->seen.back(), "model ");
-  m->portData.disconnect();
-  field->unref();
-}

@@ -1,14 +1,8 @@
 // Ports: values from text (lists, assignments by label or index, limits, all
-// or nothing, the messages of refusals), menus and buttons, and the
-// descriptions shown by help output.
-#include "ZrPortButtonList.h"
-#include "ZrPortDoIt.h"
+// or nothing, the messages of refusals) and menus.
 #include "ZrPortFloatTextN.h"
-#include "ZrPortInfo.h"
 #include "ZrPortIntTextN.h"
 #include "ZrPortMultiMenu.h"
-#include "ZrPortRadioBox.h"
-#include "ZrPortToggleList.h"
 
 #include <gtest/gtest.h>
 
@@ -115,31 +109,6 @@ TEST(ZrPortIntTextN, TextSettingAndLimits) {
                {"11", "port 'refineGrid': 11 for entry 0 is out of range; allowed: 0 to 10", "3"}});
 }
 
-TEST(ZrPortToggleList, TextForms) {
-  ZrPortToggleList p(nullptr, "options", 2);
-  p.setLabel(0, "Ignore finest resolution");
-  p.setLabel(1, "Fix control points in low entropy regions");
-  script(p, {{"on,off", nullptr, "on,off"},
-             {"1=ON", nullptr, "on,on"},
-             {"ignore finest resolution = no", nullptr, "off,on"},
-             {"true 0", nullptr, "on,off"},
-             {"on",
-              "port 'options' needs 2 values (Ignore finest resolution, Fix control points in low "
-              "entropy regions), got 1",
-              "on,off"},
-             {"0=maybe",
-              "port 'options': 'maybe' for entry 0 (Ignore finest resolution) is not a toggle "
-              "state; use on or off",
-              "on,off"},
-             {"2=on", "", "on,off"},
-             {"on,0=off", "", "on,off"}}); // mixed forms
-  // Growing keeps values and adds off toggles; code stores 0 or 1.
-  p.setNum(3);
-  EXPECT_EQ(p.getValueText(), "on,off,off");
-  p.setValue(2, 7);
-  EXPECT_EQ(p.getValue(2), 1);
-}
-
 TEST(ZrPortMultiMenu, SelectionByTextAndResizing) {
   ZrPortMultiMenu metric(nullptr, "metric");
   makeMetricMenu(metric);
@@ -197,71 +166,4 @@ TEST(ZrPortMultiMenu, SelectionByTextAndResizing) {
   // A menu beyond the last adds menus.
   metric.setNum(2, 3);
   EXPECT_EQ(metric.getNumMenus(), 3);
-}
-
-TEST(ZrPortButtons, HitsSnapsAndSensitivity) {
-  ZrPortButtonList b(nullptr, "action", 3);
-  b.setLabel(0, "Align centers");
-  b.setLabel(1, "Align principal axes");
-  b.setLabel(2, "Register");
-  std::string err;
-  EXPECT_TRUE(b.hit(2));
-  EXPECT_TRUE(b.wasHit(2) && !b.wasHit(0) && b.isNew());
-  b.clearHits();
-  EXPECT_FALSE(b.wasAnyHit());
-  // Insensitive buttons refuse hits from code and from text.
-  b.setSensitivity(1, 0);
-  b.untouch();
-  EXPECT_FALSE(b.hit(1));
-  EXPECT_FALSE(b.wasHit(1) || b.isNew());
-  EXPECT_FALSE(b.hit(3));
-  script(b,
-         {{"Align principal axes", "port 'action': button 'Align principal axes' is inactive", ""},
-          {"Register,Foo",
-           "port 'action' has no button 'Foo'; choose one of: Align centers, Align principal "
-           "axes, Register",
-           ""}});
-  EXPECT_FALSE(b.wasHit(2)); // all or nothing
-  // Text: label or index, several at once.
-  EXPECT_TRUE(b.setFromText("register, 0", err)) << err;
-  EXPECT_TRUE(b.wasHit(0) && b.wasHit(2));
-  b.clearHits();
-  // A snapped button counts as pressed on every run while it is sensitive.
-  b.setSnap(2, true);
-  b.clearHits();
-  EXPECT_TRUE(b.wasHit(2));
-  b.setSensitivity(2, 0);
-  EXPECT_FALSE(b.wasHit(2));
-
-  // Any text presses a DoIt button, unless it is insensitive.
-  ZrPortDoIt d(nullptr, "action");
-  EXPECT_TRUE(d.setFromText("", err)) << err;
-  EXPECT_TRUE(d.wasHit());
-  d.clearHits();
-  d.setSensitivity(0, 0);
-  EXPECT_FALSE(d.setFromText("hit", err));
-  EXPECT_FALSE(d.hit());
-}
-
-TEST(ZrPortRadioBoxAndInfo, TextAndCodeValues) {
-  ZrPortRadioBox r(nullptr, "register", 2);
-  r.setLabel(0, "2D");
-  r.setLabel(1, "3D");
-  r.setValue(1);
-  script(r, {{"2d", nullptr, "2D"},
-             {"1", nullptr, "3D"},
-             {"2", "port 'register' has no entry '2'; choose one of: 2D, 3D", "3D"}});
-  r.setSensitivity(0, 0);
-  script(r, {{"2D", "port 'register': entry '2D' is inactive", "3D"}});
-  // Code may select a value beyond the buttons (a mode scripts reach).
-  r.setValue(2);
-  EXPECT_EQ(r.getValueText(), "2");
-
-  ZrPortInfo info(nullptr, "statistics");
-  info.setValue("mean %g dev %g rms %g max %g", 1.5, 0.25, 2.0, 4.0);
-  script(info, {{"x", "port 'statistics' shows information and cannot be set",
-                 "mean 1.5 dev 0.25 rms 2 max 4"}});
-  std::string longText(3000, 'a');
-  info.setValue("%s", longText.c_str());
-  EXPECT_EQ(std::string(info.getValue()), longText); // not cut
 }
