@@ -93,51 +93,6 @@ TEST(ZrBatchManifest, RowsBecomeTheArgumentsOfTheirCommand) {
   EXPECT_EQ(m.arguments(m.rows()[0])[2], "a,b.nii");
 }
 
-TEST(ZrBatchCommand, ShardsFromOptionsAndSlurm) {
-  struct ShardCase {
-    const char* text;
-    bool ok;
-    int index, count;
-  } shards[] = {{"2/3", true, 2, 3},  {"1/1", true, 1, 1}, {"0/3", false, 0, 0},
-                {"4/3", false, 0, 0}, {"3", false, 0, 0},  {"1/0", false, 0, 0},
-                {"1/3x", false, 0, 0}};
-  for (const auto& c : shards) {
-    int i = 0, n = 0;
-    EXPECT_EQ(ZrBatchCommand::parseShard(c.text, i, n), c.ok) << c.text;
-    if (c.ok) {
-      EXPECT_EQ(i, c.index) << c.text;
-      EXPECT_EQ(n, c.count) << c.text;
-    }
-  }
-  // Slurm arrays start at any id (--array=10-13) and may step
-  // (--array=0-4:2).
-  struct SlurmCase {
-    const char *id, *count, *min, *step;
-    bool ok;
-    int index, shards;
-  } slurm[] = {
-      {"10", "4", "10", nullptr, true, 1, 4},   {"13", "4", "10", "1", true, 4, 4},
-      {"14", "4", "10", "1", false, 0, 0},      {"9", "4", "10", "1", false, 0, 0},
-      {"4", "3", "0", "2", true, 3, 3},         {"3", "3", "0", "2", false, 0, 0},
-      {"2", "3", nullptr, nullptr, true, 3, 3},
-  };
-  for (const auto& c : slurm) {
-    int i = 0, n = 0;
-    std::string error;
-    EXPECT_EQ(ZrBatchCommand::shardFromSlurm(c.id, c.count, c.min, c.step, i, n, error), c.ok)
-        << c.id;
-    EXPECT_EQ(error.empty(), c.ok) << c.id;
-    if (c.ok) {
-      EXPECT_EQ(i, c.index) << c.id;
-      EXPECT_EQ(n, c.shards) << c.id;
-    }
-  }
-  int i = 0, n = 0;
-  std::string error;
-  EXPECT_FALSE(ZrBatchCommand::shardFromSlurm(nullptr, nullptr, nullptr, nullptr, i, n, error));
-  EXPECT_TRUE(error.empty());
-}
-
 TEST(ZrBatchRunner, ReadsProgressMetricAndErrorsFromARowsOutput) {
   ZrBatchRunner::Scan s;
   ZrBatchRunner::scanLine("[ 42%] Registering at resolution level 1", s);

@@ -1,7 +1,7 @@
 // Image files in and out: every voxel at its world position whatever the
 // header's orientation, outputs in their input's voxel order and dimension,
-// every format round trip, label intents, pictures in colour, vector images
-// in world coordinates, the quality-check picture, landmarks, and bad input
+// every format round trip, label intents, vector images in world
+// coordinates, landmarks, and bad input
 // refused with a message instead of a crash or a half-written file.
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
@@ -10,7 +10,6 @@
 #include "ZrLandmarkSet.h"
 #include "ZrPointSetIO.h"
 #include "ZrRegVectorField3.h"
-#include "ZrSnapshot.h"
 #include "ZrUniformCoord3.h"
 #include "ZrUniformLabelField3.h"
 #include "ZrUniformScalarField3.h"
@@ -20,8 +19,6 @@
 #include <itkImageFileReader.h>
 #include <itkImageFileWriter.h>
 #include <itkImageRegionIteratorWithIndex.h>
-#include <itkPNGImageIO.h>
-#include <itkRGBPixel.h>
 #include <itkVectorImage.h>
 
 #include <gtest/gtest.h>
@@ -37,7 +34,6 @@
 namespace {
 
 using ShortImage = itk::Image<short, 3>;
-using RGBImage = itk::Image<itk::RGBPixel<unsigned char>, 2>;
 
 std::string tempPath(const std::string& name) {
   return "/tmp/zrreg-test-" + std::to_string(getpid()) + "-" + name;
@@ -163,15 +159,6 @@ std::unique_ptr<ZrRegVectorField3> makeGrid(bool rotated) {
     m.multRight(t);
     f->setTransform(m);
   }
-  return f;
-}
-ZrUniformScalarField3* constantField(int n, float value) {
-  int dims[3] = {n, n, n};
-  float box[6] = {0, float(n - 1), 0, float(n - 1), 0, float(n - 1)};
-  auto* f = new ZrUniformScalarField3(dims, 3, box);
-  float* v = static_cast<float*>(f->lattice.dataPtr());
-  for (size_t i = 0; i < f->lattice.numNodes(); i++)
-    v[i] = value + (i % 7 == 0 ? 0.001f * (i % 13) : 0.0f); // not perfectly flat
   return f;
 }
 } // namespace
@@ -422,83 +409,6 @@ TEST(ZrImageIO, EveryFormatRoundTripsVoxelsAndGeometry) {
   }
 }
 
-TEST(ZrImageIO, GreyPicturesReadAsScalarAndColourAsLuminance) {
-  // A 7 x 5 PNG in four forms: palette whose index is not the grey value,
-  // grey stored as RGB, colour, and grey with an opaque alpha channel.
-  const int nx = 7, ny = 5, n = nx * ny;
-  auto grey = [](int i) { return (unsigned char)(i * 7 % 256); };
-  struct Case {
-    const char* name;
-    int components;
-    bool palette;
-    bool colour;
-  } cases[] = {{"palette", 1, true, false},
-               {"rgb-grey", 3, false, false},
-               {"rgb-colour", 3, false, true},
-               {"grey-alpha", 2, false, false}};
-  for (const Case& c : cases) {
-    std::vector<unsigned char> data(size_t(n) * c.components);
-    itk::PNGImageIO::PaletteType palette;
-    for (int i = 0; i < n; i++) {
-      unsigned char* p = &data[size_t(i) * c.components];
-      if (c.palette) {
-        p[0] = (unsigned char)(255 - i); // index
-      } else if (c.components == 2) {
-        p[0] = grey(i);
-        p[1] = 255;
-      } else {
-        p[0] = grey(i);
-        p[1] = c.colour ? (unsigned char)(i * 3) : grey(i);
-        p[2] = c.colour ? (unsigned char)(200 - i) : grey(i);
-      }
-    }
-    if (c.palette)
-      for (int k = 0; k < 256; k++) {
-        const unsigned char g = grey(255 - k); // so that index 255 - i shows grey(i)
-        itk::RGBPixel<unsigned char> rgb;
-        rgb.Set(g, g, g);
-        palette.push_back(rgb);
-      }
-    auto io = itk::PNGImageIO::New();
-    io->SetNumberOfDimensions(2);
-    io->SetComponentType(itk::IOComponentEnum::UCHAR);
-    io->SetNumberOfComponents(c.components);
-    io->SetPixelType(c.components == 3   ? itk::IOPixelEnum::RGB
-                     : c.components == 2 ? itk::IOPixelEnum::VECTOR
-                                         : itk::IOPixelEnum::SCALAR);
-    io->SetDimensions(0, nx);
-    io->SetDimensions(1, ny);
-    if (c.palette) {
-      io->SetColorPalette(palette);
-      io->SetWritePalette(true);
-    }
-    itk::ImageIORegion region(2);
-    region.SetSize(0, nx);
-    region.SetSize(1, ny);
-    io->SetIORegion(region);
-    const std::string path = tempPath(std::string(c.name) + ".png");
-    io->SetFileName(path);
-    io->WriteImageInformation();
-    io->Write(data.data());
-
-    std::string error;
-    ZrImageIO::ReadInfo info;
-    std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(path, {}, &info, error));
-    ASSERT_TRUE(f) << c.name << ": " << error;
-    ASSERT_EQ(f->primType(), QB_UINT8) << c.name;
-    ASSERT_EQ(f->lattice.numNodes(), size_t(n)) << c.name;
-    for (int i = 0; i < n; i++) {
-      const double expected =
-          c.colour ? std::floor(0.299 * grey(i) + 0.587 * (i * 3) + 0.114 * (200 - i) + 0.5)
-                   : grey(i);
-      ASSERT_EQ(f->lattice.getValueAsDouble(i), expected) << c.name << " voxel " << i;
-    }
-    EXPECT_EQ(info.notice.find("luminance") != std::string::npos, c.colour)
-        << c.name << ": " << info.notice;
-    std::remove(path.c_str());
-  }
-}
-
 TEST(ZrVectorImageIO, GridRoundTripsWithBoxRotationAndVectors) {
   for (bool rotated : {false, true}) {
     auto f = makeGrid(rotated);
@@ -566,41 +476,4 @@ TEST(ZrVectorImageIO, FilesHoldWorldVectorsAndBadFilesAreRefused) {
   EXPECT_TRUE(ok);
   std::remove(sp.c_str());
   EXPECT_EQ(ZrVectorImageIO::read(tempPath("missing.nii.gz"), error), nullptr);
-}
-TEST(ZrSnapshot, TilesCheckerboardAndJacobianColours) {
-  const int n = 32;
-  std::unique_ptr<ZrUniformScalarField3> ref(constantField(n, 0)), model(constantField(n, 1)),
-      jac(constantField(n, 2));
-  // The reference is dark; the model is 0 on even and 1 on odd x, so its
-  // window is [0, 1] and an odd column shows white in the board.
-  for (size_t i = 0; i < model->lattice.numNodes(); i++)
-    static_cast<float*>(model->lattice.dataPtr())[i] = float(i % 2);
-  for (size_t i = 0; i < ref->lattice.numNodes(); i += 2)
-    static_cast<float*>(ref->lattice.dataPtr())[i] = i % 4 == 0 ? 0.0f : 0.5f;
-  std::string path = "/tmp/zrreg-snap-" + std::to_string(getpid()) + ".png", error;
-  ASSERT_TRUE(ZrSnapshot::write(ref.get(), model.get(), model.get(), jac.get(), path, error))
-      << error;
-  auto r = itk::ImageFileReader<RGBImage>::New();
-  r->SetFileName(path);
-  r->Update();
-  auto size = r->GetOutput()->GetLargestPossibleRegion().GetSize();
-  const int gap = 4;
-  EXPECT_EQ(int(size[0]), 4 * (n + gap) + gap);
-  EXPECT_EQ(int(size[1]), 3 * (n + gap) + gap);
-  // Column 2 (after): square (0,0) is the reference, square (1,0) the model.
-  const int square = 4; // max(4, 32 / 8)
-  int x0 = gap + 2 * (n + gap), y0 = gap;
-  RGBImage::IndexType inModel = {{x0 + square + 1, y0 + 1}};
-  auto pm = r->GetOutput()->GetPixel(inModel);
-  EXPECT_EQ(int(pm[0]), 255); // x = 5: a model voxel of value 1
-  // Jacobian 2: log2 = 1, pure red.
-  RGBImage::IndexType inJac = {{gap + 3 * (n + gap) + 5, y0 + 5}};
-  auto pj = r->GetOutput()->GetPixel(inJac);
-  EXPECT_EQ(int(pj[0]), 255);
-  EXPECT_EQ(int(pj[2]), 0);
-  std::remove(path.c_str());
-
-  // Grids that differ are refused.
-  std::unique_ptr<ZrUniformScalarField3> small(constantField(8, 1));
-  EXPECT_FALSE(ZrSnapshot::write(ref.get(), small.get(), model.get(), nullptr, path, error));
 }

@@ -85,21 +85,6 @@ TEST_F(ZrregCommands, BadInputGivesAMessageAndNoOutput) {
   EXPECT_EQ(r.status, 2);
 }
 
-TEST_F(ZrregCommands, PortsListsTheModulesPorts) {
-  Shell r = run("ports ZrAffineRegistration --reference " + dir + "/reference.nii.gz --model " +
-                dir + "/model.nii.gz");
-  ASSERT_EQ(r.status, 0) << r.output;
-  for (const char* port : {"metric", "optimizer", "transform", "register", "action", "reference"})
-    EXPECT_NE(r.output.find(port), std::string::npos) << port;
-  EXPECT_NE(r.output.find("Normalized Mutual Information"), std::string::npos);
-  // The values shown are those `zrreg affine` runs with: it registers on the
-  // finest level, which the module by itself skips; --set goes on top.
-  EXPECT_NE(r.output.find("Ignore finest resolution = off"), std::string::npos) << r.output;
-  r = run("ports ZrAffineRegistration --set metric=Correlation");
-  ASSERT_EQ(r.status, 0) << r.output;
-  EXPECT_NE(r.output.find("menu 0 = Correlation;"), std::string::npos) << r.output;
-}
-
 TEST_F(ZrregCommands, AffineFindsTheKnownTransform) {
   std::string out = dir + "/aligned.nii.gz", mat = dir + "/change.txt", tfm = dir + "/t.tfm";
   Shell r = run("affine --quiet --reference " + dir + "/reference.nii.gz --model " + dir +
