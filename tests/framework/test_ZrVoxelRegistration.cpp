@@ -154,15 +154,6 @@ public:
     v.resize(6, 1.0);
     return (*this)(int(v[0]), int(v[1]), int(v[2]), float(v[3]), float(v[4]), float(v[5]));
   }
-  // n^3 labels 0..3.
-  ZrUniformLabelField3* labels(int n) {
-    const int dims[3] = {n, n, n};
-    const float box[6] = {0, float(n - 1), 0, float(n - 1), 0, float(n - 1)};
-    ZrUniformLabelField3* f = new ZrUniformLabelField3(dims, QB_UINT8, box);
-    for (size_t i = 0; i < f->lattice.numNodes(); i++)
-      f->lattice.setValue(i, double(i % 4));
-    return hold(f);
-  }
   // n^3 float nodes over [0, n - 1]^3; node p holds blobs(p * m).
   ZrUniformScalarField3* blobbed(int n, const SbMatrixd& m = SbMatrixd()) {
     ZrUniformScalarField3* f = (*this)(n, n, n, 1, 1, 1, QB_FLOAT);
@@ -294,86 +285,6 @@ TEST(ZrVoxelRegistrationBins, OneBinPerIntegerValueUpTo256) {
   for (const Case& c : cases)
     EXPECT_EQ(ZrVoxelRegistration::computeNumBins(c.min, c.max, c.type), c.bins)
         << c.min << " " << c.max << " type " << c.type;
-}
-
-TEST_F(VoxelRegistrationTest, UpdateWithBothInputs) {
-  ZrUniformScalarField3* model = field(30, 30, 30, 1, 1, 1, QB_FLOAT);
-  for (size_t i = 0; i < model->lattice.numNodes(); i++)
-    model->lattice.setValue(i, 0.5 * double(i % 1000));
-  m.portNLevelsGradient.setValue(0, 3.0f);
-  connect(m, field(40, 40, 40), model);
-  EXPECT_EQ(m.dimensionMode, 3);
-  EXPECT_EQ(m.interpolator, RegInterpolatorStandard);
-  // A new input resets the gradient optimizer's levels.
-  EXPECT_EQ(m.portNLevelsGradient.getValue(0), 1.0f);
-  // Ranges from the data; bins by the bin rule for the integer reference,
-  // 256 for the float model.
-  EXPECT_EQ(m.portHistogramRangeRef.getValue(1), 255.0f);
-  EXPECT_EQ(m.portHistogramBins.getValue(0), 255);
-  EXPECT_EQ(m.portHistogramRangeMod.getValue(1), 499.5f);
-  EXPECT_EQ(m.portHistogramBins.getValue(1), 256);
-  // A changed range gives new bins.
-  m.portHistogramRangeRef.setValue(1, 1000.0f);
-  m.update();
-  EXPECT_EQ(m.portHistogramBins.getValue(0), 250);
-  m.untouchPorts(true);
-
-  // The optimizer menu sets the search and the gradient optimizer's levels:
-  // line search searches extensively on two levels, quasi-Newton alone on
-  // none; "Finest levels:" is a whole number, whose tolerance matters only
-  // above 0.
-  struct Step {
-    int optimizer;
-    float finestLevels; // < 0: left as it is
-    int extensive;
-    float levels;
-    bool levelsSensitive, toleranceSensitive;
-  } steps[] = {{4, -1, 1, 2, true, true},
-               {2, -1, 0, 0, false, true},
-               {1, 2.7f, 0, 2, true, true},
-               {1, 0.5f, 0, 0, true, false}};
-  for (const Step& s : steps) {
-    if (m.portOptimizer.getIndex(0) != s.optimizer) {
-      m.portOptimizer.setIndex(0, s.optimizer);
-      m.update();
-      m.untouchPorts(true);
-    }
-    if (s.finestLevels >= 0) {
-      m.portNLevelsGradient.setValue(0, s.finestLevels);
-      m.update();
-      m.untouchPorts(true);
-    }
-    EXPECT_EQ(m.portExtensiveSearch.getValue(0), s.extensive) << s.optimizer;
-    EXPECT_EQ(m.portNLevelsGradient.getValue(0), s.levels) << s.optimizer;
-    EXPECT_EQ(m.portNLevelsGradient.isSensitive(0), s.levelsSensitive) << s.optimizer;
-    EXPECT_EQ(m.portNLevelsGradient.isSensitive(1), s.toleranceSensitive) << s.optimizer;
-  }
-}
-
-TEST_F(VoxelRegistrationTest, FlatPairsAndLabelInputs) {
-  connect(m, field(64, 64, 1), field(50, 50, 1));
-  EXPECT_EQ(m.dimensionMode, 2);
-  // The flat axis is never reduced, whatever the user asks for.
-  m.portCoarsestResolution.setValue(2, 5);
-  m.update();
-  EXPECT_EQ(m.portCoarsestResolution.getValue(2), 1);
-
-  // Two label fields offer (and select) the label metric; a grey model takes
-  // it away again, and is interpolated.
-  RegTestModule l;
-  ZrUniformLabelField3* a = field.labels(8);
-  connect(l, a, field.labels(6));
-  EXPECT_EQ(l.interpolator, RegInterpolatorNearest);
-  ASSERT_EQ(l.portMetric.getNum(0), 5);
-  EXPECT_STREQ(l.portMetric.getLabel(0, 4), "Label difference");
-  EXPECT_EQ(l.portMetric.getIndex(0), 4);
-  l.portReference.disconnect();
-  l.update();
-  EXPECT_EQ(l.portMetric.getNum(0), 4);
-  EXPECT_EQ(l.portMetric.getIndex(0), 0);
-  connect(l, a, field(6, 6, 6));
-  EXPECT_EQ(l.portMetric.getNum(0), 4);
-  EXPECT_EQ(l.interpolator, RegInterpolatorStandard);
 }
 
 TEST_F(VoxelRegistrationTest, GetDimensionClassifiesThePair) {
