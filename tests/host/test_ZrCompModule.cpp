@@ -1,6 +1,5 @@
 // Compute modules: how the host drives them (update, compute, new flags,
-// button hits), connections and their types, firing from data objects, port
-// order and results.
+// button hits), firing from data objects and connections.
 #include "ZrCompModule.h"
 #include "ZrData.h"
 #include "ZrObjectPool.h"
@@ -121,52 +120,6 @@ TEST_F(ModuleTest, FireRunsUpdateAndComputeThenClearsFlagsAndHits) {
   EXPECT_EQ(m.applies, 4);
 }
 
-TEST_F(ModuleTest, ConnectionTypesAndNewFlags) {
-  TestModule m;
-  TestField* field = new TestField;
-  TestLabelField* labels = new TestLabelField;
-  TestPoints* points = new TestPoints;
-  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-  pool->addObject(field);
-  pool->addObject(labels);
-  pool->addObject(points);
-
-  EXPECT_FALSE(m.portReference.connect(points));
-  EXPECT_EQ(m.portReference.getSource(), nullptr);
-  EXPECT_FALSE(m.portReference.isNew());
-  EXPECT_EQ(points->getRefCount(), 1);
-
-  EXPECT_TRUE(m.portReference.connect(labels)); // a subtype is accepted
-  EXPECT_EQ(m.portReference.source<TestLabelField>(), labels);
-  EXPECT_EQ(m.portReference.source<TestPoints>(), nullptr);
-  EXPECT_TRUE(m.portReference.isNew());
-  EXPECT_EQ(labels->getRefCount(), 2);
-
-  m.portReference.addType(TestPoints::getClassTypeId());
-  EXPECT_TRUE(m.portReference.connect(points));
-  EXPECT_EQ(labels->getRefCount(), 1); // released the old source
-  EXPECT_EQ(points->getRefCount(), 2);
-
-  m.fire(0);
-  EXPECT_FALSE(m.portReference.isNew());
-  m.portReference.disconnect();
-  EXPECT_TRUE(m.portReference.isNew());
-  EXPECT_EQ(points->getRefCount(), 1);
-
-  // Connecting by the name of a pool object, as scripts do.
-  std::string err;
-  EXPECT_TRUE(m.portReference.setFromText(field->getName(), err)) << err;
-  EXPECT_EQ(m.portReference.getSource(), field);
-  EXPECT_EQ(m.portReference.getValueText(), field->getName());
-  EXPECT_FALSE(m.portData.setFromText("nothing here", err));
-  EXPECT_EQ(err, "port 'model': there is no object named 'nothing here'");
-  EXPECT_FALSE(m.portData.setFromText(points->getName(), err));
-  EXPECT_EQ(err, std::string("port 'model' accepts TestField; '") + points->getName() +
-                     "' is a TestPoints");
-  EXPECT_TRUE(m.portReference.setFromText("none", err)) << err;
-  EXPECT_FALSE(m.portReference.isConnected());
-}
-
 TEST_F(ModuleTest, FiringDataUpdatesTheModulesThatReadIt) {
   TestModule a, b;
   TestField* field = new TestField;
@@ -260,43 +213,6 @@ TEST_F(ModuleTest, ConnectionsHoldTheirSourcesAlive) {
     EXPECT_EQ(held->getRefCount(), 2);
   }
   EXPECT_EQ(held->getRefCount(), 1);
-}
-
-TEST_F(ModuleTest, ResultsAreReferencedAndPooled) {
-  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-  TestField::deaths = 0;
-  TestModule* m = new TestModule;
-  pool->addObject(m);
-  EXPECT_STREQ(m->getName(), "ZrCompModule");
-
-  TestField* r0 = new TestField;
-  r0->setName("result");
-  m->setResult(0, r0);
-  EXPECT_TRUE(r0->isInPool());
-  EXPECT_EQ(r0->getRefCount(), 2);
-  EXPECT_EQ(m->getResult(0), r0);
-  EXPECT_EQ(m->getResult(1), nullptr);
-
-  TestField* r2 = new TestField;
-  r2->setName("result");
-  m->setResult(2, r2, 7);
-  EXPECT_STREQ(r2->getName(), "result2");
-  EXPECT_EQ(m->getNumResults(), 3);
-  EXPECT_EQ(m->getResultId(2), 7u);
-
-  // Replacing a result releases the old one, which stays in the pool.
-  TestField* r0b = new TestField;
-  m->setResult(0, r0b);
-  EXPECT_EQ(r0->getRefCount(), 1);
-  EXPECT_TRUE(pool->contains(r0));
-
-  // Removing the module from the pool kills it; its results live on in the
-  // pool, and die when they leave it.
-  pool->removeObject(m);
-  EXPECT_EQ(r0b->getRefCount(), 1);
-  EXPECT_EQ(TestField::deaths, 0);
-  pool->removeObject(r2);
-  EXPECT_EQ(TestField::deaths, 1);
 }
 
 TEST_F(ModuleTest, ModuleRemovedDuringItsOwnComputeSurvivesTheCall) {

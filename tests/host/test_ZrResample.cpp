@@ -236,52 +236,6 @@ TEST(ZrResampleLabels, KnownMajoritiesAndTies) {
   }
 }
 
-TEST(ZrResampleLabels, ReductionInventsNoLabelAndKeepsRegions) {
-  const int dims[3] = {21, 18, 13};
-  const int factors[3] = {2, 3, 1};
-  for (int type : {QB_UINT8, QB_INT16, QB_INT32}) {
-    ZrUniformLabelField3 in(dims, type, kBox);
-    // Four regions split by planes, and speckle noise of a fifth label.
-    std::mt19937 rng(3);
-    std::uniform_int_distribution<int> u(0, 9);
-    const int ids[4] = {0, 3, 7, 100};
-    for (int k = 0; k < dims[2]; k++)
-      for (int j = 0; j < dims[1]; j++)
-        for (int i = 0; i < dims[0]; i++) {
-          int l = ids[(i < 10 ? 0 : 1) + (j < 9 ? 0 : 2)];
-          if (u(rng) == 0)
-            l = 55;
-          in.lattice.setValue(i + dims[0] * (j + dims[1] * k), l);
-        }
-    FieldPtr out(ZrResample::reduceLabels(&in, factors));
-    ASSERT_NE(out, nullptr);
-    EXPECT_NE(dynamic_cast<ZrUniformLabelField3*>(out.get()), nullptr);
-    EXPECT_EQ(out->primType(), type);
-    EXPECT_EQ(out->getDims()[0], 11);
-    EXPECT_EQ(out->getDims()[1], 6);
-    EXPECT_EQ(out->getDims()[2], 13);
-    expectBox(*out, in);
-    const std::set<float> allowed = {0, 3, 7, 100, 55};
-    int kept = 0, total = 0;
-    for (int k = 0; k < 13; k++)
-      for (int j = 0; j < 6; j++)
-        for (int i = 0; i < 11; i++) {
-          const float v = out->getValue(i, j, k);
-          ASSERT_TRUE(allowed.count(v)) << "invented label " << v;
-          // Well inside a region the region's label wins over the speckles.
-          float p[3];
-          out->lattice.coords()->pos(i, j, k, p);
-          const float xi = (p[0] - kBox[0]) / (kBox[1] - kBox[0]) * 20.0f;
-          const float yj = (p[1] - kBox[2]) / (kBox[3] - kBox[2]) * 17.0f;
-          if (std::fabs(xi - 9.5f) > 2.0f && std::fabs(yj - 8.5f) > 3.0f) {
-            total++;
-            kept += v == float(ids[(xi < 9.5f ? 0 : 1) + (yj < 8.5f ? 0 : 2)]);
-          }
-        }
-    EXPECT_GT(kept, total * 9 / 10);
-  }
-}
-
 TEST(ZrResampleCoords, StackedAndCurvilinearInputs) {
   const int dims[3] = {9, 7, 5};
   const float xy[4] = {0.0f, 8.0f, -3.0f, 3.0f};

@@ -83,39 +83,6 @@ TEST_F(WorkAreaTest, InterruptIsSeenByOtherThreads) {
   EXPECT_EQ(wa->wasInterrupted(1), 0);
 }
 
-TEST_F(WorkAreaTest, ListenersSeeWorkStatusAndProgress) {
-  Recorder r;
-  wa->addListener(&r);
-  wa->addListener(&r); // once only
-  wa->startWorking("Starting registration");
-  wa->setProgressInfo("Registering at resolution level %d out of %d (DOF = %d)", 1, 3, 6);
-  wa->setProgressValue(0.5f);
-  wa->setProgressValue(1.5f);
-  wa->setProgressValue(-1.0f);
-  wa->setProgressValue(std::nanf(""));
-  // Nested work keeps the interrupt and the bar of the outer one.
-  wa->setProgressValue(0.25f);
-  wa->requestInterrupt();
-  wa->startWorking("Resampling");
-  EXPECT_NE(wa->wasInterrupted(), 0);
-  EXPECT_FLOAT_EQ(wa->getProgressValue(), 0.25f);
-  wa->stopWorking();
-  EXPECT_TRUE(wa->isWorking());
-  wa->stopWorking();
-  wa->stopWorking(); // one too many: ignored
-  EXPECT_FALSE(wa->isWorking());
-  wa->removeListener(&r);
-  wa->setProgressInfo("not seen");
-
-  std::vector<std::string> expected = {
-      "start 1 Starting registration", "info Registering at resolution level 1 out of 3 (DOF = 6)",
-      "start 2 Resampling", "stop 1 interrupted", "stop 0 interrupted"};
-  EXPECT_EQ(r.events, expected);
-  std::vector<float> values = {0.5f, 1.0f, 0.0f, 0.0f, 0.25f};
-  EXPECT_EQ(r.values, values);
-  EXPECT_EQ(wa->getProgressInfo(), "not seen");
-}
-
 TEST_F(WorkAreaTest, CtrlCRequestsAStopDuringWork) {
   ZrTerminalProgress::installSigintHandler();
   wa->startWorking("Registering");
