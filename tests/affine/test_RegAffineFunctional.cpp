@@ -142,40 +142,6 @@ TEST_F(AffineFunctionalTest, SmallOverlapIsWeighted) {
   EXPECT_NEAR(value, msd->sum / msd->numInside / (fraction * 5.0), 1e-9 * std::fabs(value));
 }
 
-TEST_F(AffineFunctionalTest, ReferencesFeedOneMetric) {
-  setTranslation(shift[0] + 0.5, shift[1], shift[2] - 0.25);
-  auto one = makeFunctional();
-  const double single = one->evaluate();
-  const int64_t total = one->metric->numTotal, inside = one->metric->numInside;
-
-  refs.append(reference.get());
-  auto two = makeFunctional();
-  const double both = two->evaluate();
-  EXPECT_EQ(two->metric->numTotal, 2 * total);
-  EXPECT_EQ(two->metric->numInside, 2 * inside);
-  EXPECT_NEAR(both, single, 1e-12 * std::fabs(single));
-}
-
-TEST_F(AffineFunctionalTest, SingleColumnReference) {
-  // A reference one voxel wide (x = 5) out of the blob itself.
-  const int dims[3] = {1, 8, 8};
-  const float box[6] = {5, 5, 4, 11, 6, 13};
-  auto column = makeBlob(dims, box);
-  QbDArray<ZrSpatialData*> columnRefs;
-  columnRefs.append(column.get());
-  // The model is the unshifted blob, in place.
-  const int mdims[3] = {N, N, N};
-  auto plain = makeBlob(mdims, kBox);
-  QbDArray<ZrSpatialData*> plainModels;
-  plainModels.append(plain.get());
-  RegAffineTransform t(columnRefs, plain.get(), 12);
-  RegAffineFunctional f(columnRefs, plainModels, RegInterpolatorStandard, &t,
-                        new RegMeanSquaredDifference(1.0), nullptr, 0, 3);
-  EXPECT_NEAR(f.evaluate(), 0.0, 1e-9);
-  EXPECT_EQ(f.metric->numTotal, 64);
-  EXPECT_EQ(f.metric->numInside, 64);
-}
-
 TEST_F(AffineFunctionalTest, ClipEvaluatesNothing) {
   auto f = makeFunctional(1);
   setTranslation(7, 8, 9);

@@ -159,14 +159,6 @@ TEST(RegAffineFunctionalUniform, IdentityIsExactForEveryTypePair) {
     }
 }
 
-TEST(RegAffineFunctionalUniform, MatchedIntegerDataGiveNmiOfTwo) {
-  // One grey value per bin: the joint histogram is diagonal.
-  Pair s(makeField(QB_UINT8, kModelDims, kModelBox), makeField(QB_UINT8, kModelDims, kModelBox));
-  RegMetric* m = new RegNormMutualInformation(QB_UINT8, QB_UINT8, 0, 255, 0, 255, 256, 256, 1.0);
-  auto f = s.uniform(m, 2);
-  EXPECT_NEAR(f->evaluate(), 2.0, 1e-12);
-}
-
 TEST(RegAffineFunctionalUniform, AgreesWithTheGeneralWalk) {
   // The same objective on both walks, the whole reference inside the model.
   // They differ only by single against double precision in positions,

@@ -323,27 +323,6 @@ TEST(ZrAffineRegistration, CentresAndAxesOfInertia) {
   delete f;
 }
 
-TEST(ZrAffineRegistration, AlignCentersMatchesCentresOfGravity) {
-  MessageLog log;
-  const int dims[3] = {30, 28, 26};
-  const double t[3] = {2.6, -3.1, 1.7};
-  SbMatrixd shift;
-  shift.setTranslate(SbVec3d(t[0], t[1], t[2]));
-  // Compact blobs, far from every side in both boxes, so that the centres
-  // move exactly with the data.
-  const Blob compact[] = {{14, 13, 12, 2.5, 2, 1.5, 100}, {17, 15, 13, 1.5, 2, 2, 60}};
-  Scene<> s(makeField(dims, compact), makeField(dims, compact, shift));
-  // The module reads the host's thread count when it computes.
-  ZrSettingsMgr::getInstance()->setNumThreads(3);
-  s.press(0);
-  EXPECT_EQ(s.module->numThreads, 3);
-  ZrSettingsMgr::getInstance()->setNumThreads(1);
-  SbMatrixd found;
-  static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
-  EXPECT_LT(cornerError(found, shift, dims), 0.02);
-  EXPECT_TRUE(found.equals(shift, 0.02));
-}
-
 TEST(ZrAffineRegistration, AlignPrincipalAxesUndoesTurns) {
   MessageLog log;
   const int dims[3] = {40, 40, 40};
