@@ -1,8 +1,7 @@
 // The registration driver through a module of its own: an affine transform
 // scored by squared differences. Defaults computed from the inputs, the bin
-// rule, the planning of the pyramid, the step schedule, the gradient switch;
-// then whole registrations of a smooth volume under a known rigid motion, one
-// per kind of search, and a run stopped midway.
+// rule, the planning of the pyramid, the step schedule, the gradient switch,
+// the host's downsampling, and a run stopped midway.
 #include "QbPrimType.h"
 #include "RegAffineFunctional.h"
 #include "RegAffineTransform.h"
@@ -551,51 +550,6 @@ SbMatrixd trueMatrix() {
 }
 
 } // namespace
-
-TEST_F(VoxelRegistrationTest, RecoversARigidMotion) {
-  // The model's node at p shows the image at p * M: moved by M, it covers
-  // the reference exactly. Two levels made by the host's resampling; the
-  // extensive direction search on the coarser, quasi-Newton on the finer.
-  // (The module's runs cover the other searches.)
-  const int n = 32;
-  ZrUniformScalarField3* model = field.blobbed(n, trueMatrix());
-  connect(m, field.blobbed(n), model);
-  m.portCoarsestResolution.setValue(2);
-  m.portOptimizer.setIndex(0, 0);
-  m.portExtensiveSearch.setValue(0, 0);
-  m.portNLevelsGradient.setValue(0, 1.0f);
-  m.portNLevelsGradient.setValue(1, 0.0001f);
-  m.portStep.setValue(0, 4.0f);
-  m.portStep.setValue(1, 0.005f);
-  m.ignoreFinest = 0;
-  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-  const int poolSize = pool->getNumObjects();
-  m.doRegistration();
-
-  EXPECT_EQ(m.numDoneRegistration, 1);
-  ASSERT_EQ(m.resolutions.size(), 2u);
-  EXPECT_TRUE(m.resolutions[1].gradient);
-  EXPECT_EQ(log.count("Sampling reference to: (2, 2, 2)\n"), 1);
-  EXPECT_EQ(log.count("elapsed time: "), 1);
-  EXPECT_EQ(pool->getNumObjects(), poolSize); // the resampled level left with its level
-  auto* t = dynamic_cast<RegAffineTransform*>(m.transform);
-  ASSERT_NE(t, nullptr);
-  for (int i = 0; i < 6; i++)
-    EXPECT_NEAR(t->paramVector[i], kTruth[i], 0.1) << "parameter " << i;
-  for (int i = 6; i < 9; i++)
-    EXPECT_NEAR(t->paramVector[i], 1.0, 1e-9); // held as they were read
-  // The model carries the found motion: its corners land where the true
-  // motion puts them, to a tenth of a voxel.
-  SbMatrixd found;
-  model->getTransform(found);
-  for (int corner = 0; corner < 8; corner++) {
-    const SbVec3d p(corner & 1 ? n - 1 : 0, corner & 2 ? n - 1 : 0, corner & 4 ? n - 1 : 0);
-    SbVec3d a, b;
-    found.multVecMatrix(p, a);
-    trueMatrix().multVecMatrix(p, b);
-    EXPECT_LT((a - b).length(), 0.1) << "corner " << corner;
-  }
-}
 
 TEST_F(VoxelRegistrationTest, AStopLeavesNoResampledFieldsAndReportsTwice) {
   // Stopped during the middle of three levels: the coarsest is done, the
