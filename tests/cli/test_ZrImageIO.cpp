@@ -1,14 +1,12 @@
 // Image files in and out: every voxel at its world position whatever the
 // header's orientation, outputs in their input's voxel order and dimension,
 // every format round trip, label intents, vector images in world
-// coordinates, landmarks, and bad input
-// refused with a message instead of a crash or a half-written file.
+// coordinates, and bad input refused with a message instead of a crash or a
+// half-written file.
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
 #include "SbRotationd.h"
 #include "ZrImageIO.h"
-#include "ZrLandmarkSet.h"
-#include "ZrPointSetIO.h"
 #include "ZrRegVectorField3.h"
 #include "ZrUniformCoord3.h"
 #include "ZrUniformLabelField3.h"
@@ -350,30 +348,6 @@ TEST(ZrImageIO, BadInputIsRefusedWithAMessage) {
   EXPECT_NE(access(noFormat.c_str(), F_OK), 0);
 }
 
-TEST(ZrPointSetIO, LandmarksRoundTripWithHeaderAndTwoSets) {
-  std::string path = tempPath("marks.csv");
-  std::ofstream(path) << "x1,y1,z1,x2,y2,z2\n1,2,3,4,5,6\n# comment\n-1.5 0 2.25 7 8 9\n";
-  std::string error;
-  std::unique_ptr<ZrLandmarkSet> s(ZrPointSetIO::readLandmarks(path, error));
-  ASSERT_TRUE(s) << error;
-  ASSERT_EQ(s->getNumSets(), 2);
-  ASSERT_EQ(s->getNumMarkers(), 2);
-  EXPECT_FLOAT_EQ(s->getPosition(1, 0).x, -1.5f);
-  EXPECT_FLOAT_EQ(s->getPosition(0, 1).z, 6.0f);
-  std::string out = tempPath("marks-out.csv");
-  ASSERT_TRUE(ZrPointSetIO::writeLandmarks(s.get(), out, error)) << error;
-  std::unique_ptr<ZrLandmarkSet> t(ZrPointSetIO::readLandmarks(out, error));
-  ASSERT_TRUE(t) << error;
-  EXPECT_FLOAT_EQ(t->getPosition(1, 0).z, 2.25f);
-  EXPECT_FLOAT_EQ(t->getPosition(1, 1).x, 7.0f);
-
-  std::ofstream(path) << "1,2,3\n4,5\n";
-  EXPECT_EQ(ZrPointSetIO::readLandmarks(path, error), nullptr);
-  EXPECT_NE(error.find(":2:"), std::string::npos);
-  std::remove(path.c_str());
-  std::remove(out.c_str());
-}
-
 TEST(ZrImageIO, EveryFormatRoundTripsVoxelsAndGeometry) {
   // int16 ramp on an axis-aligned box with uneven spacing.
   int dims[3] = {6, 5, 4};
@@ -406,42 +380,6 @@ TEST(ZrImageIO, EveryFormatRoundTripsVoxelsAndGeometry) {
     std::remove(path.c_str());
     if (std::string(fmt.ext) == ".mhd")
       std::remove(tempPath("fmt.zraw").c_str()), std::remove(tempPath("fmt.raw").c_str());
-  }
-}
-
-TEST(ZrVectorImageIO, GridRoundTripsWithBoxRotationAndVectors) {
-  for (bool rotated : {false, true}) {
-    auto f = makeGrid(rotated);
-    std::string path = tempPath(rotated ? "rot.nii.gz" : "plain.mha"), error;
-    ASSERT_TRUE(ZrVectorImageIO::write(f.get(), path, error)) << error;
-    std::unique_ptr<ZrRegVectorField3> g(ZrVectorImageIO::read(path, error));
-    ASSERT_TRUE(g) << error;
-    for (int a = 0; a < 3; a++)
-      ASSERT_EQ(g->getDims()[a], f->getDims()[a]);
-    // Same world position of every node, same world vector.
-    SbMatrixd mf, mg;
-    f->getTransform(mf);
-    g->getTransform(mg);
-    const float* vf = f->floatData();
-    const float* vg = g->floatData();
-    size_t idx = 0;
-    for (int k = 0; k < 3; k++)
-      for (int j = 0; j < 4; j++)
-        for (int i = 0; i < 5; i++, idx++) {
-          float pf[3], pg[3];
-          f->lattice.coords()->pos(i, j, k, pf);
-          g->lattice.coords()->pos(i, j, k, pg);
-          SbVec3d wf, wg, df, dg;
-          mf.multVecMatrix(SbVec3d(pf[0], pf[1], pf[2]), wf);
-          mg.multVecMatrix(SbVec3d(pg[0], pg[1], pg[2]), wg);
-          mf.multDirMatrix(SbVec3d(vf[3 * idx], vf[3 * idx + 1], vf[3 * idx + 2]), df);
-          mg.multDirMatrix(SbVec3d(vg[3 * idx], vg[3 * idx + 1], vg[3 * idx + 2]), dg);
-          for (int c = 0; c < 3; c++) {
-            EXPECT_NEAR(wf[c], wg[c], 1e-4);
-            EXPECT_NEAR(df[c], dg[c], 1e-5);
-          }
-        }
-    std::remove(path.c_str());
   }
 }
 
