@@ -2,6 +2,7 @@
 // to the ports "model" and "reference", fire(0) to update, a button of
 // "action" pressed, fire(1) to compute. Synthetic volumes under known
 // transforms; the model's new matrix is compared with the truth.
+#include "MessageCapture.h"
 #include "QbPrimType.h"
 #include "RegAffineFunctionalUniform.h"
 #include "RegAffineTransform.h"
@@ -11,7 +12,6 @@
 #include "RegSimpleMutualInformation.h"
 #include "SbRotationd.h"
 #include "ZrAffineRegistration.h"
-#include "ZrMessage.h"
 #include "ZrObjectPool.h"
 #include "ZrOptimizer.h"
 #include "ZrSettingsMgr.h"
@@ -28,18 +28,6 @@
 #include <vector>
 
 namespace {
-
-// Keeps the optimizers' chatter off the terminal.
-class MessageLog {
-public:
-  MessageLog() {
-    old = ZrMessage::getTheMsg()->setSink([](const std::string&) {});
-  }
-  ~MessageLog() { ZrMessage::getTheMsg()->setSink(old); }
-
-private:
-  ZrMessage::Sink old;
-};
 
 struct Blob {
   double cx, cy, cz, sx, sy, sz, a;
@@ -181,7 +169,7 @@ public:
 } // namespace
 
 TEST(ZrAffineRegistration, MetricMenuPicksTheMetricAndTheWalk) {
-  MessageLog log;
+  MessageCapture log;
   const int dims[3] = {12, 10, 8};
   Scene<> s(makeField(dims, kImage), makeField(dims, kImage));
   ZrAffineRegistration* m = s.module;
@@ -220,7 +208,7 @@ TEST(ZrAffineRegistration, MetricMenuPicksTheMetricAndTheWalk) {
 }
 
 TEST(ZrAffineRegistration, DegreesOfFreedomScheduleAndProgress) {
-  MessageLog log;
+  MessageCapture log;
   const int dims[3] = {16, 16, 16};
   // Three stages on four levels (factors 1, 2, 4, 8): twelve steps.
   Scene<RecordingRegistration> s(makeField(dims, kImage), makeField(dims, kImage));
@@ -262,7 +250,7 @@ TEST(ZrAffineRegistration, DegreesOfFreedomScheduleAndProgress) {
 }
 
 TEST(ZrAffineRegistration, CentresAndAxesOfInertia) {
-  MessageLog log;
+  MessageCapture log;
   ZrAffineRegistration m;
   // One elongated blob: long in x, short in z, off the box centre.
   const Blob ellipsoid[] = {{20.3, 19.6, 14.2, 3.5, 2.5, 1.8, 100}};
@@ -324,7 +312,7 @@ TEST(ZrAffineRegistration, CentresAndAxesOfInertia) {
 }
 
 TEST(ZrAffineRegistration, AlignPrincipalAxesUndoesTurns) {
-  MessageLog log;
+  MessageCapture log;
   const int dims[3] = {40, 40, 40};
   const SbVec3d centre(19.5, 19.5, 19.5);
   // An elongated body with two bumps that make every turn look different,
@@ -366,7 +354,7 @@ TEST(ZrAffineRegistration, AlignPrincipalAxesUndoesTurns) {
 }
 
 TEST(ZrAffineRegistration, TheModelShowsTheOptimumNotTheLastProbe) {
-  MessageLog log;
+  MessageCapture log;
   const int dims[3] = {24, 24, 24};
   // Identical images: the optimum is where the model already is, and every
   // probe of the search lies a step away from it.
@@ -387,7 +375,7 @@ TEST(ZrAffineRegistration, TheModelShowsTheOptimumNotTheLastProbe) {
 }
 
 TEST(ZrAffineRegistration, PlanarRegistrationStaysInItsPlane) {
-  MessageLog log;
+  MessageCapture log;
   const int dims[3] = {32, 32, 1};
   // A slice through the test image at z = 15, moved and turned in its plane,
   // and once also scaled in its plane: the isotropic stage must not carry
@@ -438,7 +426,7 @@ void stopAtOnce(float progress, bool& stop) {
 } // namespace
 
 TEST(ZrAffineRegistration, StopThroughTheProgressCallback) {
-  MessageLog log;
+  MessageCapture log;
   const int dims[3] = {32, 32, 32};
   const double p[15] = {1.5, -1.0, 0.5, 3.0, 0, 0, 1, 1, 1, 0, 0, 0, 15.5, 15.5, 15.5};
   const SbMatrixd truth = affineMatrix(p);

@@ -2,13 +2,13 @@
 // scored by squared differences. Defaults computed from the inputs, the bin
 // rule, the planning of the pyramid, the step schedule, the gradient switch,
 // the host's downsampling, and a run stopped midway.
+#include "MessageCapture.h"
 #include "QbPrimType.h"
 #include "RegAffineFunctional.h"
 #include "RegAffineTransform.h"
 #include "RegMeanSquaredDifference.h"
 #include "ZrBestNeighbourOptimizer.h"
 #include "ZrGradientOptimizer.h"
-#include "ZrMessage.h"
 #include "ZrObjectPool.h"
 #include "ZrStackedScalarField3.h"
 #include "ZrUniformLabelField3.h"
@@ -170,24 +170,6 @@ private:
   std::vector<ZrObject*> held;
 };
 
-class MessageLog {
-public:
-  MessageLog() {
-    old = ZrMessage::getTheMsg()->setSink([this](const std::string& t) { lines.push_back(t); });
-  }
-  ~MessageLog() { ZrMessage::getTheMsg()->setSink(old); }
-  int count(const std::string& prefix) const {
-    int n = 0;
-    for (const std::string& l : lines)
-      n += l.rfind(prefix, 0) == 0;
-    return n;
-  }
-  std::vector<std::string> lines;
-
-private:
-  ZrMessage::Sink old;
-};
-
 class VoxelRegistrationTest : public ::testing::Test {
 protected:
   // Connects the inputs; with coarsest factors, plans a pyramid without
@@ -215,7 +197,7 @@ protected:
     mod.doRegistration();
   }
 
-  MessageLog log;
+  MessageCapture log;
   Fields field;
   RegTestModule m;
 };
@@ -304,10 +286,10 @@ TEST_F(VoxelRegistrationTest, GetDimensionClassifiesThePair) {
     m.models.clear();
     m.references.append(field(c.reference));
     m.models.append(field(c.model));
-    log.lines.clear();
+    log.messages.clear();
     EXPECT_EQ(m.getDimension(0), c.dimension) << c.reference << " / " << c.model;
     std::string all;
-    for (const std::string& l : log.lines)
+    for (const std::string& l : log.messages)
       all += l;
     EXPECT_EQ(all, c.message);
   }
@@ -397,7 +379,7 @@ TEST_F(VoxelRegistrationTest, PyramidPlans) {
   connect(m, field(32, 32, 32), field(32, 32, 32), QbVec3i(8, 8, 8));
   ZrVoxelRegistration::LevelArray r, mo;
   QbVec3i coarsest(8, 8, 8);
-  log.lines.clear();
+  log.messages.clear();
   m.doResampling(&r, coarsest, &mo);
   EXPECT_EQ(log.count("Sampling reference to: (4, 4, 4)\n"), 1);
   EXPECT_EQ(log.count("Sampling model to: (8, 8, 8)\n"), 1);
@@ -525,7 +507,7 @@ TEST_F(VoxelRegistrationTest, ASingleLevelIsSkippedWhenTheFinestIsIgnored) {
   connect(one, field(20, 20, 20), field(20, 20, 20));
   EXPECT_EQ(one.ignoreFinest, 1);
   one.portOptimizer.setIndex(0, 1);
-  log.lines.clear();
+  log.messages.clear();
   one.doRegistration();
   EXPECT_TRUE(one.resolutions.empty());
   EXPECT_EQ(one.numDoneRegistration, 1);

@@ -4,6 +4,7 @@
 // gradient optimizer's bounded line search and quasi-Newton's fallback, and
 // the limited-memory search of exact
 // gradients; stops leave the parameters at the last point evaluated.
+#include "MessageCapture.h"
 #include "QbDVector.h"
 #include "RegAffineTransform.h"
 #include "RegFunctional.h"
@@ -12,7 +13,6 @@
 #include "ZrBestDirectionOptimizer.h"
 #include "ZrGradientOptimizer.h"
 #include "ZrLimitedMemoryOptimizer.h"
-#include "ZrMessage.h"
 #include "ZrWorkArea.h"
 
 #include <gtest/gtest.h>
@@ -191,21 +191,8 @@ std::unique_ptr<ZrOptimizer> makeSearch(int kind, RegOptimizerCallback* cb = nul
 
 class OptimizerTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    old = ZrMessage::getTheMsg()->setSink([this](const std::string& t) { messages.push_back(t); });
-    wa->clearInterrupt();
-  }
-  void TearDown() override {
-    ZrMessage::getTheMsg()->setSink(old);
-    wa->clearInterrupt();
-  }
-  std::vector<std::string> lines(const std::string& prefix) const {
-    std::vector<std::string> r;
-    for (const std::string& m : messages)
-      if (m.compare(0, prefix.size(), prefix) == 0)
-        r.push_back(m);
-    return r;
-  }
+  void SetUp() override { wa->clearInterrupt(); }
+  void TearDown() override { wa->clearInterrupt(); }
   // Maximises from start with the optimizer made by make; checks the maximum
   // c within tol (parameters whose natural step is 0 must not move at all).
   void expectMaximum(int kind, Objective objective, Point start, const Point& c, double tol,
@@ -224,8 +211,8 @@ protected:
   }
 
   ZrWorkArea* wa = ZrWorkArea::getTheWorkArea();
-  ZrMessage::Sink old;
-  std::vector<std::string> messages;
+  MessageCapture log;
+  std::vector<std::string>& messages = log.messages;
 };
 
 } // namespace
@@ -381,7 +368,7 @@ TEST_F(OptimizerTest, StopsLeaveTheParametersAtTheLastPointEvaluated) {
     EXPECT_EQ(f.count(k.kind), k.stopAt) << k.name;
     ASSERT_EQ(f.calls.back().first, k.kind) << k.name;
     EXPECT_EQ(Point(&t.paramVector[0], &t.paramVector[0] + 7), f.last()) << k.name;
-    EXPECT_EQ(lines("step size    :").size(), 0u) << k.name;
+    EXPECT_EQ(log.starting("step size    :").size(), 0u) << k.name;
   }
   // A stop before the search begins changes nothing.
   messages.clear();
@@ -440,7 +427,7 @@ TEST_F(OptimizerTest, LineSearchWalkingLimitAndStepSchedules) {
     opt.setProgressLevel(k.level, k.numLevels);
     opt.optimize(k.a, k.b);
     // "..." stands for the steps between the first and the last: ten in all.
-    std::vector<std::string> expected, steps = lines("Setting step size to ");
+    std::vector<std::string> expected, steps = log.starting("Setting step size to ");
     for (const char* s : k.steps)
       expected.push_back(std::string("Setting step size to ") + s + "\n");
     if (expected.size() > 1 && expected[1] == "Setting step size to ...\n") {
@@ -450,7 +437,8 @@ TEST_F(OptimizerTest, LineSearchWalkingLimitAndStepSchedules) {
     }
     EXPECT_EQ(steps, expected) << k.extensive << " " << k.a;
     // Every step size reports, also with a zero gradient.
-    EXPECT_EQ(lines(" Metric result = -2.500000\n").size(), lines("Setting step").size());
+    EXPECT_EQ(log.starting(" Metric result = -2.500000\n").size(),
+              log.starting("Setting step").size());
     EXPECT_DOUBLE_EQ(opt.stepFactor, k.factor == 0.6 ? std::pow(1.0 / 128, 1.0 / 9) : 0.5);
   }
 }
