@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-
 TEST(RegMeanSquaredDifference, MeanOfSquaredDifferences) {
   RegMeanSquaredDifference m(1.0);
   m.reset();
