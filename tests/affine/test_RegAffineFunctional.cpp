@@ -47,15 +47,8 @@ std::unique_ptr<ZrUniformScalarField3> makeBlob(const int dims[3], const float b
 class Callback : public RegOptimizerCallback {
 public:
   bool applyTransform(RegParametricTransform*) override { return false; }
-  bool checkForInterrupt() override { return stop; }
+  bool checkForInterrupt() override { return false; }
   void trace(const char*) override {}
-  bool stop = false;
-};
-
-class InfoRecorder : public ZrWorkAreaListener {
-public:
-  void progressInfoChanged(const std::string& text) override { infos.push_back(text); }
-  std::vector<std::string> infos;
 };
 
 // Reference: the blob on the grid. Model: the blob displaced by `shift`, so
@@ -149,40 +142,6 @@ TEST_F(AffineFunctionalTest, SmallOverlapIsWeighted) {
   EXPECT_NEAR(value, msd->sum / msd->numInside / (fraction * 5.0), 1e-9 * std::fabs(value));
 }
 
-TEST_F(AffineFunctionalTest, ReferencesFeedOneMetric) {
-  setTranslation(shift[0] + 0.5, shift[1], shift[2] - 0.25);
-  auto one = makeFunctional();
-  const double single = one->evaluate();
-  const int64_t total = one->metric->numTotal, inside = one->metric->numInside;
-
-  refs.append(reference.get());
-  auto two = makeFunctional();
-  const double both = two->evaluate();
-  EXPECT_EQ(two->metric->numTotal, 2 * total);
-  EXPECT_EQ(two->metric->numInside, 2 * inside);
-  EXPECT_NEAR(both, single, 1e-12 * std::fabs(single));
-}
-
-TEST_F(AffineFunctionalTest, SingleColumnReference) {
-  // A reference one voxel wide (x = 5) out of the blob itself.
-  const int dims[3] = {1, 8, 8};
-  const float box[6] = {5, 5, 4, 11, 6, 13};
-  auto column = makeBlob(dims, box);
-  QbDArray<ZrSpatialData*> columnRefs;
-  columnRefs.append(column.get());
-  // The model is the unshifted blob, in place.
-  const int mdims[3] = {N, N, N};
-  auto plain = makeBlob(mdims, kBox);
-  QbDArray<ZrSpatialData*> plainModels;
-  plainModels.append(plain.get());
-  RegAffineTransform t(columnRefs, plain.get(), 12);
-  RegAffineFunctional f(columnRefs, plainModels, RegInterpolatorStandard, &t,
-                        new RegMeanSquaredDifference(1.0), nullptr, 0, 3);
-  EXPECT_NEAR(f.evaluate(), 0.0, 1e-9);
-  EXPECT_EQ(f.metric->numTotal, 64);
-  EXPECT_EQ(f.metric->numInside, 64);
-}
-
 TEST_F(AffineFunctionalTest, ClipEvaluatesNothing) {
   auto f = makeFunctional(1);
   setTranslation(7, 8, 9);
@@ -221,25 +180,7 @@ TEST_F(AffineFunctionalTest, GradientIsTheRawCentralDifference) {
   EXPECT_NEAR(gradient[0], -4.0 * c * 0.6 * step, 0.15 * std::fabs(gradient[0]));
 }
 
-TEST_F(AffineFunctionalTest, GradientAtTheOptimum) {
-  auto f = makeFunctional();
-  setTranslation(shift[0], shift[1], shift[2]);
-  QbDVector<double> gradient(15);
-  gradient.fill(5.0);
-  // Neither neighbour beats the centre: with keepAll 0 every component is 0.
-  const double f0 = f->evaluate(gradient, 0.25, 0);
-  EXPECT_NEAR(f0, 0.0, 1e-9);
-  for (int i = 0; i < 15; i++)
-    EXPECT_EQ(gradient[i], 0.0) << i;
-  // With keepAll 1 the differences are kept.
-  f->evaluate(gradient, 0.25, 1);
-  int nonZero = 0;
-  for (int i = 0; i < 12; i++)
-    nonZero += gradient[i] != 0.0;
-  EXPECT_GT(nonZero, 0);
-}
-
-TEST_F(AffineFunctionalTest, FlatAxisHoldsParametersAndReportsTheOthers) {
+TEST_F(AffineFunctionalTest, FlatAxisHoldsItsParameters) {
   const int held[5][6] = {{0, 4, 5, 6, 9, 10},
                           {1, 3, 5, 7, 9, 11},
                           {2, 3, 4, 8, 10, 11},
@@ -251,13 +192,8 @@ TEST_F(AffineFunctionalTest, FlatAxisHoldsParametersAndReportsTheOthers) {
     transform->paramVector[3] = 2.0;
     transform->paramVector[4] = -2.0;
     transform->paramVector[5] = 1.5;
-    InfoRecorder rec;
-    ZrWorkArea::getTheWorkArea()->addListener(&rec);
     QbDVector<double> gradient(15);
     f->evaluate(gradient, 0.2, 1);
-    ZrWorkArea::getTheWorkArea()->removeListener(&rec);
-
-    std::vector<std::string> expected = {"computing gradient ..."};
     for (int i = 0; i < 12; i++) {
       bool isHeld = false;
       for (int h : held[axis])
@@ -267,36 +203,9 @@ TEST_F(AffineFunctionalTest, FlatAxisHoldsParametersAndReportsTheOthers) {
         EXPECT_EQ(gradient[i], 0.0) << axis << " " << i;
       } else {
         EXPECT_NE(gradient[i], 0.0) << axis << " " << i;
-        expected.push_back("computing gradient, parameter " + std::to_string(i + 1) + " of 12");
       }
     }
-    EXPECT_EQ(rec.infos, expected) << axis;
   }
-}
-
-TEST_F(AffineFunctionalTest, InterruptReturnsAZeroGradient) {
-  auto f = makeFunctional();
-  setTranslation(shift[0] + 0.6, shift[1], shift[2]);
-  const double f0 = f->evaluate();
-  callback.stop = true;
-  QbDVector<double> gradient(15);
-  gradient.fill(3.0);
-  const double value = f->evaluate(gradient, 0.2, 1);
-  callback.stop = false;
-  EXPECT_EQ(value, f0);
-  for (int i = 0; i < 15; i++)
-    EXPECT_EQ(gradient[i], 0.0);
-  // The parameter under test keeps its shifted value.
-  EXPECT_DOUBLE_EQ(transform->paramVector[0], shift[0] + 0.6 + 0.2);
-
-  // The work area's interrupt does the same.
-  setTranslation(shift[0] + 0.6, shift[1], shift[2]);
-  ZrWorkArea::getTheWorkArea()->requestInterrupt();
-  gradient.fill(3.0);
-  EXPECT_EQ(f->evaluate(gradient, 0.2, 1), f0);
-  ZrWorkArea::getTheWorkArea()->clearInterrupt();
-  for (int i = 0; i < 15; i++)
-    EXPECT_EQ(gradient[i], 0.0);
 }
 
 TEST_F(AffineFunctionalTest, NearestNeighbourReadsWholeVoxels) {

@@ -137,27 +137,6 @@ TEST(RegAffineTransform, ComposeDecomposeRoundTrip) {
   }
 }
 
-TEST(RegAffineTransform, IdentityWithEqualFrames) {
-  auto reference = makeField(kModelBox);
-  auto model = makeField(kModelBox);
-  SbMatrixd R = compose(std::array<double, 15>{3, -4, 5, 10, 20, 30, 2, 2, 2}.data());
-  reference->setTransform(SbMatrix(R));
-  QbDArray<ZrSpatialData*> refs;
-  refs.append(reference.get());
-  RegAffineTransform t(refs, model.get(), 12);
-
-  for (double c : {0.0, 7.5, -123.0}) {
-    t.makeIdentityTransform();
-    t.paramVector[12] = c, t.paramVector[13] = -c, t.paramVector[14] = 2 * c;
-    t.composeMatrix();
-    EXPECT_LT(maxDifference(t.matrix, SbMatrixd()), 1e-12) << c;
-    // The model then takes the reference's own matrix (in single precision).
-    SbMatrixd Rf;
-    Rf.setValue(SbMatrix(R));
-    EXPECT_LT(maxDifference(t.modelMatrix, Rf), 1e-12) << c;
-  }
-}
-
 TEST(RegAffineTransform, InitReadsTheDataAndApplyWritesItBack) {
   auto reference = makeField(kReferenceBox);
   auto model = makeField(kModelBox);
@@ -247,21 +226,6 @@ TEST(RegAffineTransform, SingularMatrixIsReported) {
   EXPECT_EQ(t.lastScaleX, 123.0);
 }
 
-TEST(RegAffineTransform, NotANumberIsNotSingular) {
-  // A NaN passes every "shorter than 0.001" test: no message, a result of 1,
-  // and the NaN runs on into the angles instead of being read as an axis.
-  RegAffineTransform t;
-  t.composeMatrix();
-  t.matrix[0][1] = std::numeric_limits<double>::quiet_NaN();
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(t.decomposeMatrix(), 1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_TRUE(std::isnan(t.paramVector[6]));
-  EXPECT_TRUE(std::isnan(t.paramVector[5]));
-  EXPECT_TRUE(std::isnan(t.paramVector[4]));
-  EXPECT_TRUE(std::isnan(t.paramVector[3]));
-}
-
 TEST(RegAffineTransform, IsotropicModeScalesTogether) {
   RegAffineTransform t;
   t.paramVector[6] = 2.0, t.paramVector[7] = 3.0, t.paramVector[8] = 1.5;
@@ -292,16 +256,6 @@ TEST(RegAffineTransform, IsotropicModeScalesTogether) {
   t.composeMatrix();
   EXPECT_DOUBLE_EQ(t.paramVector[7], 3.0);
   EXPECT_DOUBLE_EQ(t.paramVector[8], 1.5);
-
-  // Direct setting leaves lastScaleX alone; at 0 the follow-up is off.
-  RegAffineTransform u;
-  u.lastScaleX = 0.0;
-  u.setDegreesOfFreedomDirect(7);
-  EXPECT_EQ(u.lastScaleX, 0.0);
-  u.paramVector[6] = 3.0;
-  u.composeMatrix();
-  EXPECT_EQ(u.paramVector[7], 1.0);
-  EXPECT_EQ(u.paramVector[8], 1.0);
 
   // With any other dof the scales are independent.
   RegAffineTransform w;
@@ -366,23 +320,6 @@ TEST(RegAffineTransform, ChangeCenterKeepsTheMapping) {
   }
 }
 
-TEST(RegAffineTransform, RotateScaleShearMayWorkInPlace) {
-  const double p[15] = {0, 0, 0, 10, 20, 30, 1.5, 0.7, 2.0, 0.1, 0.2, -0.1, 0, 0, 0};
-  RegAffineTransform t;
-  for (int i = 0; i < 15; i++)
-    t.paramVector[i] = p[i];
-  t.composeMatrix();
-  double v[3] = {1.0, -2.0, 3.0}, out[3];
-  t.rotateScaleShear(out, v);
-  SbVec3d expected;
-  t.matrix.multDirMatrix(SbVec3d(1.0, -2.0, 3.0), expected);
-  for (int k = 0; k < 3; k++)
-    EXPECT_NEAR(out[k], expected[k], 1e-12);
-  t.rotateScaleShear(v, v);
-  for (int k = 0; k < 3; k++)
-    EXPECT_EQ(v[k], out[k]);
-}
-
 TEST(RegAffineTransform, InverseMirrorMapsBack) {
   auto reference = makeField(kReferenceBox);
   auto model = makeField(kModelBox);
@@ -405,13 +342,6 @@ TEST(RegAffineTransform, InverseMirrorMapsBack) {
   EXPECT_LT(maxDifference(t.matrix * inv->matrix, SbMatrixd()), 1e-12);
   EXPECT_LT(maxDifference(t.modelMatrix * inv->modelMatrix, SbMatrixd()), 1e-12);
   EXPECT_NEAR(inv->paramVector[6], 0.8, 1e-12);
-  // A point goes there and back.
-  SbVec3d q(7, -1, 4), there, back;
-  t.modelMatrix.multVecMatrix(q, there);
-  inv->modelMatrix.multVecMatrix(there, back);
-  EXPECT_NEAR(back.x, q.x, 1e-10);
-  EXPECT_NEAR(back.y, q.y, 1e-10);
-  EXPECT_NEAR(back.z, q.z, 1e-10);
   // The mirror's parameters compose to its matrix.
   RegAffineTransform check;
   for (int i = 0; i < 15; i++)
@@ -429,11 +359,4 @@ TEST(RegAffineTransform, InverseMirrorMapsBack) {
   EXPECT_EQ(inv->dof, 6);
   EXPECT_LT(maxDifference(t.matrix * inv->matrix, SbMatrixd()), 1e-12);
   EXPECT_LT(maxDifference(t.modelMatrix * inv->modelMatrix, SbMatrixd()), 1e-12);
-
-  // makeInverse() hands out an independent copy.
-  std::unique_ptr<RegParametricTransform> own(t.makeInverse());
-  auto* ownAffine = dynamic_cast<RegAffineTransform*>(own.get());
-  ASSERT_NE(ownAffine, nullptr);
-  EXPECT_NE(ownAffine, inv);
-  EXPECT_LT(maxDifference(ownAffine->matrix, inv->matrix), 1e-15);
 }

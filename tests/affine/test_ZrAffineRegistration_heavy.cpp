@@ -2,10 +2,10 @@
 // of the menu and every optimizer: a smooth pair under a known motion must
 // come back to a tenth of a voxel, and a pair of label fields must be
 // brought into register by "Label difference".
+#include "MessageCapture.h"
 #include "QbPrimType.h"
 #include "RegAffineTransform.h"
 #include "ZrAffineRegistration.h"
-#include "ZrMessage.h"
 #include "ZrObjectPool.h"
 #include "ZrSettingsMgr.h"
 #include "ZrUniformLabelField3.h"
@@ -132,22 +132,11 @@ SbMatrixd registerPair(const SbMatrixd& truth, bool labels, const Settings& s) {
   return found;
 }
 
-class Quiet {
-public:
-  Quiet() {
-    old = ZrMessage::getTheMsg()->setSink([](const std::string&) {});
-  }
-  ~Quiet() { ZrMessage::getTheMsg()->setSink(old); }
-
-private:
-  ZrMessage::Sink old;
-};
-
 const char* kMetrics[4] = {"Normalized Mutual Information", "Mutual Information", "Euclidean",
                            "Correlation"};
 
 void expectRecovered(const std::vector<int>& optimizers, double tolerance = 0.1) {
-  Quiet quiet;
+  MessageCapture quiet;
   const SbMatrixd truth = affineMatrix(1.0);
   for (int optimizer : optimizers)
     for (int metric = 0; metric < 4; metric++) {
@@ -178,7 +167,7 @@ TEST(ZrAffineRegistrationHeavy, GradientSearchesComeCloseToARigidMotionWithEvery
 }
 
 TEST(ZrAffineRegistrationHeavy, ScaleStageRecoversAnIsotropicScale) {
-  Quiet quiet;
+  MessageCapture quiet;
   const SbMatrixd truth = affineMatrix(1.04);
   for (int metric : {1, 2}) {
     Settings s;
@@ -195,7 +184,7 @@ TEST(ZrAffineRegistrationHeavy, ScaleStageRecoversAnIsotropicScale) {
 }
 
 TEST(ZrAffineRegistrationHeavy, LabelFieldsWithLabelDifference) {
-  Quiet quiet;
+  MessageCapture quiet;
   const SbMatrixd truth = affineMatrix(1.0);
   // Nearest-neighbour labels leave a quantisation noise of half a voxel at
   // every boundary, so the pair comes back to within a voxel, not a tenth.

@@ -1,9 +1,6 @@
-// zrreg batch: the manifest reader, shards, what is read from a row's
-// output, and a batch of small phantom pairs run through the zrreg
-// executable with a broken row, a rerun and two shards.
-#include "ZrBatchCommand.h"
+// zrreg batch: the manifest reader, and a batch of small phantom pairs run
+// through the zrreg executable with a broken row, a rerun and two shards.
 #include "ZrBatchManifest.h"
-#include "ZrBatchRunner.h"
 
 #include "ZrregRun.h"
 
@@ -91,76 +88,6 @@ TEST(ZrBatchManifest, RowsBecomeTheArgumentsOfTheirCommand) {
   ASSERT_TRUE(m.parse("command\treference\tmodel\toutput\nelastic\ta,b.nii\tm.nii\to.nii\n",
                       "m.txt", 0, errors));
   EXPECT_EQ(m.arguments(m.rows()[0])[2], "a,b.nii");
-}
-
-TEST(ZrBatchCommand, ShardsFromOptionsAndSlurm) {
-  struct ShardCase {
-    const char* text;
-    bool ok;
-    int index, count;
-  } shards[] = {{"2/3", true, 2, 3},  {"1/1", true, 1, 1}, {"0/3", false, 0, 0},
-                {"4/3", false, 0, 0}, {"3", false, 0, 0},  {"1/0", false, 0, 0},
-                {"1/3x", false, 0, 0}};
-  for (const auto& c : shards) {
-    int i = 0, n = 0;
-    EXPECT_EQ(ZrBatchCommand::parseShard(c.text, i, n), c.ok) << c.text;
-    if (c.ok) {
-      EXPECT_EQ(i, c.index) << c.text;
-      EXPECT_EQ(n, c.count) << c.text;
-    }
-  }
-  // Slurm arrays start at any id (--array=10-13) and may step
-  // (--array=0-4:2).
-  struct SlurmCase {
-    const char *id, *count, *min, *step;
-    bool ok;
-    int index, shards;
-  } slurm[] = {
-      {"10", "4", "10", nullptr, true, 1, 4},   {"13", "4", "10", "1", true, 4, 4},
-      {"14", "4", "10", "1", false, 0, 0},      {"9", "4", "10", "1", false, 0, 0},
-      {"4", "3", "0", "2", true, 3, 3},         {"3", "3", "0", "2", false, 0, 0},
-      {"2", "3", nullptr, nullptr, true, 3, 3},
-  };
-  for (const auto& c : slurm) {
-    int i = 0, n = 0;
-    std::string error;
-    EXPECT_EQ(ZrBatchCommand::shardFromSlurm(c.id, c.count, c.min, c.step, i, n, error), c.ok)
-        << c.id;
-    EXPECT_EQ(error.empty(), c.ok) << c.id;
-    if (c.ok) {
-      EXPECT_EQ(i, c.index) << c.id;
-      EXPECT_EQ(n, c.shards) << c.id;
-    }
-  }
-  int i = 0, n = 0;
-  std::string error;
-  EXPECT_FALSE(ZrBatchCommand::shardFromSlurm(nullptr, nullptr, nullptr, nullptr, i, n, error));
-  EXPECT_TRUE(error.empty());
-}
-
-TEST(ZrBatchRunner, ReadsProgressMetricAndErrorsFromARowsOutput) {
-  ZrBatchRunner::Scan s;
-  ZrBatchRunner::scanLine("[ 42%] Registering at resolution level 1", s);
-  EXPECT_EQ(s.percent, 42);
-  EXPECT_EQ(s.status, "Registering at resolution level 1");
-  // Messages that run together, and both spellings of the metric message.
-  ZrBatchRunner::scanLine(" Metric result = 1.288081Setting step size to 21.8965", s);
-  EXPECT_EQ(s.metric, "1.288081");
-  ZrBatchRunner::scanLine("step size : 0.047 Metric result: -0.5 Metric result = 1.402997elapsed",
-                          s);
-  EXPECT_EQ(s.metric, "1.402997");
-  ZrBatchRunner::scanLine("[ab%] not progress", s);
-  EXPECT_EQ(s.percent, 42);
-  ZrBatchRunner::scanLine("zrreg: cannot open 'x.nii': No such file or directory", s);
-  ZrBatchRunner::scanLine("(see 'zrreg affine --help')", s);
-  EXPECT_EQ(ZrBatchRunner::describeEnd(1, 0, false, s),
-            "zrreg: cannot open 'x.nii': No such file or directory");
-  EXPECT_EQ(ZrBatchRunner::describeEnd(0, 0, false, s), "");
-  EXPECT_NE(ZrBatchRunner::describeEnd(-1, SIGKILL, false, s).find("out of memory"),
-            std::string::npos);
-  EXPECT_NE(ZrBatchRunner::describeEnd(-1, SIGSEGV, false, s).find("signal 11"), std::string::npos);
-  ZrBatchRunner::Scan quiet;
-  EXPECT_EQ(ZrBatchRunner::describeEnd(3, 0, false, quiet), "exit status 3");
 }
 
 namespace {

@@ -1,8 +1,6 @@
-// Script parsing, transform files and vertex meshes of the command-line host.
-#include "SbMatrixd.h"
+// Script parsing and vertex meshes of the command-line host.
 #include "ZrCliSession.h"
 #include "ZrPointSetIO.h"
-#include "ZrTransformFiles.h"
 #include "ZrVertexSet.h"
 
 #include <gtest/gtest.h>
@@ -51,42 +49,6 @@ TEST(ZrCliSession, ScriptErrorsNameTheLineAndStop) {
   EXPECT_FALSE(s.runScript(path, error));
   EXPECT_NE(error.find("unknown module class"), std::string::npos);
   std::remove(path.c_str());
-}
-
-TEST(ZrTransformFiles, ItkAffineAndMatrixRoundTrip) {
-  // Column-vector affine with rotation, scale and translation.
-  SbMatrixd a;
-  double v[4][4] = {
-      {0.9, -0.2, 0.05, 3.5}, {0.21, 0.95, -0.1, -7.25}, {-0.04, 0.1, 1.1, 0.125}, {0, 0, 0, 1}};
-  a.setValue(v);
-  std::string error, itk = tempPath("t.tfm"), mat = tempPath("m.txt");
-  ASSERT_TRUE(ZrTransformFiles::writeItkAffine(a, itk, error)) << error;
-  ASSERT_TRUE(ZrTransformFiles::writeMatrix(a, mat, error)) << error;
-  SbMatrixd b, c;
-  ASSERT_TRUE(ZrTransformFiles::readItkAffine(itk, b, error)) << error;
-  ASSERT_TRUE(ZrTransformFiles::readMatrix(mat, c, error)) << error;
-  EXPECT_TRUE(b.equals(a, 1e-12));
-  EXPECT_TRUE(c.equals(a, 1e-12));
-
-  // A transform with a centre of rotation: the offset absorbs it.
-  std::ofstream(itk) << "#Insight Transform File V1.0\n#Transform 0\n"
-                        "Transform: AffineTransform_double_3_3\n"
-                        "Parameters: 0 -1 0 1 0 0 0 0 1 1 2 3\nFixedParameters: 10 0 0\n";
-  ASSERT_TRUE(ZrTransformFiles::readItkAffine(itk, b, error)) << error;
-  // p = (10, 0, 0) is the centre: it moves by the translation only.
-  EXPECT_NEAR(b[0][0] * 10 + b[0][3], 11, 1e-12);
-  EXPECT_NEAR(b[1][0] * 10 + b[1][3], 2, 1e-12);
-  // The 2-D form holds the x and y rows for the plane z = 4: the z column
-  // moves into the translation, and reading it back leaves z alone.
-  ASSERT_TRUE(ZrTransformFiles::writeItkAffine2D(a, 4.0, itk, error)) << error;
-  ASSERT_TRUE(ZrTransformFiles::readItkAffine(itk, b, error)) << error;
-  const double planar[4][4] = {
-      {0.9, -0.2, 0, 3.7}, {0.21, 0.95, 0, -7.65}, {0, 0, 1, 0}, {0, 0, 0, 1}};
-  EXPECT_TRUE(b.equals(SbMatrixd(planar), 1e-12));
-  std::ofstream(mat) << "1 0 0\n";
-  EXPECT_FALSE(ZrTransformFiles::readMatrix(mat, c, error));
-  std::remove(itk.c_str());
-  std::remove(mat.c_str());
 }
 
 TEST(ZrPointSetIO, OffMeshRoundTripKeepsTriangles) {

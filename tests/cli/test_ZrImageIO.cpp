@@ -1,16 +1,13 @@
 // Image files in and out: every voxel at its world position whatever the
 // header's orientation, outputs in their input's voxel order and dimension,
-// every format round trip, label intents, pictures in colour, vector images
-// in world coordinates, the quality-check picture, landmarks, and bad input
-// refused with a message instead of a crash or a half-written file.
+// every format round trip, label intents, vector images in world
+// coordinates, and bad input refused with a message instead of a crash or a
+// half-written file.
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
 #include "SbRotationd.h"
 #include "ZrImageIO.h"
-#include "ZrLandmarkSet.h"
-#include "ZrPointSetIO.h"
 #include "ZrRegVectorField3.h"
-#include "ZrSnapshot.h"
 #include "ZrUniformCoord3.h"
 #include "ZrUniformLabelField3.h"
 #include "ZrUniformScalarField3.h"
@@ -20,8 +17,6 @@
 #include <itkImageFileReader.h>
 #include <itkImageFileWriter.h>
 #include <itkImageRegionIteratorWithIndex.h>
-#include <itkPNGImageIO.h>
-#include <itkRGBPixel.h>
 #include <itkVectorImage.h>
 
 #include <gtest/gtest.h>
@@ -37,7 +32,6 @@
 namespace {
 
 using ShortImage = itk::Image<short, 3>;
-using RGBImage = itk::Image<itk::RGBPixel<unsigned char>, 2>;
 
 std::string tempPath(const std::string& name) {
   return "/tmp/zrreg-test-" + std::to_string(getpid()) + "-" + name;
@@ -163,15 +157,6 @@ std::unique_ptr<ZrRegVectorField3> makeGrid(bool rotated) {
     m.multRight(t);
     f->setTransform(m);
   }
-  return f;
-}
-ZrUniformScalarField3* constantField(int n, float value) {
-  int dims[3] = {n, n, n};
-  float box[6] = {0, float(n - 1), 0, float(n - 1), 0, float(n - 1)};
-  auto* f = new ZrUniformScalarField3(dims, 3, box);
-  float* v = static_cast<float*>(f->lattice.dataPtr());
-  for (size_t i = 0; i < f->lattice.numNodes(); i++)
-    v[i] = value + (i % 7 == 0 ? 0.001f * (i % 13) : 0.0f); // not perfectly flat
   return f;
 }
 } // namespace
@@ -363,30 +348,6 @@ TEST(ZrImageIO, BadInputIsRefusedWithAMessage) {
   EXPECT_NE(access(noFormat.c_str(), F_OK), 0);
 }
 
-TEST(ZrPointSetIO, LandmarksRoundTripWithHeaderAndTwoSets) {
-  std::string path = tempPath("marks.csv");
-  std::ofstream(path) << "x1,y1,z1,x2,y2,z2\n1,2,3,4,5,6\n# comment\n-1.5 0 2.25 7 8 9\n";
-  std::string error;
-  std::unique_ptr<ZrLandmarkSet> s(ZrPointSetIO::readLandmarks(path, error));
-  ASSERT_TRUE(s) << error;
-  ASSERT_EQ(s->getNumSets(), 2);
-  ASSERT_EQ(s->getNumMarkers(), 2);
-  EXPECT_FLOAT_EQ(s->getPosition(1, 0).x, -1.5f);
-  EXPECT_FLOAT_EQ(s->getPosition(0, 1).z, 6.0f);
-  std::string out = tempPath("marks-out.csv");
-  ASSERT_TRUE(ZrPointSetIO::writeLandmarks(s.get(), out, error)) << error;
-  std::unique_ptr<ZrLandmarkSet> t(ZrPointSetIO::readLandmarks(out, error));
-  ASSERT_TRUE(t) << error;
-  EXPECT_FLOAT_EQ(t->getPosition(1, 0).z, 2.25f);
-  EXPECT_FLOAT_EQ(t->getPosition(1, 1).x, 7.0f);
-
-  std::ofstream(path) << "1,2,3\n4,5\n";
-  EXPECT_EQ(ZrPointSetIO::readLandmarks(path, error), nullptr);
-  EXPECT_NE(error.find(":2:"), std::string::npos);
-  std::remove(path.c_str());
-  std::remove(out.c_str());
-}
-
 TEST(ZrImageIO, EveryFormatRoundTripsVoxelsAndGeometry) {
   // int16 ramp on an axis-aligned box with uneven spacing.
   int dims[3] = {6, 5, 4};
@@ -422,119 +383,6 @@ TEST(ZrImageIO, EveryFormatRoundTripsVoxelsAndGeometry) {
   }
 }
 
-TEST(ZrImageIO, GreyPicturesReadAsScalarAndColourAsLuminance) {
-  // A 7 x 5 PNG in four forms: palette whose index is not the grey value,
-  // grey stored as RGB, colour, and grey with an opaque alpha channel.
-  const int nx = 7, ny = 5, n = nx * ny;
-  auto grey = [](int i) { return (unsigned char)(i * 7 % 256); };
-  struct Case {
-    const char* name;
-    int components;
-    bool palette;
-    bool colour;
-  } cases[] = {{"palette", 1, true, false},
-               {"rgb-grey", 3, false, false},
-               {"rgb-colour", 3, false, true},
-               {"grey-alpha", 2, false, false}};
-  for (const Case& c : cases) {
-    std::vector<unsigned char> data(size_t(n) * c.components);
-    itk::PNGImageIO::PaletteType palette;
-    for (int i = 0; i < n; i++) {
-      unsigned char* p = &data[size_t(i) * c.components];
-      if (c.palette) {
-        p[0] = (unsigned char)(255 - i); // index
-      } else if (c.components == 2) {
-        p[0] = grey(i);
-        p[1] = 255;
-      } else {
-        p[0] = grey(i);
-        p[1] = c.colour ? (unsigned char)(i * 3) : grey(i);
-        p[2] = c.colour ? (unsigned char)(200 - i) : grey(i);
-      }
-    }
-    if (c.palette)
-      for (int k = 0; k < 256; k++) {
-        const unsigned char g = grey(255 - k); // so that index 255 - i shows grey(i)
-        itk::RGBPixel<unsigned char> rgb;
-        rgb.Set(g, g, g);
-        palette.push_back(rgb);
-      }
-    auto io = itk::PNGImageIO::New();
-    io->SetNumberOfDimensions(2);
-    io->SetComponentType(itk::IOComponentEnum::UCHAR);
-    io->SetNumberOfComponents(c.components);
-    io->SetPixelType(c.components == 3   ? itk::IOPixelEnum::RGB
-                     : c.components == 2 ? itk::IOPixelEnum::VECTOR
-                                         : itk::IOPixelEnum::SCALAR);
-    io->SetDimensions(0, nx);
-    io->SetDimensions(1, ny);
-    if (c.palette) {
-      io->SetColorPalette(palette);
-      io->SetWritePalette(true);
-    }
-    itk::ImageIORegion region(2);
-    region.SetSize(0, nx);
-    region.SetSize(1, ny);
-    io->SetIORegion(region);
-    const std::string path = tempPath(std::string(c.name) + ".png");
-    io->SetFileName(path);
-    io->WriteImageInformation();
-    io->Write(data.data());
-
-    std::string error;
-    ZrImageIO::ReadInfo info;
-    std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(path, {}, &info, error));
-    ASSERT_TRUE(f) << c.name << ": " << error;
-    ASSERT_EQ(f->primType(), QB_UINT8) << c.name;
-    ASSERT_EQ(f->lattice.numNodes(), size_t(n)) << c.name;
-    for (int i = 0; i < n; i++) {
-      const double expected =
-          c.colour ? std::floor(0.299 * grey(i) + 0.587 * (i * 3) + 0.114 * (200 - i) + 0.5)
-                   : grey(i);
-      ASSERT_EQ(f->lattice.getValueAsDouble(i), expected) << c.name << " voxel " << i;
-    }
-    EXPECT_EQ(info.notice.find("luminance") != std::string::npos, c.colour)
-        << c.name << ": " << info.notice;
-    std::remove(path.c_str());
-  }
-}
-
-TEST(ZrVectorImageIO, GridRoundTripsWithBoxRotationAndVectors) {
-  for (bool rotated : {false, true}) {
-    auto f = makeGrid(rotated);
-    std::string path = tempPath(rotated ? "rot.nii.gz" : "plain.mha"), error;
-    ASSERT_TRUE(ZrVectorImageIO::write(f.get(), path, error)) << error;
-    std::unique_ptr<ZrRegVectorField3> g(ZrVectorImageIO::read(path, error));
-    ASSERT_TRUE(g) << error;
-    for (int a = 0; a < 3; a++)
-      ASSERT_EQ(g->getDims()[a], f->getDims()[a]);
-    // Same world position of every node, same world vector.
-    SbMatrixd mf, mg;
-    f->getTransform(mf);
-    g->getTransform(mg);
-    const float* vf = f->floatData();
-    const float* vg = g->floatData();
-    size_t idx = 0;
-    for (int k = 0; k < 3; k++)
-      for (int j = 0; j < 4; j++)
-        for (int i = 0; i < 5; i++, idx++) {
-          float pf[3], pg[3];
-          f->lattice.coords()->pos(i, j, k, pf);
-          g->lattice.coords()->pos(i, j, k, pg);
-          SbVec3d wf, wg, df, dg;
-          mf.multVecMatrix(SbVec3d(pf[0], pf[1], pf[2]), wf);
-          mg.multVecMatrix(SbVec3d(pg[0], pg[1], pg[2]), wg);
-          mf.multDirMatrix(SbVec3d(vf[3 * idx], vf[3 * idx + 1], vf[3 * idx + 2]), df);
-          mg.multDirMatrix(SbVec3d(vg[3 * idx], vg[3 * idx + 1], vg[3 * idx + 2]), dg);
-          for (int c = 0; c < 3; c++) {
-            EXPECT_NEAR(wf[c], wg[c], 1e-4);
-            EXPECT_NEAR(df[c], dg[c], 1e-5);
-          }
-        }
-    std::remove(path.c_str());
-  }
-}
-
 TEST(ZrVectorImageIO, FilesHoldWorldVectorsAndBadFilesAreRefused) {
   auto f = makeGrid(true);
   std::string path = tempPath("world.nrrd"), error;
@@ -566,41 +414,4 @@ TEST(ZrVectorImageIO, FilesHoldWorldVectorsAndBadFilesAreRefused) {
   EXPECT_TRUE(ok);
   std::remove(sp.c_str());
   EXPECT_EQ(ZrVectorImageIO::read(tempPath("missing.nii.gz"), error), nullptr);
-}
-TEST(ZrSnapshot, TilesCheckerboardAndJacobianColours) {
-  const int n = 32;
-  std::unique_ptr<ZrUniformScalarField3> ref(constantField(n, 0)), model(constantField(n, 1)),
-      jac(constantField(n, 2));
-  // The reference is dark; the model is 0 on even and 1 on odd x, so its
-  // window is [0, 1] and an odd column shows white in the board.
-  for (size_t i = 0; i < model->lattice.numNodes(); i++)
-    static_cast<float*>(model->lattice.dataPtr())[i] = float(i % 2);
-  for (size_t i = 0; i < ref->lattice.numNodes(); i += 2)
-    static_cast<float*>(ref->lattice.dataPtr())[i] = i % 4 == 0 ? 0.0f : 0.5f;
-  std::string path = "/tmp/zrreg-snap-" + std::to_string(getpid()) + ".png", error;
-  ASSERT_TRUE(ZrSnapshot::write(ref.get(), model.get(), model.get(), jac.get(), path, error))
-      << error;
-  auto r = itk::ImageFileReader<RGBImage>::New();
-  r->SetFileName(path);
-  r->Update();
-  auto size = r->GetOutput()->GetLargestPossibleRegion().GetSize();
-  const int gap = 4;
-  EXPECT_EQ(int(size[0]), 4 * (n + gap) + gap);
-  EXPECT_EQ(int(size[1]), 3 * (n + gap) + gap);
-  // Column 2 (after): square (0,0) is the reference, square (1,0) the model.
-  const int square = 4; // max(4, 32 / 8)
-  int x0 = gap + 2 * (n + gap), y0 = gap;
-  RGBImage::IndexType inModel = {{x0 + square + 1, y0 + 1}};
-  auto pm = r->GetOutput()->GetPixel(inModel);
-  EXPECT_EQ(int(pm[0]), 255); // x = 5: a model voxel of value 1
-  // Jacobian 2: log2 = 1, pure red.
-  RGBImage::IndexType inJac = {{gap + 3 * (n + gap) + 5, y0 + 5}};
-  auto pj = r->GetOutput()->GetPixel(inJac);
-  EXPECT_EQ(int(pj[0]), 255);
-  EXPECT_EQ(int(pj[2]), 0);
-  std::remove(path.c_str());
-
-  // Grids that differ are refused.
-  std::unique_ptr<ZrUniformScalarField3> small(constantField(8, 1));
-  EXPECT_FALSE(ZrSnapshot::write(ref.get(), small.get(), model.get(), nullptr, path, error));
 }

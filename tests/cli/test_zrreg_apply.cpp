@@ -1,12 +1,9 @@
 // zrreg apply as a user drives it: a label atlas carried through a known
 // affine and a known displacement field onto a reference of another
-// orientation (checked voxel by voxel against ITK's own geometry), the same
-// results as `affine --resampled`, `affine -o` and `apply-grid` where the
-// commands overlap, and bad input refused before anything is written.
-#include "SbMatrixd.h"
-#include "ZrRegVectorField3.h"
-#include "ZrUniformCoord3.h"
-#include "ZrVectorImageIO.h"
+// orientation (checked voxel by voxel against ITK's own geometry), and bad
+// input refused before anything is written.
+
+#include "ZrImageIO.h"
 
 #include <itkImage.h>
 #include <itkImageFileReader.h>
@@ -21,10 +18,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <functional>
-#include <memory>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -83,15 +78,6 @@ template <class Image> typename Image::Pointer readImage(const std::string& path
   return r->GetOutput();
 }
 
-// The two files hold the same voxel array, byte for byte, as read by ITK.
-template <class Image> bool sameVoxels(const std::string& a, const std::string& b) {
-  auto x = readImage<Image>(a), y = readImage<Image>(b);
-  const size_t n = x->GetLargestPossibleRegion().GetNumberOfPixels();
-  return n == y->GetLargestPossibleRegion().GetNumberOfPixels() &&
-         std::memcmp(x->GetBufferPointer(), y->GetBufferPointer(),
-                     n * sizeof(typename Image::PixelType)) == 0;
-}
-
 // A blocky atlas of 7 labels over world space.
 double atlas(const double* p) {
   const int b = int(std::floor(p[0] / 8.0)) + 3 * int(std::floor(p[1] / 7.0)) +
@@ -105,7 +91,11 @@ double grey(const double* p) {
 
 class ZrregApply : public ::testing::Test {
 protected:
-  void SetUp() override { dir = "/tmp/zrreg-apply-" + std::to_string(getpid()); }
+  void SetUp() override {
+    dir = "/tmp/zrreg-apply-" + std::to_string(getpid());
+    // The image formats come with zrreg's image input and output.
+    ASSERT_TRUE(ZrImageIO::canWrite(dir + "/x.nii.gz"));
+  }
   void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
   std::string path(const std::string& name) const { return dir + "/" + name; }
   std::string dir;
@@ -208,98 +198,6 @@ TEST_F(ZrregApply, KnownAffineAndDisplacementCarryALabelAtlas) {
   EXPECT_GT(checked, 18000);
   EXPECT_GT(labelled, checked / 2);
   EXPECT_EQ(wrong, 0) << "of " << checked;
-}
-
-TEST_F(ZrregApply, SameResultsAsTheCommandsItOverlaps) {
-  ASSERT_EQ(std::system(("mkdir -p " + dir).c_str()), 0);
-  const double ras[3][3] = {{-1, 0, 0}, {0, -1, 0}, {0, 0, 1}};
-  const double lps[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
-  // A model rotated and shifted against the reference, so that aligning the
-  // principal axes moves it.
-  auto rotated = [](const double* p) {
-    const double c = std::cos(0.3), s = std::sin(0.3);
-    const double q[3] = {c * p[0] - s * p[1] + 3, s * p[0] + c * p[1] - 2, p[2]};
-    const double r2 = q[0] * q[0] / 144 + q[1] * q[1] / 64 + q[2] * q[2] / 36;
-    return r2 < 1 ? grey(q) : 10.0;
-  };
-  auto ellipsoid = [](const double* p) {
-    const double r2 = p[0] * p[0] / 144 + p[1] * p[1] / 64 + p[2] * p[2] / 36;
-    return r2 < 1 ? grey(p) : 10.0;
-  };
-  auto ref =
-      makeImage<ShortImage>({32, 30, 20}, {1.0, 1.0, 1.0}, {15.5, 14.5, -9.5}, ras, ellipsoid);
-  auto model =
-      makeImage<ShortImage>({30, 32, 22}, {1.0, 1.0, 1.0}, {-15, -16, -10.5}, lps, rotated);
-  auto labels = makeImage<ShortImage>({30, 32, 22}, {1.0, 1.0, 1.0}, {-15, -16, -10.5}, lps, atlas);
-  writeImage(ref.GetPointer(), path("ref.nii.gz"));
-  writeImage(model.GetPointer(), path("model.nii.gz"));
-  writeImage(labels.GetPointer(), path("labels.nii.gz"));
-  std::string out;
-  ASSERT_EQ(run("affine --quiet --reference " + path("ref.nii.gz") + " --model " +
-                    path("model.nii.gz") + " --align principal-axes --no-register -o " +
-                    path("placed.nii.gz") + " --resampled " + path("resampled.nii.gz") +
-                    " --itk-transform " + path("t.tfm") + " --matrix " + path("m.txt"),
-                &out),
-            0)
-      << out;
-
-  // --resampled, through the ITK transform and through the matrix.
-  for (const char* t : {"t.tfm", "m.txt"}) {
-    ASSERT_EQ(run("apply --quiet --image " + path("model.nii.gz") + " -t " + path(t) +
-                      " --reference " + path("ref.nii.gz") + " -o " + path("applied.nii.gz"),
-                  &out),
-              0)
-        << out;
-    EXPECT_TRUE(sameVoxels<ShortImage>(path("applied.nii.gz"), path("resampled.nii.gz"))) << t;
-  }
-  // affine -o: the same voxels, the same header.
-  ASSERT_EQ(run("apply --quiet --image " + path("model.nii.gz") + " -t " + path("t.tfm") +
-                    " --image-grid -o " + path("header.nii.gz"),
-                &out),
-            0)
-      << out;
-  EXPECT_TRUE(sameVoxels<ShortImage>(path("header.nii.gz"), path("placed.nii.gz")));
-  auto h = readImage<ShortImage>(path("header.nii.gz")),
-       placed = readImage<ShortImage>(path("placed.nii.gz"));
-  for (int r = 0; r < 3; r++) {
-    EXPECT_NEAR(h->GetOrigin()[r], placed->GetOrigin()[r], 1e-5);
-    for (int q = 0; q < 3; q++)
-      EXPECT_NEAR(h->GetDirection()[r][q], placed->GetDirection()[r][q], 1e-7);
-  }
-
-  // apply-grid: a control grid over the reference, for grey values with the
-  // windowed sinc and for labels.
-  const int gd[3] = {7, 7, 6};
-  std::unique_ptr<ZrRegVectorField3> grid(ZrRegVectorField3::create(gd, 3, 3, ZR_COORD_UNIFORM));
-  const float box[6] = {-24.0f, 24.0f,  -22.5f,
-                        22.5f,  -17.5f, 17.5f}; // inner box covers the reference
-  static_cast<ZrUniformCoord3*>(grid->lattice.coords())->setBoundingBox(box);
-  for (size_t i = 0; i < grid->lattice.numNodes(); i++)
-    for (int c = 0; c < 3; c++)
-      grid->floatData()[3 * i + c] = float(2.0 * std::sin(0.9 * i + 2 * c));
-  std::string error;
-  ASSERT_TRUE(ZrVectorImageIO::write(grid.get(), path("grid.nii.gz"), error)) << error;
-  const struct {
-    const char* image;
-    const char* gridFlag;
-    const char* applyFlag;
-  } cases[] = {{"model.nii.gz", "", "--interpolation lanczos"},
-               {"labels.nii.gz", "--model-labels", "--labels"}};
-  for (const auto& k : cases) {
-    ASSERT_EQ(run("apply-grid --quiet --control-grid " + path("grid.nii.gz") + " --model " +
-                      path(k.image) + " " + k.gridFlag + " --reference " + path("ref.nii.gz") +
-                      " -o " + path("by-grid.nii.gz"),
-                  &out),
-              0)
-        << out;
-    ASSERT_EQ(run("apply --quiet --image " + path(k.image) + " " + k.applyFlag +
-                      " --control-grid " + path("grid.nii.gz") + " --reference " +
-                      path("ref.nii.gz") + " -o " + path("by-apply.nii.gz"),
-                  &out),
-              0)
-        << out;
-    EXPECT_TRUE(sameVoxels<ShortImage>(path("by-grid.nii.gz"), path("by-apply.nii.gz"))) << k.image;
-  }
 }
 
 TEST_F(ZrregApply, BadInputIsRefusedAndNothingWritten) {

@@ -85,21 +85,6 @@ TEST_F(ZrregCommands, BadInputGivesAMessageAndNoOutput) {
   EXPECT_EQ(r.status, 2);
 }
 
-TEST_F(ZrregCommands, PortsListsTheModulesPorts) {
-  Shell r = run("ports ZrAffineRegistration --reference " + dir + "/reference.nii.gz --model " +
-                dir + "/model.nii.gz");
-  ASSERT_EQ(r.status, 0) << r.output;
-  for (const char* port : {"metric", "optimizer", "transform", "register", "action", "reference"})
-    EXPECT_NE(r.output.find(port), std::string::npos) << port;
-  EXPECT_NE(r.output.find("Normalized Mutual Information"), std::string::npos);
-  // The values shown are those `zrreg affine` runs with: it registers on the
-  // finest level, which the module by itself skips; --set goes on top.
-  EXPECT_NE(r.output.find("Ignore finest resolution = off"), std::string::npos) << r.output;
-  r = run("ports ZrAffineRegistration --set metric=Correlation");
-  ASSERT_EQ(r.status, 0) << r.output;
-  EXPECT_NE(r.output.find("menu 0 = Correlation;"), std::string::npos) << r.output;
-}
-
 TEST_F(ZrregCommands, AffineFindsTheKnownTransform) {
   std::string out = dir + "/aligned.nii.gz", mat = dir + "/change.txt", tfm = dir + "/t.tfm";
   Shell r = run("affine --quiet --reference " + dir + "/reference.nii.gz --model " + dir +
@@ -214,46 +199,4 @@ TEST_F(ZrregCommands, PairsThatCannotRegisterAreRefused) {
           out);
   EXPECT_EQ(r.status, 0) << r.output;
   EXPECT_TRUE(exists(out));
-}
-
-TEST_F(ZrregCommands, NonFiniteVoxelsInAFileAreRefused) {
-  // ITK's NIfTI reader turns NaN and infinite floats into 0; a file holding
-  // one must still be refused, compressed or not, as reference or model.
-  using FloatImage = itk::Image<float, 3>;
-  auto img = FloatImage::New();
-  FloatImage::SizeType size = {{12, 10, 8}};
-  img->SetRegions(FloatImage::RegionType(size));
-  img->Allocate();
-  float v = 0;
-  for (itk::ImageRegionIterator<FloatImage> it(img, img->GetLargestPossibleRegion()); !it.IsAtEnd();
-       ++it)
-    it.Set(v++ * 0.37f);
-  const std::string good = dir + "/finite.nii";
-  auto writer = itk::ImageFileWriter<FloatImage>::New();
-  writer->SetInput(img);
-  writer->SetFileName(good);
-  writer->Update();
-  const struct {
-    float value;
-    const char* ext;
-    bool asModel;
-  } cases[] = {{std::numeric_limits<float>::quiet_NaN(), ".nii", true},
-               {std::numeric_limits<float>::infinity(), ".nii.gz", false},
-               {-std::numeric_limits<float>::infinity(), ".nii", false},
-               {std::numeric_limits<float>::quiet_NaN(), ".nii.gz", true}};
-  for (const auto& c : cases) {
-    FloatImage::IndexType at = {{7, 3, 5}};
-    img->SetPixel(at, c.value);
-    const std::string bad = dir + "/nonfinite" + c.ext, out = dir + "/never.nii";
-    writer->SetFileName(bad);
-    writer->Update();
-    Shell r = run("affine --quiet --reference " + (c.asModel ? good : bad) + " --model " +
-                  (c.asModel ? bad : good) + " -o " + out);
-    EXPECT_EQ(r.status, 1) << c.ext << " " << c.value << ": " << r.output;
-    EXPECT_NE(r.output.find(std::string("the ") + (c.asModel ? "model" : "reference") +
-                            " image contains NaN or infinite voxels"),
-              std::string::npos)
-        << r.output;
-    EXPECT_FALSE(exists(out));
-  }
 }

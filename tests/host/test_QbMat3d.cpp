@@ -1,5 +1,4 @@
-// 3x3 matrix algebra against values worked by hand, and the symmetric
-// eigen-solver on matrices of known eigensystems.
+// The symmetric 3x3 eigen-solver on matrices of known eigensystems.
 #include "QbMat3d.h"
 
 #include <gtest/gtest.h>
@@ -32,26 +31,6 @@ double maxDiff(const QbMat3d& a, const QbMat3d& b) {
 }
 
 } // namespace
-
-TEST(QbMat3d, ProductTransposeDeterminantInverse) {
-  QbMat3d a(2, -1, 0.5, 3, 4, -2, 1, 0, 7);
-  QbMat3d b = rotation(QbVec3d(1, 2, 3), 0.7) * diag(2, 3, 0.5);
-  // det(a) by the rule of Sarrus, worked by hand: 56 + 2 + 0 - 2 - 0 + 21 = 77.
-  EXPECT_NEAR(a.det(), 77.0, 1e-12);
-  EXPECT_NEAR(b.det(), 3.0, 1e-12);
-  EXPECT_LT(maxDiff((a * b).transpose(), b.transpose() * a.transpose()), 1e-14);
-  EXPECT_LT(maxDiff(a * a.inverse(), QbMat3d::identity()), 1e-14);
-  EXPECT_EQ(QbMat3d(1, 2, 3, 2, 4, 6, 0, 0, 1).inverse(), QbMat3d());
-  // Matrix times column vector, and row vector times matrix.
-  QbVec3d av = a * QbVec3d(1, -2, 0.5);
-  EXPECT_EQ(av, QbVec3d(2 + 2 + 0.25, 3 - 8 - 1, 1 + 0 + 3.5));
-  QbVec3d va = a.multLeft(QbVec3d(1, -2, 0.5));
-  EXPECT_EQ(va, QbVec3d(2 - 6 + 0.5, -1 - 8, 0.5 + 4 + 3.5));
-  QbMat3d z;
-  z.setColumn(1, QbVec3d(4, 5, 6));
-  z.setRow(2, QbVec3d(7, 8, 9));
-  EXPECT_EQ(z, QbMat3d(0, 4, 0, 0, 5, 0, 7, 8, 9));
-}
 
 TEST(QbMat3dEigen, KnownEigensystems) {
   struct Case {

@@ -1,5 +1,5 @@
 // 4x4 matrices in the row-vector convention: products and their order,
-// inverses, point and direction mapping, and composing and decomposing
+// point and direction mapping, and composing and decomposing
 // transforms with a centre, a scale orientation and reflections.
 #include "SbMatrix.h"
 #include "SbMatrixd.h"
@@ -62,31 +62,6 @@ TEST(SbMatrix, ProductOrderFollowsTheRowVectorConvention) {
   SbMatrixd a = generalAffine(), b = rotation(SbVec3d(1, 2, 3), 0.3) * translation(-1, 2, 0.5);
   const SbVec3d p(0.3, -1.7, 2.2);
   expectVecNear(point(a * b, p), point(b, point(a, p)), 1e-13);
-}
-
-TEST(SbMatrix, InverseAndDeterminants) {
-  SbMatrixd a = generalAffine();
-  EXPECT_TRUE((a * a.inverse()).equals(SbMatrixd::identity(), 1e-14));
-  EXPECT_TRUE((a.inverse() * a).equals(SbMatrixd::identity(), 1e-14));
-
-  // A projective matrix, inverted as a whole.
-  SbMatrixd p(2, 0.1, 0, 0.01, 0, 1.5, 0.2, -0.02, 0.3, 0, 1, 0.005, 1, 2, 3, 1);
-  EXPECT_TRUE((p * p.inverse()).equals(SbMatrixd::identity(), 1e-14));
-  EXPECT_NEAR((p * a).det4(), p.det4() * a.det4(), 1e-12);
-  EXPECT_NEAR(p.inverse().det4(), 1.0 / p.det4(), 1e-12);
-  // det3 reads only the upper-left part.
-  SbMatrixd s;
-  s.setScale(SbVec3d(2, -3, 0.5));
-  EXPECT_DOUBLE_EQ(s.det3(), -3.0);
-
-  // A singular matrix has no inverse: the result is the matrix itself.
-  SbMatrixd flat;
-  flat.setScale(SbVec3d(1, 0, 1));
-  flat[3][1] = 4;
-  EXPECT_TRUE(flat.inverse() == flat);
-  SbMatrixd singularProjective(1, 2, 3, 4, 2, 4, 6, 8, 0, 1, 0, 1, 1, 0, 0, 1);
-  EXPECT_EQ(singularProjective.det4(), 0.0);
-  EXPECT_TRUE(singularProjective.inverse() == singularProjective);
 }
 
 TEST(SbMatrix, PointsAreDividedDirectionsIgnoreTranslation) {
@@ -169,25 +144,4 @@ TEST(SbMatrix, GetTransformRefusesSingularAndProjectiveMatrices) {
   expectVecNear(t, SbVec3d(1, 2, 3), 1e-13);
   expectVecNear(s, SbVec3d(2, 3, 4), 1e-13);
   EXPECT_TRUE(r.equals(SbRotationd(SbVec3d(0, 1, 0), 0.4), 1e-13));
-}
-
-TEST(SbMatrix, FloatAndDoubleConvertBothWays) {
-  SbMatrixd d = generalAffine() * rotation(SbVec3d(1, 2, 3), 0.123456789);
-  SbMatrix f(d);
-  // Widening is exact, so narrowing again gives the same floats.
-  SbMatrixd wide(f);
-  SbMatrix again;
-  again.setValue(wide);
-  EXPECT_TRUE(again == f);
-  for (int i = 0; i < 4; i++)
-    for (int j = 0; j < 4; j++) {
-      EXPECT_EQ(f[i][j], float(d[i][j]));
-      EXPECT_EQ(wide[i][j], double(f[i][j]));
-    }
-  // Single-precision products keep the order of the double ones.
-  SbMatrix g(rotation(SbVec3d(0, 0, 1), 0.3) * translation(1, 2, 3));
-  EXPECT_TRUE(SbMatrixd(f * g).equals(SbMatrixd(f) * SbMatrixd(g), 1e-5));
-  SbMatrix h = f;
-  h.multLeft(g);
-  EXPECT_TRUE(SbMatrixd(h).equals(SbMatrixd(g) * SbMatrixd(f), 1e-5));
 }

@@ -1,5 +1,4 @@
-// Rotations as quaternions: axis and angle, from-to, composition order, and
-// agreement with the rotation matrices of the row-vector convention.
+// Rotations as quaternions: axis and angle, from-to and composition order.
 #include "SbMatrixd.h"
 #include "SbRotationd.h"
 
@@ -116,31 +115,4 @@ TEST(SbRotationd, CompositionAppliesTheLeftOperandFirst) {
   e *= d;
   EXPECT_TRUE(e.equals(c * d, 0.0));
   EXPECT_TRUE((c * c.inverse()).equals(SbRotationd(), 1e-15));
-}
-
-TEST(SbRotationd, MatrixFormAgreesWithMultVec) {
-  const SbVec3d axes[] = {SbVec3d(1, 0, 0), SbVec3d(0, 1, 0),  SbVec3d(0, 0, 1),
-                          SbVec3d(1, 2, 3), SbVec3d(-1, 1, 0), SbVec3d(0.2, -0.1, 1)};
-  for (const SbVec3d& axis : axes)
-    for (double angle : {0.0, 0.3, -1.7, kPi / 2, kPi, 3.0, -kPi}) {
-      SbRotationd r(axis, angle);
-      SbMatrixd m;
-      r.getValue(m);
-      EXPECT_NEAR(m.det4(), 1.0, 1e-14);
-      for (const SbVec3d& v : kSamples) {
-        SbVec3d byMatrix, asPoint;
-        m.multDirMatrix(v, byMatrix);
-        expectVecNear(byMatrix, rotated(r, v), 1e-14);
-        m.multVecMatrix(v, asPoint); // no translation
-        expectVecNear(asPoint, byMatrix, 0.0);
-      }
-      // And back from the matrix, half turns included.
-      EXPECT_TRUE(SbRotationd(m).equals(r, 1e-15)) << "angle " << angle;
-    }
-  // A matrix with a scale applied before the rotation gives the rotation.
-  SbRotationd r(SbVec3d(1, 1, 0), 0.8);
-  SbMatrixd s, m;
-  s.setScale(SbVec3d(2, 0.5, 3));
-  m.setRotate(r);
-  EXPECT_TRUE(SbRotationd(s * m).equals(r, 1e-15));
 }

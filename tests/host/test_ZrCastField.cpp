@@ -1,6 +1,5 @@
 // The cast: labels to numbers and back without a change of value, type or
-// place; conversions with rounding and clamping; the label type chosen for
-// float data; the module driven through its ports.
+// place; conversions with rounding and clamping.
 #include "QbPrimType.h"
 #include "ZrCastField.h"
 #include "ZrCurvilinearCoord3.h"
@@ -93,53 +92,4 @@ TEST(ZrCastField, NumericConversionsRoundAndClamp) {
   EXPECT_EQ(back->lattice.getValueAsDouble(0), 0.0);
   EXPECT_EQ(back->lattice.getValueAsDouble(59), 255.0);
   EXPECT_EQ(ZrCastField::cast(&f, 99), nullptr);
-}
-
-TEST(ZrCastField, LabelTypeForFloatDataAndCurvilinearRefusal) {
-  struct Case {
-    double lo, hi;
-    int type;
-  } cases[] = {{0.0, 254.6, QB_UINT8},
-               {0.2, 300.0, QB_UINT16},
-               {0.0, 70000.0, QB_INT32},
-               {-3.0, 3000.0, QB_INT16},
-               {-40000.0, 5.0, QB_INT32}};
-  for (const Case& c : cases) {
-    ZrUniformScalarField3 f(kDims, QB_FLOAT, kBox);
-    f.lattice.setValue(0, c.lo);
-    f.lattice.setValue(1, c.hi);
-    f.lattice.setValue(2, 7.4);
-    FieldPtr l(ZrCastField::cast(&f, ZrCastField::OUT_LABEL));
-    ASSERT_NE(l, nullptr);
-    EXPECT_EQ(l->primType(), c.type) << c.lo << ".." << c.hi;
-    EXPECT_EQ(l->lattice.getValueAsDouble(2), 7.0);
-    EXPECT_TRUE(isLabel(l.get()));
-  }
-  ZrRegScalarField3 curv(kDims, QB_UINT8, new ZrCurvilinearCoord3(kDims));
-  EXPECT_EQ(ZrCastField::cast(&curv, ZrCastField::OUT_LABEL), nullptr);
-  FieldPtr cf(ZrCastField::cast(&curv, ZrCastField::OUT_FLOAT));
-  ASSERT_NE(cf, nullptr);
-  EXPECT_EQ(cf->coordType(), ZR_COORD_CURVILINEAR);
-}
-
-TEST(ZrCastField, ModuleThroughPorts) {
-  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-  ZrUniformLabelField3* in = new ZrUniformLabelField3(kDims, QB_UINT16, kBox);
-  in->setName("labels");
-  fillRamp(*in, 500.0, 0.0);
-  pool->addObject(in);
-  ZrCastField* m = new ZrCastField;
-  pool->addObject(m);
-  ASSERT_TRUE(m->portData.connect(in));
-  m->fire(1);
-  EXPECT_EQ(m->getResult(0), nullptr); // no button, no work
-  m->portOutputType.setIndex(0, 0);
-  m->portAction.hit(0);
-  m->compute();
-  auto* numeric = dynamic_cast<ZrUniformScalarField3*>(m->getResult(0));
-  ASSERT_NE(numeric, nullptr);
-  EXPECT_FALSE(isLabel(numeric));
-  EXPECT_STREQ(numeric->getName(), "labels.cast");
-  EXPECT_EQ(numeric->getValue(4, 3, 2), 500.0f * 59);
-  pool->clear();
 }

@@ -1,20 +1,12 @@
-// Compute modules: how the host drives them (update, compute, new flags,
-// button hits), connections and their types, firing from data objects, port
-// order and results.
+// Compute modules: loops of firing, connections holding their sources, and
+// a module removed during its own compute.
 #include "ZrCompModule.h"
 #include "ZrData.h"
 #include "ZrObjectPool.h"
-#include "ZrPortButtonList.h"
-#include "ZrPortFloatTextN.h"
-#include "ZrPortMultiMenu.h"
-#include "ZrPortToggleList.h"
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
-// Data types of the tests.
+// A data type of the tests.
 class TestField : public ZrData {
   QB_TYPE_HEADER(TestField)
 public:
@@ -24,61 +16,19 @@ public:
 int TestField::deaths = 0;
 QB_TYPE_SOURCE(TestField, ZrData, nullptr)
 
-class TestLabelField : public TestField {
-  QB_TYPE_HEADER(TestLabelField)
-};
-QB_TYPE_SOURCE(TestLabelField, TestField, nullptr)
-
-class TestPoints : public ZrData {
-  QB_TYPE_HEADER(TestPoints)
-};
-QB_TYPE_SOURCE(TestPoints, ZrData, nullptr)
-
 namespace {
 
-// Records what it saw in each update() and compute().
+// Counts its update() and compute() calls.
 class TestModule : public ZrCompModule {
 public:
-  TestModule()
-      : ZrCompModule(TestField::getClassTypeId()), portReference(this, "reference", nullptr),
-        portStep(this, "step", 2), portOptions(this, "options", 1), portAction(this, "action", 2) {
-    portData.setName("model");
-    portReference.setType(TestField::getClassTypeId());
-    portAction.setLabel(0, "Apply");
-    portAction.setLabel(1, "Reset");
-    portStep.setValue(0, 50.0f);
-  }
-
-  void update() override {
-    updates++;
-    std::string s;
-    if (portData.isNew())
-      s += "model ";
-    if (portReference.isNew())
-      s += "reference ";
-    if (portStep.isNew())
-      s += "step ";
-    if (portAction.isNew())
-      s += "action ";
-    seen.push_back(s);
-    // update() may set ports; they are new until the run is over.
-    if (portData.isNew())
-      portStep.setValue(1, 2.0f);
-  }
+  TestModule() : ZrCompModule(TestField::getClassTypeId()) {}
+  void update() override { updates++; }
   void compute() override {
     computes++;
-    if (portAction.wasHit(0))
-      applies++;
     if (onCompute)
       onCompute(this);
   }
-
-  ZrConnection portReference;
-  ZrPortFloatTextN portStep;
-  ZrPortToggleList portOptions;
-  ZrPortButtonList portAction;
-  int updates = 0, computes = 0, applies = 0;
-  std::vector<std::string> seen;
+  int updates = 0, computes = 0;
   void (*onCompute)(TestModule*) = nullptr;
 };
 
@@ -88,126 +38,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(ModuleTest, FireRunsUpdateAndComputeThenClearsFlagsAndHits) {
-  TestModule m;
-  m.portAction.hit(0);
-  m.portStep.setValue(0, 1.0f);
-  EXPECT_TRUE(m.portStep.isNew());
-
-  m.fire(1);
-  EXPECT_EQ(m.updates, 1);
-  EXPECT_EQ(m.computes, 1);
-  EXPECT_EQ(m.applies, 1);
-  EXPECT_EQ(m.seen.back(), "step action ");
-  EXPECT_FALSE(m.portStep.isNew());
-  EXPECT_FALSE(m.portAction.isNew());
-  EXPECT_FALSE(m.portAction.wasHit(0));
-
-  // Without compute the hit survives, the flags do not.
-  m.portAction.hit(0);
-  m.fire(0);
-  EXPECT_EQ(m.computes, 1);
-  EXPECT_FALSE(m.portAction.isNew());
-  EXPECT_TRUE(m.portAction.wasHit(0));
-  m.fire(1);
-  EXPECT_EQ(m.applies, 2);
-  EXPECT_EQ(m.seen.back(), "");
-
-  // A snapped button applies on every computing run.
-  m.portAction.setSnap(0, true);
-  m.fire(1);
-  m.fire(1);
-  EXPECT_EQ(m.applies, 4);
-}
-
-TEST_F(ModuleTest, ConnectionTypesAndNewFlags) {
-  TestModule m;
-  TestField* field = new TestField;
-  TestLabelField* labels = new TestLabelField;
-  TestPoints* points = new TestPoints;
-  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-  pool->addObject(field);
-  pool->addObject(labels);
-  pool->addObject(points);
-
-  EXPECT_FALSE(m.portReference.connect(points));
-  EXPECT_EQ(m.portReference.getSource(), nullptr);
-  EXPECT_FALSE(m.portReference.isNew());
-  EXPECT_EQ(points->getRefCount(), 1);
-
-  EXPECT_TRUE(m.portReference.connect(labels)); // a subtype is accepted
-  EXPECT_EQ(m.portReference.source<TestLabelField>(), labels);
-  EXPECT_EQ(m.portReference.source<TestPoints>(), nullptr);
-  EXPECT_TRUE(m.portReference.isNew());
-  EXPECT_EQ(labels->getRefCount(), 2);
-
-  m.portReference.addType(TestPoints::getClassTypeId());
-  EXPECT_TRUE(m.portReference.connect(points));
-  EXPECT_EQ(labels->getRefCount(), 1); // released the old source
-  EXPECT_EQ(points->getRefCount(), 2);
-
-  m.fire(0);
-  EXPECT_FALSE(m.portReference.isNew());
-  m.portReference.disconnect();
-  EXPECT_TRUE(m.portReference.isNew());
-  EXPECT_EQ(points->getRefCount(), 1);
-
-  // Connecting by the name of a pool object, as scripts do.
-  std::string err;
-  EXPECT_TRUE(m.portReference.setFromText(field->getName(), err)) << err;
-  EXPECT_EQ(m.portReference.getSource(), field);
-  EXPECT_EQ(m.portReference.getValueText(), field->getName());
-  EXPECT_FALSE(m.portData.setFromText("nothing here", err));
-  EXPECT_EQ(err, "port 'model': there is no object named 'nothing here'");
-  EXPECT_FALSE(m.portData.setFromText(points->getName(), err));
-  EXPECT_EQ(err, std::string("port 'model' accepts TestField; '") + points->getName() +
-                     "' is a TestPoints");
-  EXPECT_TRUE(m.portReference.setFromText("none", err)) << err;
-  EXPECT_FALSE(m.portReference.isConnected());
-}
-
-TEST_F(ModuleTest, FiringDataUpdatesTheModulesThatReadIt) {
-  TestModule a, b;
-  TestField* field = new TestField;
-  field->ref(); // owned by the test
-  ASSERT_TRUE(a.portData.connect(field));
-  ASSERT_TRUE(b.portData.connect(field));
-  ASSERT_TRUE(b.portReference.connect(field));
-  a.fire(0);
-  b.fire(0);
-  // Outside the pool, the value the constructor set counts as new.
-  EXPECT_EQ(a.seen.back(), "model step ");
-  EXPECT_EQ(a.portStep.getValue(1), 2.0f);
-  a.portStep.setValue(1, 3.0f);
-  a.fire(0);
-
-  field->touch();
-  field->fire(0);
-  // Each reader ran once, saw the connections to the field new, and did not
-  // compute.
-  EXPECT_EQ(a.updates, 3);
-  EXPECT_EQ(b.updates, 2);
-  EXPECT_EQ(a.seen.back(), "model ");
-  EXPECT_EQ(b.seen.back(), "model reference ");
-  EXPECT_EQ(a.computes, 0);
-  EXPECT_FALSE(a.portData.isNew());
-  EXPECT_FALSE(field->isNew());
-
-  a.portAction.hit(0);
-  field->fire(1);
-  EXPECT_EQ(a.applies, 1);
-  EXPECT_EQ(b.computes, 1);
-
-  // A reader that disconnects is no longer told.
-  b.portData.disconnect();
-  b.portReference.disconnect();
-  field->fire(1);
-  EXPECT_EQ(b.updates, 3);
-  EXPECT_EQ(a.updates, 5);
-  a.portData.disconnect();
-  field->unref();
-}
 
 TEST_F(ModuleTest, LoopsOfFiringEndAtTheFiringObject) {
   // The module's compute fires the very object it reads: the second fire is
@@ -262,43 +92,6 @@ TEST_F(ModuleTest, ConnectionsHoldTheirSourcesAlive) {
   EXPECT_EQ(held->getRefCount(), 1);
 }
 
-TEST_F(ModuleTest, ResultsAreReferencedAndPooled) {
-  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-  TestField::deaths = 0;
-  TestModule* m = new TestModule;
-  pool->addObject(m);
-  EXPECT_STREQ(m->getName(), "ZrCompModule");
-
-  TestField* r0 = new TestField;
-  r0->setName("result");
-  m->setResult(0, r0);
-  EXPECT_TRUE(r0->isInPool());
-  EXPECT_EQ(r0->getRefCount(), 2);
-  EXPECT_EQ(m->getResult(0), r0);
-  EXPECT_EQ(m->getResult(1), nullptr);
-
-  TestField* r2 = new TestField;
-  r2->setName("result");
-  m->setResult(2, r2, 7);
-  EXPECT_STREQ(r2->getName(), "result2");
-  EXPECT_EQ(m->getNumResults(), 3);
-  EXPECT_EQ(m->getResultId(2), 7u);
-
-  // Replacing a result releases the old one, which stays in the pool.
-  TestField* r0b = new TestField;
-  m->setResult(0, r0b);
-  EXPECT_EQ(r0->getRefCount(), 1);
-  EXPECT_TRUE(pool->contains(r0));
-
-  // Removing the module from the pool kills it; its results live on in the
-  // pool, and die when they leave it.
-  pool->removeObject(m);
-  EXPECT_EQ(r0b->getRefCount(), 1);
-  EXPECT_EQ(TestField::deaths, 0);
-  pool->removeObject(r2);
-  EXPECT_EQ(TestField::deaths, 1);
-}
-
 TEST_F(ModuleTest, ModuleRemovedDuringItsOwnComputeSurvivesTheCall) {
   ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
   TestModule* m = new TestModule;
@@ -306,19 +99,4 @@ TEST_F(ModuleTest, ModuleRemovedDuringItsOwnComputeSurvivesTheCall) {
   m->onCompute = [](TestModule* self) { ZrObjectPool::getTheObjectPool()->removeObject(self); };
   m->fire(1); // must not touch freed memory (checked under sanitizers)
   EXPECT_EQ(pool->getNumObjects(), 0);
-}
-
-TEST_F(ModuleTest, EnteringThePoolMakesConstructorValuesDefaults) {
-  TestModule* m = new TestModule;
-  EXPECT_TRUE(m->portStep.isNew()); // set by the constructor
-  TestField* field = new TestField;
-  field->ref();
-  m->portData.connect(field);
-  ZrObjectPool::getTheObjectPool()->addObject(m);
-  EXPECT_FALSE(m->portStep.isNew());
-  EXPECT_TRUE(m->portData.isNew());
-  m->fire(0);
-  EXPECT_EQ(m->seen.back(), "model ");
-  m->portData.disconnect();
-  field->unref();
 }

@@ -1,5 +1,5 @@
 // Point location in curvilinear grids: a smoothly deformed grid, a rotated
-// one whose box has uncovered corners, a curved sheet, and the agreement of
+// one whose box has uncovered corners, and the agreement of
 // the hinted search with the plain bucket search and across threads.
 #include "QbPrimType.h"
 #include "ZrCellLocator3.h"
@@ -190,27 +190,6 @@ TEST(ZrCurvilinearLocation3, PointsInTheBoxButOffTheGridAreOutside) {
   EXPECT_NE(loc->set(2.0f, 4.0f, 1.0f), 0);
 }
 
-TEST(ZrCurvilinearLocation3, CurvedSheetOfOneNodeInZ) {
-  const int dims[3] = {15, 11, 1};
-  const std::vector<float> pos = positions(dims, [](int i, int j, int, double p[3]) {
-    p[0] = i + 0.2 * std::sin(0.5 * j);
-    p[1] = j + 0.2 * std::sin(0.4 * i);
-    p[2] = 0.3 * std::sin(0.3 * i + 0.2 * j);
-  });
-  std::unique_ptr<ZrField3> field = curvilinearField(dims, pos, 1);
-  ZrEvalStandard ev(field.get());
-  std::unique_ptr<ZrLocation3> loc(ev.createLocation());
-  for (const Sample& s : samples(dims, pos, 1000, 21)) {
-    float v;
-    ASSERT_NE(loc->set(s.p), 0);
-    ev.eval(loc.get(), &v);
-    const double p[3] = {s.p[0], s.p[1], s.p[2]};
-    EXPECT_NEAR(v, linear(p), 1e-4 * (1 + std::fabs(linear(p))));
-    // Off the sheet (still inside the box): outside.
-    EXPECT_EQ(loc->set(s.p[0], s.p[1], s.p[2] + (s.p[2] > 0 ? -0.05f : 0.05f)), 0);
-  }
-}
-
 TEST(ZrCurvilinearLocation3, HintedSearchAgreesAcrossOrdersAndThreads) {
   const int dims[3] = {20, 16, 12};
   const std::vector<float> pos = positions(dims, wavy);
@@ -276,30 +255,4 @@ TEST(ZrCurvilinearLocation3, HintedSearchAgreesAcrossOrdersAndThreads) {
   // The wavy grid fills most of its box, not all of it.
   EXPECT_GT(inside, count / 2);
   EXPECT_LT(inside, count);
-}
-
-TEST(ZrEvalNN, CurvilinearPicksTheNearestCornerOfTheCell) {
-  const int dims[3] = {4, 4, 4};
-  const std::vector<float> pos = positions(dims, [](int i, int j, int k, double p[3]) {
-    p[0] = 2.0 * i + 0.1 * j;
-    p[1] = 2.0 * j;
-    p[2] = 2.0 * k + 0.1 * i;
-  });
-  ZrRegScalarField3 field(dims, QB_UINT16, new ZrCurvilinearCoord3(dims, pos.data()));
-  for (size_t n = 0; n < field.lattice.numNodes(); n++)
-    field.lattice.setValue(n, double(n));
-  std::unique_ptr<ZrFieldEvaluator> ev(ZrEvalNN::createEval(&field));
-  ASSERT_TRUE(ev);
-  std::unique_ptr<ZrLocation3> loc(ev->createLocation());
-  std::mt19937 rng(2);
-  std::uniform_real_distribution<float> jitter(-0.3f, 0.3f);
-  for (size_t n = 0; n < field.lattice.numNodes(); n++) {
-    const float p[3] = {pos[3 * n] + jitter(rng), pos[3 * n + 1] + jitter(rng),
-                        pos[3 * n + 2] + jitter(rng)};
-    if (!loc->set(p))
-      continue; // jittered off a boundary node
-    uint16_t label = 0;
-    ev->evalNative(loc.get(), &label);
-    EXPECT_EQ(label, n);
-  }
 }

@@ -1,15 +1,11 @@
 // Lattices, coordinates and the field classes: value access with rounding and
-// clamping, interleaved components, node positions, resizing, deep copies and
-// the vector-field factory.
+// clamping, node positions and deep copies.
 #include "QbPrimType.h"
 #include "ZrCurvilinearCoord3.h"
-#include "ZrRegVectorField3.h"
 #include "ZrStackedLabelField3.h"
 #include "ZrUniformLabelField3.h"
-#include "qbmalloc.h"
 
 #include <cmath>
-#include <cstdint>
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -52,36 +48,6 @@ TEST(ZrLattice3, SetValueRoundsAndClampsIntegerTypes) {
     EXPECT_EQ(lat.getValueAsDouble(4), 0.0); // neighbours untouched, data starts zeroed
     EXPECT_EQ(lat.getValueAsDouble(6), 0.0);
   }
-}
-
-TEST(ZrLattice3, ComponentsRangeResizeAndCopy) {
-  ZrLattice3 lat(kDims, 3, QB_INT16, new ZrUniformCoord3(kDims, kBox));
-  EXPECT_EQ(lat.numBytes(), 24u * 3 * 2);
-  for (size_t i = 0; i < lat.numNodes(); i++)
-    for (int c = 0; c < 3; c++)
-      lat.setValue(i, double(int(i) * (c == 1 ? -1 : 1) + 100 * c), c);
-  // Components are interleaved: node 2, component 1 sits at value index 7.
-  EXPECT_EQ(static_cast<const int16_t*>(lat.dataPtr())[7], 98);
-  double lo, hi;
-  lat.computeRange(lo, hi, 1);
-  EXPECT_EQ(lo, 100.0 - 23.0);
-  EXPECT_EQ(hi, 100.0);
-  // A copy is deep: data and coordinates are its own.
-  ZrLattice3 copy(lat);
-  EXPECT_NE(copy.dataPtr(), lat.dataPtr());
-  copy.setValue(2, 5.0, 1);
-  EXPECT_EQ(lat.getValueAsDouble(2, 1), 98.0);
-  EXPECT_EQ(pos(*copy.coords(), 3, 2, 1), QbVec3f(2.0f, 1.5f, 12.0f));
-  // Resize: new dims, new type, zeroed data; the box is kept and the spacing
-  // follows the new dims.
-  const int nd[3] = {2, 2, 5};
-  lat.resize(nd, QB_FLOAT);
-  EXPECT_EQ(lat.primType(), QB_FLOAT);
-  EXPECT_EQ(lat.numNodes(), 20u);
-  lat.computeRange(lo, hi, 2);
-  EXPECT_EQ(hi, 0.0);
-  EXPECT_EQ(pos(*lat.coords(), 1, 1, 4), QbVec3f(2.0f, 1.5f, 12.0f));
-  EXPECT_FLOAT_EQ(pos(*lat.coords(), 0, 0, 2).z, 11.0f);
 }
 
 TEST(ZrCoord3, UniformStackedAndCurvilinearNodes) {
@@ -150,36 +116,4 @@ TEST(ZrFieldClasses, DuplicateIsDeepAndKeepsClassAndTransform) {
   std::unique_ptr<QbInterfaceOwner> made(
       QbTypeInfo::fromName("ZrUniformLabelField3")->createInstance());
   EXPECT_NE(dynamic_cast<ZrUniformLabelField3*>(made.get()), nullptr);
-}
-
-TEST(ZrRegVectorField3, CreateChecksArgumentsAndPlacesNodes) {
-  const int dims[3] = {3, 2, 2}, zero[3] = {3, 0, 2};
-  EXPECT_EQ(ZrRegVectorField3::create(dims, QB_FLOAT, ZR_COORD_STACKED), nullptr);
-  EXPECT_EQ(ZrRegVectorField3::create(dims, 4, QB_FLOAT, ZR_COORD_UNIFORM), nullptr);
-  EXPECT_EQ(ZrRegVectorField3::create(dims, 0, QB_FLOAT, ZR_COORD_UNIFORM), nullptr);
-  EXPECT_EQ(ZrRegVectorField3::create(dims, QB_INT8, ZR_COORD_UNIFORM), nullptr);
-  EXPECT_EQ(ZrRegVectorField3::create(zero, QB_FLOAT, ZR_COORD_UNIFORM), nullptr);
-  std::unique_ptr<ZrRegVectorField3> u(ZrRegVectorField3::create(dims, QB_FLOAT, ZR_COORD_UNIFORM));
-  ASSERT_NE(u, nullptr);
-  EXPECT_EQ(u->nDataVar(), 3);
-  EXPECT_EQ(u->getBoundingBox(), QbBox3f(0, 2, 0, 1, 0, 1));
-  std::unique_ptr<ZrRegVectorField3> c(
-      ZrRegVectorField3::create(dims, 2, QB_DOUBLE, ZR_COORD_CURVILINEAR));
-  ASSERT_NE(c, nullptr);
-  EXPECT_EQ(c->nDataVar(), 2);
-  EXPECT_EQ(pos(*c->lattice.coords(), 2, 1, 1), QbVec3f(2.0f, 1.0f, 1.0f));
-
-  // Given data is adopted and used as it is; a duplicate has its own.
-  float* data = static_cast<float*>(qbmalloc(3 * 12 * sizeof(float)));
-  for (int i = 0; i < 36; i++)
-    data[i] = float(i);
-  std::unique_ptr<ZrRegVectorField3> d(
-      ZrRegVectorField3::create(dims, QB_FLOAT, ZR_COORD_UNIFORM, data));
-  ASSERT_NE(d, nullptr);
-  EXPECT_EQ(d->floatData(), data);
-  std::unique_ptr<ZrObject> copy(d->duplicate());
-  auto* dc = dynamic_cast<ZrRegVectorField3*>(copy.get());
-  ASSERT_NE(dc, nullptr);
-  EXPECT_NE(dc->floatData(), data);
-  EXPECT_EQ(dc->lattice.getValueAsFloat(11, 2), 35.0f);
 }

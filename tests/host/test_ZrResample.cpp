@@ -1,13 +1,11 @@
 // Resampling: grey reduction (box, type, mean, exactness on ramps,
 // anti-aliasing, enlargement), label reduction (known majorities, no invented
-// labels), stacked and curvilinear coordinates, and the module's ports.
+// labels), and stacked and curvilinear coordinates.
 #include "QbPrimType.h"
 #include "ZrCurvilinearCoord3.h"
-#include "ZrObjectPool.h"
 #include "ZrResample.h"
 #include "ZrStackedLabelField3.h"
 #include "ZrUniformLabelField3.h"
-#include "ZrWorkArea.h"
 
 #include <cmath>
 #include <gtest/gtest.h>
@@ -238,52 +236,6 @@ TEST(ZrResampleLabels, KnownMajoritiesAndTies) {
   }
 }
 
-TEST(ZrResampleLabels, ReductionInventsNoLabelAndKeepsRegions) {
-  const int dims[3] = {21, 18, 13};
-  const int factors[3] = {2, 3, 1};
-  for (int type : {QB_UINT8, QB_INT16, QB_INT32}) {
-    ZrUniformLabelField3 in(dims, type, kBox);
-    // Four regions split by planes, and speckle noise of a fifth label.
-    std::mt19937 rng(3);
-    std::uniform_int_distribution<int> u(0, 9);
-    const int ids[4] = {0, 3, 7, 100};
-    for (int k = 0; k < dims[2]; k++)
-      for (int j = 0; j < dims[1]; j++)
-        for (int i = 0; i < dims[0]; i++) {
-          int l = ids[(i < 10 ? 0 : 1) + (j < 9 ? 0 : 2)];
-          if (u(rng) == 0)
-            l = 55;
-          in.lattice.setValue(i + dims[0] * (j + dims[1] * k), l);
-        }
-    FieldPtr out(ZrResample::reduceLabels(&in, factors));
-    ASSERT_NE(out, nullptr);
-    EXPECT_NE(dynamic_cast<ZrUniformLabelField3*>(out.get()), nullptr);
-    EXPECT_EQ(out->primType(), type);
-    EXPECT_EQ(out->getDims()[0], 11);
-    EXPECT_EQ(out->getDims()[1], 6);
-    EXPECT_EQ(out->getDims()[2], 13);
-    expectBox(*out, in);
-    const std::set<float> allowed = {0, 3, 7, 100, 55};
-    int kept = 0, total = 0;
-    for (int k = 0; k < 13; k++)
-      for (int j = 0; j < 6; j++)
-        for (int i = 0; i < 11; i++) {
-          const float v = out->getValue(i, j, k);
-          ASSERT_TRUE(allowed.count(v)) << "invented label " << v;
-          // Well inside a region the region's label wins over the speckles.
-          float p[3];
-          out->lattice.coords()->pos(i, j, k, p);
-          const float xi = (p[0] - kBox[0]) / (kBox[1] - kBox[0]) * 20.0f;
-          const float yj = (p[1] - kBox[2]) / (kBox[3] - kBox[2]) * 17.0f;
-          if (std::fabs(xi - 9.5f) > 2.0f && std::fabs(yj - 8.5f) > 3.0f) {
-            total++;
-            kept += v == float(ids[(xi < 9.5f ? 0 : 1) + (yj < 8.5f ? 0 : 2)]);
-          }
-        }
-    EXPECT_GT(kept, total * 9 / 10);
-  }
-}
-
 TEST(ZrResampleCoords, StackedAndCurvilinearInputs) {
   const int dims[3] = {9, 7, 5};
   const float xy[4] = {0.0f, 8.0f, -3.0f, 3.0f};
@@ -334,97 +286,4 @@ TEST(ZrResampleCoords, StackedAndCurvilinearInputs) {
         for (int a = 0; a < 3; a++)
           EXPECT_NEAR(p[a], q[a], 1e-5);
       }
-}
-
-namespace {
-class ResampleModuleTest : public ::testing::Test {
-protected:
-  void TearDown() override {
-    ZrWorkArea::getTheWorkArea()->clearInterrupt();
-    pool->clear();
-  }
-  // The calling sequence of a pyramid level: create, pool, hide, connect,
-  // fire, untouch, then the ports are set by the caller.
-  ZrResample* makeModule(ZrRegScalarField3* field) {
-    ZrResample* m = new ZrResample;
-    pool->addObject(m);
-    m->hideIcon();
-    EXPECT_TRUE(m->portData.connect(field));
-    m->fire(1);
-    m->portData.untouch(true);
-    return m;
-  }
-  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-};
-} // namespace
-
-TEST_F(ResampleModuleTest, GreyPathThroughPorts) {
-  const int dims[3] = {20, 16, 12};
-  ZrUniformScalarField3* in = new ZrUniformScalarField3(dims, QB_INT16, kBox);
-  in->setName("ref");
-  fill(*in, smooth);
-  pool->addObject(in);
-  ZrResample* m = makeModule(in);
-  // Nothing is computed without the button.
-  EXPECT_EQ(m->getResult(0), nullptr);
-
-  m->portFilter.setIndex(0, 2);
-  const int target[3] = {10, 8, 6};
-  m->portResolution.setValues(target);
-  m->portMode.setValue(0);
-  m->portAction.hit(0);
-  m->compute();
-  auto* out = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
-  ASSERT_NE(out, nullptr);
-  EXPECT_TRUE(out->isInPool());
-  EXPECT_STREQ(out->getName(), "ref.resampled");
-  EXPECT_EQ(out->getDims()[1], 8);
-  EXPECT_EQ(out->primType(), QB_INT16);
-  expectBox(*out, *in);
-  out->hideIcon();
-  pool->removeObject(m); // the module dies, its result stays
-  EXPECT_TRUE(pool->contains(out));
-  EXPECT_EQ(out->getRefCount(), 1);
-
-  // Voxel-size mode: a spacing of 2 over an extent of 20 gives 11 nodes.
-  ZrResample* m2 = makeModule(in);
-  m2->portMode.setValue(1);
-  m2->portVoxelSize.setValue(2.0f);
-  m2->portAction.hit(0);
-  m2->compute();
-  auto* out2 = dynamic_cast<ZrRegScalarField3*>(m2->getResult(0));
-  ASSERT_NE(out2, nullptr);
-  EXPECT_EQ(out2->getDims()[0], 11);
-  EXPECT_EQ(out2->getDims()[1], 5);
-  EXPECT_EQ(out2->getDims()[2], 3);
-  pool->removeObject(m2);
-}
-
-TEST_F(ResampleModuleTest, LabelPathAndStop) {
-  const int dims[3] = {10, 9, 8};
-  ZrUniformLabelField3* in = new ZrUniformLabelField3(dims, QB_UINT8, kBox);
-  fill(*in, [](float x, float, float) { return x < 0 ? 1.0 : 2.0; });
-  pool->addObject(in);
-  ZrResample* m = makeModule(in);
-  const int factors[3] = {2, 3, 4};
-  m->portLabelFactors.setValues(factors);
-  m->portAction.hit(0);
-  m->compute();
-  auto* out = dynamic_cast<ZrUniformLabelField3*>(m->getResult(0));
-  ASSERT_NE(out, nullptr);
-  EXPECT_EQ(out->getDims()[0], 5);
-  EXPECT_EQ(out->getDims()[1], 3);
-  EXPECT_EQ(out->getDims()[2], 2);
-  EXPECT_EQ(out->getValue(0, 0, 0), 1.0f);
-  EXPECT_EQ(out->getValue(4, 2, 1), 2.0f);
-
-  // A stop request leaves no new result.
-  m->setResult(0, nullptr);
-  ZrWorkArea::getTheWorkArea()->startWorking("outer");
-  ZrWorkArea::getTheWorkArea()->requestInterrupt();
-  m->portAction.hit(0);
-  m->compute();
-  EXPECT_EQ(m->getResult(0), nullptr);
-  ZrWorkArea::getTheWorkArea()->stopWorking();
-  pool->removeObject(m);
 }

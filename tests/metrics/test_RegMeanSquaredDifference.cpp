@@ -1,13 +1,7 @@
-// The squared-difference metric: value, overlap rule, no-sample value,
-// incremental updates and copies.
+// The squared-difference metric: value, overlap rule and no-sample value.
 #include "RegMeanSquaredDifference.h"
 
 #include <gtest/gtest.h>
-
-#include <cstdint>
-#include <memory>
-#include <random>
-#include <vector>
 
 TEST(RegMeanSquaredDifference, MeanOfSquaredDifferences) {
   RegMeanSquaredDifference m(1.0);
@@ -53,39 +47,4 @@ TEST(RegMeanSquaredDifference, OverlapRuleDividesByTheWeight) {
   // maxCoverage 0 or below: no weight at any overlap.
   EXPECT_DOUBLE_EQ(resultWithOverlap(0.0, 1, 100), -4.0);
   EXPECT_DOUBLE_EQ(resultWithOverlap(-1.0, 1, 100), -4.0);
-}
-
-TEST(RegMeanSquaredDifference, DecrementCancelsIncrement) {
-  std::mt19937 rng(7);
-  std::uniform_real_distribution<double> u(-100.0, 100.0);
-  std::vector<std::pair<double, double>> samples(200);
-  for (auto& s : samples)
-    s = {u(rng), u(rng)};
-
-  RegMeanSquaredDifference all(1.0), kept(1.0);
-  all.reset();
-  kept.reset();
-  for (size_t i = 0; i < samples.size(); i++) {
-    all.increment(samples[i].first, samples[i].second);
-    if (i % 3 != 0)
-      kept.increment(samples[i].first, samples[i].second);
-  }
-  // Taking out every third sample leaves the statistic of the others.
-  for (size_t i = 0; i < samples.size(); i += 3)
-    all.decrement(samples[i].first, samples[i].second);
-  EXPECT_EQ(all.numInside, kept.numInside);
-  EXPECT_EQ(all.numTotal, kept.numTotal);
-  EXPECT_NEAR(all.getResult(), kept.getResult(), 1e-9 * std::fabs(kept.getResult()));
-
-  // Taking out everything returns to the empty state.
-  RegMeanSquaredDifference m(1.0);
-  m.reset();
-  m.increment(3.0, 1.0);
-  m.increment(2.0, 7.0);
-  m.decrement(2.0, 7.0);
-  m.decrement(3.0, 1.0);
-  EXPECT_EQ(m.numInside, 0);
-  EXPECT_EQ(m.numTotal, 0);
-  EXPECT_EQ(m.sum, 0.0);
-  EXPECT_EQ(m.getResult(), -1000.0);
 }

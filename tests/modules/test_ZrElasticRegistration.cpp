@@ -1,5 +1,5 @@
-// The elastic registration module's side that needs no optimisation: ports
-// and their reactions, the refinement plan, the final grid size, and the
+// The elastic registration module's side that needs no optimisation: the
+// refinement plan, the final grid size, and the
 // schedule of refinements and penalty weights over a run whose levels are
 // entered and left without optimising.
 #include "ElasticTestSupport.h"
@@ -97,115 +97,6 @@ TEST(ElasticPlanning, RefinementPlansAndFinalGridSize) {
   m.portInitialGridSize.setValue(2, 6);
   m.portRefineGrid.setValue(0, 0);
   EXPECT_EQ(m.computeFinalGridSize(2), 6);
-}
-
-TEST_F(ElasticModuleTest, PortReactions) {
-  const int dims[3] = {32, 32, 24};
-  ZrElasticRegistration* m = makeModule(dims);
-  EXPECT_EQ(m->dimensionMode, 3);
-  for (int i = 0; i < 3; i++)
-    EXPECT_TRUE(m->portAction.isSensitive(i));
-  EXPECT_EQ(m->portInitialGridSize.getNum(), 3);
-  EXPECT_EQ(m->portOptions.getValue(0), 1);
-  // The affine default of the first step (largest extent / 5), a quarter of it.
-  EXPECT_FLOAT_EQ(m->portStep.getValue(0), 32.0f * 1.0f / 5.0f * 0.25f);
-  EXPECT_EQ(m->portNLevelsGradient.getMaxValue(0), 100.0f);
-
-  messages.clear();
-  m->portRefineGrid.setValue(0, 3);
-  m->fire(1);
-  EXPECT_EQ(messages, "Final grid size will be: 11x11x11");
-
-  m->portCoarsestResolution.setValue(0, 3);
-  m->portCoarsestResolution.setValue(1, 5);
-  m->fire(1);
-  EXPECT_EQ(m->portCoarsestResolution.getValue(0), 4);
-  EXPECT_EQ(m->portCoarsestResolution.getValue(1), 8);
-
-  // Fixing control points goes with smoothing, and not with correlation.
-  m->portOptions.setValue(1, 1);
-  m->fire(1);
-  EXPECT_TRUE(m->portRegularization.isSensitive(3));
-  EXPECT_FLOAT_EQ(m->portRegularization.getValue(3), 2.0f);
-  m->portMetric.setIndex(0, 3);
-  m->fire(1);
-  EXPECT_EQ(m->portOptions.getValue(1), 0);
-  EXPECT_FALSE(m->portOptions.isSensitive(1));
-  EXPECT_FALSE(m->portRegularization.isSensitive(3));
-  EXPECT_FLOAT_EQ(m->portRegularization.getValue(3), 0.0f);
-  m->portMetric.setIndex(0, 0);
-  m->fire(1);
-  EXPECT_TRUE(m->portOptions.isSensitive(1));
-
-  // Landmarks bring their weight and, with a transform, the validation.
-  ZrLandmarkSet* lm = new ZrLandmarkSet(2);
-  lm->setNumMarkers(3);
-  addToPool(lm, "landmarks");
-  ASSERT_TRUE(m->portLandmarks.connect(lm));
-  m->fire(1);
-  EXPECT_TRUE(m->portRegularization.isSensitive(2));
-  EXPECT_FLOAT_EQ(m->portRegularization.getValue(2), 0.5f);
-  EXPECT_FALSE(m->portResult.isSensitive(2)) << "nothing to validate without a transform";
-  ASSERT_TRUE(m->portLandmarks.connect(nullptr));
-  m->fire(1);
-  EXPECT_FALSE(m->portRegularization.isSensitive(2));
-  EXPECT_FLOAT_EQ(m->portRegularization.getValue(2), 0.0f);
-
-  // A flat pair has two grid sizes and a two-part message.
-  const int flatDims[3] = {32, 28, 1};
-  ZrUniformScalarField3* flatModel = makeModel(flatDims);
-  ZrUniformScalarField3* flatReference = makeModel(flatDims);
-  addToPool(flatModel, "flatModel");
-  addToPool(flatReference, "flatReference");
-  ASSERT_TRUE(m->portReference.connect(flatReference));
-  ASSERT_TRUE(m->portData.connect(flatModel));
-  m->fire(1);
-  EXPECT_EQ(m->dimensionMode, 2);
-  EXPECT_EQ(m->portInitialGridSize.getNum(), 2);
-  messages.clear();
-  m->portRefineGrid.setValue(0, 2);
-  m->fire(1);
-  EXPECT_EQ(messages, "Final grid size will be: 7x7");
-}
-
-TEST_F(ElasticModuleTest, SaveAndShowControlPointsWithoutRun) {
-  const int dims[3] = {32, 32, 24};
-  ZrElasticRegistration* m = makeModule(dims);
-  ASSERT_TRUE(m->portResult.hit(0)); // "Save transform"
-  m->fire(1);
-  ASSERT_NE(m->splineTransform, nullptr);
-  EXPECT_EQ(m->transform, m->splineTransform);
-  ZrRegVectorField3* grid = dynamic_cast<ZrRegVectorField3*>(m->getResult(1));
-  ASSERT_NE(grid, nullptr);
-  EXPECT_STREQ(grid->getName(), "ControlGridVectors");
-  EXPECT_EQ(grid->coordType(), ZR_COORD_UNIFORM);
-  // At rest every displacement is 0, and the box is the interpolated box
-  // widened by one spacing: the reference box with the run's margin of three
-  // voxels on each side, and one spacing of 37 / 1 more.
-  for (size_t i = 0; i < grid->lattice.numNodes() * 3; i++)
-    EXPECT_NEAR(grid->floatData()[i], 0.0f, 1e-4f);
-  float box[6];
-  grid->getBoundingBox(box);
-  EXPECT_NEAR(box[0], -3.0f - 37.0f, 1e-4f);
-  EXPECT_NEAR(box[1], 34.0f + 37.0f, 1e-4f);
-  EXPECT_NEAR(box[5], 26.0f + 29.0f, 1e-4f);
-  ZrLandmarkSet* live =
-      dynamic_cast<ZrLandmarkSet*>(ZrObjectPool::getTheObjectPool()->findObject("Control-points"));
-  ASSERT_NE(live, nullptr);
-  EXPECT_EQ(live, m->controlPointSet);
-  EXPECT_FALSE(live->isIconVisible());
-  EXPECT_EQ(live->getNumMarkers(), 64);
-
-  // "Control points" connects and shows the live set; the grid size is then
-  // the set's business.
-  ASSERT_TRUE(m->portAction.hit(2));
-  m->fire(1);
-  EXPECT_EQ(m->portControlPoints.getSource(), live);
-  EXPECT_TRUE(live->isIconVisible());
-  EXPECT_FALSE(m->portInitialGridSize.isVisible());
-  EXPECT_FALSE(m->portAction.isSensitive(2));
-  EXPECT_TRUE(m->portResult.isVisible());
-  EXPECT_NE(m->transform, nullptr) << "connecting its own set keeps the transform";
 }
 
 TEST_F(ElasticModuleTest, ScheduleOfRefinementsAndWeights) {
