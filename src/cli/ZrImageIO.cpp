@@ -4,6 +4,7 @@
 #include "SbMatrixd.h"
 #include "ZrAtomicFile.h"
 #include "ZrFileLayout.h"
+#include "ZrGzipFile.h"
 #include "ZrNiftiRawValues.h"
 #include "ZrReaderGuard.h"
 #include "ZrUniformLabelField3.h"
@@ -608,7 +609,7 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
   }
 
   bool detached = ZrAtomicFile::isDetachedFormat(path);
-  std::string target = detached ? path : ZrAtomicFile::temporaryName(path);
+  std::string target = detached ? path : ZrGzipFile::writeName(path);
   const std::vector<std::string> freshData = ZrAtomicFile::absentDataFiles(path);
   // Creating the file first gives the real reason (a missing or read-only
   // folder) where a writer would only print its own.
@@ -633,6 +634,8 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
     error = "cannot write '" + path + "': " + why;
     return false;
   }
+  if (!detached && !ZrGzipFile::finish(target, path, error))
+    return false;
   if (!detached && std::rename(target.c_str(), path.c_str()) != 0) {
     error = "cannot write '" + path + "': " + std::strerror(errno);
     removeQuietly(target);

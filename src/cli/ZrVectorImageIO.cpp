@@ -3,6 +3,7 @@
 #include "SbMatrixd.h"
 #include "ZrAtomicFile.h"
 #include "ZrFileLayout.h"
+#include "ZrGzipFile.h"
 #include "ZrImageIO.h"
 #include "ZrNiftiRawValues.h"
 #include "ZrReaderGuard.h"
@@ -87,7 +88,7 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
   }
   io->SetUseCompression(true);
   io->SetIORegion(region);
-  std::string tmp = ZrAtomicFile::temporaryName(path);
+  std::string tmp = ZrGzipFile::writeName(path);
   bool detached = ZrAtomicFile::isDetachedFormat(path);
   std::string target = detached ? path : tmp;
   const std::vector<std::string> freshData = ZrAtomicFile::absentDataFiles(path);
@@ -106,6 +107,8 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
     error = "cannot write '" + path + "': " + why;
     return false;
   }
+  if (!detached && !ZrGzipFile::finish(tmp, path, error))
+    return false;
   return detached || ZrAtomicFile::commit(tmp, path, error);
 }
 

@@ -6,6 +6,7 @@
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
 #include "SbRotationd.h"
+#include "ZrGzipFile.h"
 #include "ZrImageIO.h"
 #include "ZrRegVectorField3.h"
 #include "ZrUniformCoord3.h"
@@ -20,7 +21,9 @@
 #include <itkVectorImage.h>
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -414,4 +417,34 @@ TEST(ZrVectorImageIO, FilesHoldWorldVectorsAndBadFilesAreRefused) {
   EXPECT_TRUE(ok);
   std::remove(sp.c_str());
   EXPECT_EQ(ZrVectorImageIO::read(tempPath("missing.nii.gz"), error), nullptr);
+}
+
+// Compressed outputs are gzip members of 4 MB blocks, compressed side by
+// side: a file of several blocks and a partial one, and an empty file, read
+// back whole through zlib's reader as one stream.
+TEST(ZrGzipFile, BlocksReadBackAsOneStream) {
+  for (size_t bytes : {size_t(0), size_t(9) * 1024 * 1024 + 123}) {
+    std::vector<unsigned char> data(bytes);
+    for (size_t i = 0; i < bytes; i++)
+      data[i] = (unsigned char)((i * 2654435761u) >> 13) & (i % 5 ? 0xff : 0x0f);
+    const std::string plain = tempPath("gz.bin"), packed = tempPath("gz.bin.gz");
+    {
+      std::ofstream out(plain, std::ios::binary);
+      out.write((const char*)data.data(), (std::streamsize)bytes);
+    }
+    std::string error;
+    ASSERT_TRUE(ZrGzipFile::compress(plain, packed, error)) << error;
+    gzFile in = gzopen(packed.c_str(), "rb");
+    ASSERT_NE(in, nullptr);
+    std::vector<unsigned char> back(bytes + 16);
+    const int got = gzread(in, back.data(), (unsigned)back.size());
+    gzclose(in);
+    ASSERT_EQ(size_t(got), bytes);
+    EXPECT_TRUE(std::equal(data.begin(), data.end(), back.begin()));
+    std::remove(plain.c_str());
+    std::remove(packed.c_str());
+  }
+  std::string error;
+  EXPECT_FALSE(ZrGzipFile::compress("/nonexistent/in", tempPath("x.gz"), error));
+  EXPECT_FALSE(error.empty());
 }
