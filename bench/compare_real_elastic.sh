@@ -9,7 +9,9 @@
 # run back to back on the same pairs with the same thread count; reported per
 # tool and case: mean displacement error against the known field over the
 # reference's foreground (mm), mean label Dice, wall time and peak memory
-# (/usr/bin/time -v), and the machine's load before each run.
+# (/usr/bin/time -v; for elastix the registration and transformix's
+# deformation field, as zrreg's time includes writing its warped image and
+# displacement field), and the machine's load before each run.
 #
 # usage: bench/compare_real_elastic.sh [--data DIR] [--work DIR] [--threads N]
 #          [--cases "mri1mm-warp5 mri1mm-warp5-moved"] [--only zrreg|elastix]
@@ -172,7 +174,9 @@ for c in $cases; do
     tp="$e/TransformParameters.$last.txt"
     grep -q ResultImageFormat "$tp" && sed -i 's/(ResultImageFormat "[^"]*")/(ResultImageFormat "nii.gz")/' "$tp" ||
       echo '(ResultImageFormat "nii.gz")' >>"$tp"
-    transformix -def all -tp "$tp" -out "$e" >/dev/null
+    # The field is an output of the run, as zrreg's --displacement is: its
+    # time counts.
+    timed "$e/transformix.time.log" "$acc" transformix -def all -tp "$tp" -out "$e"
     s=$("$py" "$here/bench/realdata.py" score "$d" --field "$e/deformationField.nii.gz")
     echo "$c elastix $s $(totals "$acc") load $before" | tee -a "$results"
   fi
