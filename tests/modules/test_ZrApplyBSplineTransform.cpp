@@ -62,8 +62,9 @@ protected:
     reg->fire(1);
     ZrRegVectorField3* grid = dynamic_cast<ZrRegVectorField3*>(reg->getResult(1));
     EXPECT_NE(grid, nullptr);
-    if (grid)
+    if (grid) {
       EXPECT_STREQ(grid->getName(), "ControlGridVectors");
+    }
     return grid;
   }
 
@@ -73,8 +74,9 @@ protected:
     addToPool(app, "ApplyBSplineTransform");
     EXPECT_TRUE(app->portData.connect(model));
     EXPECT_TRUE(app->portControlPoints.connect(grid));
-    if (reference)
+    if (reference) {
       EXPECT_TRUE(app->portReference.connect(reference));
+    }
     app->fire(1);
     return app;
   }
