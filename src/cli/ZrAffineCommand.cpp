@@ -120,7 +120,7 @@ void ZrAffineCommand::applyDefaults(ZrCompModule* module, bool quiet, int dof) {
 }
 
 void ZrAffineCommand::printHelp() {
-  std::printf("usage: zrreg affine --reference R --model M -o OUT [options]\n"
+  std::printf("usage: zrreg affine --reference R --model M [-o OUT] [outputs] [options]\n"
               "\n"
               "Registers the model image onto the reference image(s) by a rigid or affine\n"
               "transform and writes the model with the found transform in its header (the\n"
@@ -154,8 +154,8 @@ void ZrAffineCommand::printHelp() {
               "the gradient search on the two finest of them (--set options=off optimises\n"
               "the finest too, several times slower)\n"
               "\n"
-              "outputs:\n"
-              "  -o, --output FILE      the model with its new transform (required)\n"
+              "outputs (at least one):\n"
+              "  -o, --output FILE      the model with its new transform\n"
               "  --resampled FILE       the model resampled on the reference's voxel grid\n"
               "  --matrix FILE          the 4x4 world mapping from the model's old to its new\n"
               "                         position (column vectors, ITK/LPS world coordinates)\n"
@@ -241,8 +241,10 @@ int ZrAffineCommand::run(int argc, char** argv) {
   }
   if (o.reference[0].empty() || o.model.empty())
     return usageError("--reference and --model are required");
-  if (o.out.empty())
-    return usageError("-o OUT is required");
+  // A run that only wants the transform need not write the model again.
+  if (o.out.empty() && o.resampled.empty() && o.matrix.empty() && o.itkTransform.empty() &&
+      o.snapshot.empty())
+    return usageError("no output: give -o OUT, --resampled, --matrix or --itk-transform");
   if ((!o.reference[1].empty() || !o.reference[2].empty()) && o.reference[0].empty())
     return usageError("--reference2/3 need --reference");
   for (const std::string* f : {&o.out, &o.resampled})
@@ -350,9 +352,11 @@ int ZrAffineCommand::run(int argc, char** argv) {
       std::fprintf(stderr, "wrote %s\n", what.c_str());
   };
   std::string notice;
-  report(ZrImageIO::write(model, o.out, error, &notice, s.fileOrder("model")), o.out);
-  if (!notice.empty())
-    ZrRunContext::notice(notice);
+  if (!o.out.empty()) {
+    report(ZrImageIO::write(model, o.out, error, &notice, s.fileOrder("model")), o.out);
+    if (!notice.empty())
+      ZrRunContext::notice(notice);
+  }
   if (!o.resampled.empty()) {
     std::unique_ptr<ZrRegScalarField3> r(ZrFieldResampler::resample(model, refs[0]));
     if (!r)
