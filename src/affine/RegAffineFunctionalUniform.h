@@ -22,10 +22,13 @@ public:
   // Threads of the parallel walk; 0 counts as 1.
   unsigned int numThreads = 1;
   // Reference voxels a thread gets at the least: a smaller lattice is walked
-  // by fewer threads. A parallel region costs more than it saves on a coarse
-  // level, and far more on a busy machine, where the team waits for each of
-  // its threads to get a core. Only the summation order depends on it.
-  unsigned int minVoxelsPerThread = 1u << 17;
+  // by fewer threads. A parallel region costs more than it saves on the
+  // coarsest level of a head (30 000 voxels), and more on a busy machine,
+  // where the team waits for each of its threads to get a core; the second
+  // coarsest (116 000) took 10 % off the wall time of a whole 1 mm head run
+  // with two threads on an idle machine. Only the summation order depends
+  // on it.
+  unsigned int minVoxelsPerThread = 1u << 15;
   // The model's bounding box (xmin, xmax, ymin, ymax, zmin, zmax); the
   // metric's sampling state points here.
   float modelBox[6] = {0, 0, 0, 0, 0, 0};

@@ -95,6 +95,11 @@ protected:
   bool alignPrincipalAxes();
 
 private:
+  // For the finest level of a planar run: the reference channels resampled
+  // on a grid finer by the square root of 2, as hidden objects of the pool
+  // that releaseLevel() removes. False, and `offGrid` empty, where the level
+  // keeps its grid (a 3-D run, a coarser level, labels, a failed resampling).
+  bool offGridReference(const FieldArray& referenceLevel, FieldArray& offGrid);
   // Frees what a run that failed in initRegistration() left behind.
   void discardLeftoverRun();
 };

@@ -198,8 +198,10 @@ static int dispatch(int argc, char** argv) {
     return cmdFormats(argc - 1, argv + 1);
   if (cmd == "demo")
     return ZrDemo::run(argc - 1, argv + 1);
-  if (cmd == "affine")
+  if (cmd == "affine") {
+    ZrAffineCommand::waitPassively(argv);
     return ZrAffineCommand::run(argc - 1, argv + 1);
+  }
   if (cmd == "elastic")
     return ZrElasticCommands::runElastic(argc - 1, argv + 1);
   if (cmd == "apply")

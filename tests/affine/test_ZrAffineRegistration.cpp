@@ -401,7 +401,10 @@ TEST(ZrAffineRegistration, PlanarRegistrationStaysInItsPlane) {
     m->portTransform.setValue(1, c.scale != 1.0 ? 1 : 0);
     m->fire(0);
     EXPECT_EQ(m->portCoarsestResolution.getValue(2), 1);
+    // The finest level's finer reference grid leaves the pool with the run.
+    const int poolSize = s.pool->getNumObjects();
     s.press(2);
+    EXPECT_EQ(s.pool->getNumObjects(), poolSize) << c.toggles;
     SbMatrixd found;
     static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
     EXPECT_LT(cornerError(found, truth, dims), 0.1) << c.toggles;

@@ -58,6 +58,9 @@ TEST_F(ZrregCommands, HelpAndUsageErrors) {
   r = run("affine --dof 8 --reference x.nii --model y.nii -o z.nii");
   EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.output.find("6, 7, 9 or 12"), std::string::npos) << r.output;
+  r = run("affine --reference x.nii --model y.nii");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.output.find("no output"), std::string::npos) << r.output;
 }
 
 TEST_F(ZrregCommands, BadInputGivesAMessageAndNoOutput) {
