@@ -153,32 +153,27 @@ TEST_F(ElasticRunTest, DefaultsRecoverKnownDeformation) {
 }
 
 TEST_F(ElasticRunTest, AnalyticGradientReachesTheAccuracyOfFiniteDifferences) {
-  // Each metric with a derivative, and the flat pair with both penalties,
-  // registered once by each gradient: the analytic one (with its own search
-  // on every level and the finest level on a sub-lattice) must do as well.
+  // Normalised mutual information, and the flat pair with both penalties,
+  // registered once by each gradient: the analytic one (with its own search on every
+  // level and the finest level on a sub-lattice) must do as well.
   const int dims[3] = {32, 32, 24};
   const Deformation u = deformationFor(dims, 1.0);
-  for (int metric : {0, 2, 3}) {
-    double error[2];
-    for (int gradient = 0; gradient < 2; gradient++) {
-      SCOPED_TRACE(testing::Message() << "metric " << metric << ", gradient " << gradient);
-      Outcome o =
-          run(makeReference(dims, u), makeModel(dims), u, 1.0, [&](ZrElasticRegistration* m) {
-            twoLevels(m);
-            m->portMetric.setIndex(0, metric);
-            m->portHistogramBins.setValue(32);
-            m->portGradient.setIndex(0, gradient);
-          });
-      EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
-      error[gradient] = o.meanError;
-      ZrObjectPool::getTheObjectPool()->clear();
-    }
-    EXPECT_LT(error[1], 0.5) << "metric " << metric;
-    EXPECT_LT(error[1], error[0] + 0.05) << "metric " << metric;
+  double error[2];
+  for (int gradient = 0; gradient < 2; gradient++) {
+    SCOPED_TRACE(testing::Message() << "gradient " << gradient);
+    Outcome o = run(makeReference(dims, u), makeModel(dims), u, 1.0, [&](ZrElasticRegistration* m) {
+      twoLevels(m);
+      m->portHistogramBins.setValue(32);
+      m->portGradient.setIndex(0, gradient);
+    });
+    EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
+    error[gradient] = o.meanError;
+    ZrObjectPool::getTheObjectPool()->clear();
   }
+  EXPECT_LT(error[1], 0.5);
+  EXPECT_LT(error[1], error[0] + 0.05);
   const int flat[3] = {64, 64, 1};
   const Deformation v = deformationFor(flat, 1.0);
-  double error[2];
   for (int gradient = 0; gradient < 2; gradient++) {
     SCOPED_TRACE(testing::Message() << "flat, gradient " << gradient);
     Outcome o = run(
@@ -201,51 +196,6 @@ TEST_F(ElasticRunTest, AnalyticGradientReachesTheAccuracyOfFiniteDifferences) {
     ZrObjectPool::getTheObjectPool()->clear();
   }
   EXPECT_LT(error[1], error[0] + 0.05);
-}
-
-TEST_F(ElasticRunTest, LabelPairWithLabelDifference) {
-  const int dims[3] = {32, 32, 24};
-  const Deformation u = deformationFor(dims, 1.0);
-  auto labels = [&](bool deformed) {
-    return makeField(
-        dims, QB_UINT8,
-        [&](double x, double y, double z) {
-          double d[3] = {0, 0, 0};
-          const double p[3] = {x, y, z};
-          if (deformed)
-            u(p, d);
-          return labelOf(blobImage(x + d[0], y + d[1], z + d[2]));
-        },
-        true);
-  };
-  ZrUniformScalarField3* reference = labels(true);
-  ZrUniformScalarField3* model = labels(false);
-  auto mismatches = [&](const ZrRegScalarField3& a) {
-    long n = 0;
-    for (size_t i = 0; i < a.lattice.numNodes(); i++)
-      n += a.lattice.getValueAsDouble(i) != reference->lattice.getValueAsDouble(i);
-    return n;
-  };
-  const long before = mismatches(*model);
-  // Thresholded labels leave a flat objective on the coarse level; the
-  // finest level is optimised as well.
-  Outcome o = run(reference, model, u, 1.0, [](ZrElasticRegistration* m) {
-    twoLevels(m);
-    m->portOptions.setValue(0, 0);
-  });
-  ZrElasticRegistration* m = o.module;
-  EXPECT_EQ(m->portMetric.getIndex(0), 4);
-  EXPECT_STREQ(m->portMetric.getLabel(0, 4), "Label difference");
-  EXPECT_EQ((int)m->interpolator, 1) << "the nearest-voxel sampler";
-  ZrRegScalarField3* warp = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
-  ASSERT_NE(warp, nullptr);
-  for (size_t i = 0; i < warp->lattice.numNodes(); i++) {
-    const double v = warp->lattice.getValueAsDouble(i);
-    ASSERT_TRUE(v == 0 || v == 1 || v == 2) << "invented label " << v;
-  }
-  const long after = mismatches(*warp);
-  std::printf("label mismatches %ld -> %ld\n", before, after);
-  EXPECT_LT(after, before * 6 / 10);
 }
 
 TEST_F(ElasticRunTest, LandmarksChangeTheResult) {
