@@ -1,8 +1,6 @@
-// The elastic functionals with a model whose header carries a transformation
-// (the model as a preceding affine step leaves it): the parameters live in
-// world coordinates while the model is sampled in its local ones. The probes
-// must follow the rotation and scale of that map, a fold must not leave the
-// parameters in local coordinates, and the Jacobian penalty must be 0 at rest.
+// The elastic functionals with a model whose header carries a rotation and
+// scale: the probes must follow that map, a fold must not leave the parameters
+// in local coordinates, and the Jacobian penalty must be 0 at rest.
 #include "ElasticTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -43,9 +41,8 @@ std::string frameName(const ::testing::TestParamInfo<FrameCase>& info) {
 
 class ElasticModelFrame : public ::testing::TestWithParam<FrameCase> {};
 
-// Every gradient entry equals the central difference of whole evaluations at
-// the moved parameters (entry = (f(p + d) - f(p - d)) / d), and the parameters
-// come back in world coordinates.
+// Every gradient entry equals (f(p + d) - f(p - d)) / d of whole
+// evaluations, and the parameters come back in world coordinates.
 TEST_P(ElasticModelFrame, GradientMatchesCentralDifferences) {
   const FrameCase c = GetParam();
   ElasticSetup s;
@@ -89,13 +86,10 @@ TEST_P(ElasticModelFrame, GradientMatchesCentralDifferences) {
 
 INSTANTIATE_TEST_SUITE_P(Forms, ElasticModelFrame,
                          ::testing::Values(FrameCase{false, true, NMI, 0, 0, 1},
-                                           FrameCase{false, true, NMI, 0, 0, 3},
-                                           FrameCase{false, true, MSD, 1.0f, 0.5f, 1},
                                            FrameCase{false, true, MSD, 1.0f, 0.5f, 3},
                                            FrameCase{false, false, MSD, 0, 0, 1},
                                            FrameCase{false, false, NMI, 1.0f, 0.5f, 3},
                                            FrameCase{true, true, MSD, 0, 0, 1},
-                                           FrameCase{true, true, NMI, 1.0f, 0.5f, 1},
                                            FrameCase{true, true, NMI, 1.0f, 0.5f, 3},
                                            FrameCase{true, false, MSD, 0, 0, 3}),
                          frameName);
@@ -113,19 +107,16 @@ TEST(ElasticModelFrameFold, FoldLeavesParametersInWorldCoordinates) {
     RegElasticFunctional& f = *s.functional;
     QbDVector<double>& p = s.transform->paramVector;
     const QbDVector<double> before = p;
-    // A control point moved by d changes dT/dx by at most d * 0.5 * (2/3)^2
-    // per spacing (slope of the basis in x, weights in y and z): six spacings
-    // fold the lattice.
+    // dT/dx changes by at most d * 0.5 * (2/3)^2 per spacing: six fold.
     const double step = 6.0 * s.transform->gridSpacing[0];
     f.evaluateAndCacheWithRegularizer();
     const int i = 3 * ((2 * 6 + 2) * 6 + 2);
     p[i] += step;
     RegElasticFunctionalRegular* r = dynamic_cast<RegElasticFunctionalRegular*>(&f);
     EXPECT_EQ(REG_INVALID_VALUE, r ? r->evaluateIncrementalWithRegularizer(i, (float)step)
-                                   : f.evaluateIncrementalWithRegularizer(i))
-        << "a folding probe";
+                                   : f.evaluateIncrementalWithRegularizer(i));
     p[i] = before[i];
-    EXPECT_EQ(before, p);
+    EXPECT_EQ(before, p) << "after a folding probe";
 
     QbDVector<double> g(p.size());
     EXPECT_NE(REG_INVALID_VALUE, f.evaluate(g, step, 0));
