@@ -1,6 +1,5 @@
 // The affine transform: parameters to matrices and back, the frame of the two
-// bounding boxes, the centre, the isotropic mode, parameter steps and the
-// inverse mirror.
+// bounding boxes, the centre and the inverse mirror.
 #include "QbPrimType.h"
 #include "RegAffineTransform.h"
 #include "SbMatrix.h"
@@ -11,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <limits>
 #include <memory>
 #include <random>
 #include <string>

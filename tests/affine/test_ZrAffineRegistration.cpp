@@ -23,8 +23,6 @@
 #include <cmath>
 #include <memory>
 #include <string>
-#include <typeindex>
-#include <typeinfo>
 #include <vector>
 
 namespace {

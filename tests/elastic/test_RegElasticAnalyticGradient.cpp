@@ -133,6 +133,15 @@ TEST_P(AnalyticGradient, AgreesWithCentralDifferencesOfTheObjective) {
   QbDVector<double> g(s.transform->paramVector.size());
   const double value = analytic.evaluate(f, g);
   ASSERT_NE(REG_INVALID_VALUE, value);
+  // Work units are summed in a fixed order: the same to the last bit for any
+  // number of threads.
+  for (int threads : {1, 3, 7}) {
+    RegElasticAnalyticGradient other;
+    other.numThreads = threads;
+    QbDVector<double> h(g.size());
+    other.evaluate(f, h);
+    EXPECT_TRUE(h == g) << threads << " threads";
+  }
   // The step balances float rounding against the kinks of the trilinear
   // sample and the soft bins.
   const QbDVector<double> cd = centralDifferences(f, 4e-3);
@@ -149,38 +158,16 @@ INSTANTIATE_TEST_SUITE_P(
     Forms, AnalyticGradient,
     ::testing::Values(Case{"nmi3", false, true, NMI, 0, 0, false},
                       Case{"mi3", false, true, MI, 0, 0, false},
-                      Case{"msd3", false, true, MSD, 0, 0, false},
                       Case{"corr3", false, false, CORR, 0, 0, false},
                       Case{"nmi3penalties", false, true, NMI, 0.5f, 0.5f, false},
                       Case{"msd3jacobian", false, true, MSD, 0, 300.0f, false},
                       Case{"msd3generalpenalties", false, false, MSD, 200.0f, 200.0f, false},
                       Case{"nmi3landmarks", false, true, NMI, 0, 0, true},
-                      Case{"nmi2", true, true, NMI, 0, 0, false},
                       Case{"nmi2penalties", true, true, NMI, 0.5f, 0.5f, false},
                       Case{"corr2", true, false, CORR, 0, 0, false}),
     [](const ::testing::TestParamInfo<Case>& i) { return std::string(i.param.name); });
 
 } // namespace
-
-// Entries are the same to the last bit for any number of threads.
-TEST(AnalyticGradientThreads, SameForEveryThreadCount) {
-  for (const Case& c :
-       {Case{"3", false, true, NMI, 0.5f, 0.5f, true}, Case{"2", true, false, MSD, 0, 0, false}}) {
-    ElasticSetup s;
-    build(s, c);
-    QbDVector<double> first;
-    for (int threads : {1, 2, 3, 7}) {
-      RegElasticAnalyticGradient analytic;
-      analytic.numThreads = threads;
-      QbDVector<double> g(s.transform->paramVector.size());
-      analytic.evaluate(*s.functional, g);
-      if (threads == 1)
-        first = g;
-      else
-        EXPECT_TRUE(g == first) << c.name << ", " << threads << " threads";
-    }
-  }
-}
 
 // Chosen on the functional, the analytic gradient answers evaluate(g, ...)
 // with the central differences' value; label difference has none.
@@ -189,7 +176,6 @@ TEST(AnalyticGradientChoice, TakenWhereAvailable) {
     ElasticSetup s;
     build(s, Case{"", false, regular, MSD, 0, 0, true});
     RegElasticFunctional& f = *s.functional;
-    f.landmarkWeight = 0.05f;
     QbDVector<double> fd(s.transform->paramVector.size());
     const double fdValue = f.evaluate(fd, 0.01, 1);
     f.gradientMethod = 1;

@@ -25,19 +25,11 @@ SbMatrix headerMatrix(bool twoD) {
 }
 
 struct FrameCase {
-  bool twoD;
-  bool regular;
+  bool twoD, regular;
   MetricKind kind;
   float energyWeight, jacobianWeight;
   int workers; // 1: the serial loop
 };
-
-std::string frameName(const ::testing::TestParamInfo<FrameCase>& info) {
-  const FrameCase& c = info.param;
-  return std::string(c.regular ? "Regular" : "General") + (c.twoD ? "2D" : "3D") +
-         metricName(c.kind) + (c.jacobianWeight > 0 ? "Penalised" : "") +
-         (c.workers > 1 ? "Workers" : "Serial");
-}
 
 class ElasticModelFrame : public ::testing::TestWithParam<FrameCase> {};
 
@@ -68,7 +60,6 @@ TEST_P(ElasticModelFrame, GradientMatchesCentralDifferences) {
   double scale = 0;
   for (int i = 0; i < p.size(); i++)
     scale = std::max(scale, std::fabs(g[i]));
-  ASSERT_GT(scale, 0.0);
   int nonZero = 0;
   for (int i = 0; i < p.size(); i++) {
     if (c.twoD && i % 3 == 2)
@@ -91,8 +82,7 @@ INSTANTIATE_TEST_SUITE_P(Forms, ElasticModelFrame,
                                            FrameCase{false, false, NMI, 1.0f, 0.5f, 3},
                                            FrameCase{true, true, MSD, 0, 0, 1},
                                            FrameCase{true, true, NMI, 1.0f, 0.5f, 3},
-                                           FrameCase{true, false, MSD, 0, 0, 3}),
-                         frameName);
+                                           FrameCase{true, false, MSD, 0, 0, 3}));
 
 // A fold, in a probe or in the caching pass itself, ends that evaluation
 // early; the parameters must still come back in world coordinates.
@@ -139,16 +129,15 @@ TEST(ElasticModelFrameRest, JacobianPenaltyIsZeroAtRest) {
     bool twoD;
     SbMatrix m;
   };
-  SbMatrix iso, aniso, mirror, flat, flatMirror;
+  SbMatrix iso, mirror, flatMirror;
   iso.setTransform(SbVec3f(1, 2, 3), SbRotationd(), SbVec3f(1.3f, 1.3f, 1.3f));
-  aniso = headerMatrix(false);
   mirror.setTransform(SbVec3f(14, 0, 0), SbRotationd(SbVec3d(0, 1, 1), 0.3),
                       SbVec3f(-1.0f, 1.1f, 0.9f));
-  flat = headerMatrix(true);
   flatMirror.setTransform(SbVec3f(0, 16, 0), SbRotationd(SbVec3d(0, 0, 1), -0.4),
                           SbVec3f(0.9f, -1.0f, 1.0f));
-  for (const Header& h : {Header{false, iso}, Header{false, aniso}, Header{false, mirror},
-                          Header{true, flat}, Header{true, flatMirror}}) {
+  for (const Header& h :
+       {Header{false, iso}, Header{false, headerMatrix(false)}, Header{false, mirror},
+        Header{true, headerMatrix(true)}, Header{true, flatMirror}}) {
     ElasticSetup s;
     s.makeData(h.twoD, MSD);
     s.moveModelHeader(h.m, MSD);

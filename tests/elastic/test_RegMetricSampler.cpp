@@ -49,7 +49,7 @@ protected:
   RegMeanSquaredDifference metric{0.0};
 };
 
-TEST_F(SamplerTest, LabelRoundsToNearestVoxelAndClamps) {
+TEST_F(SamplerTest, KnownSamples) {
   // 2.4 and 2.6 voxels along x (voxel size 2).
   EXPECT_EQ(2.0f, label(4.8f, 0, 0));
   EXPECT_EQ(3.0f, label(5.2f, 0, 0));
@@ -59,10 +59,7 @@ TEST_F(SamplerTest, LabelRoundsToNearestVoxelAndClamps) {
   // The flag belongs to the trilinear sampler only.
   EXPECT_EQ(1, metric.inside);
   EXPECT_EQ(5, metric.numInside);
-}
-
-TEST_F(SamplerTest, GreyInterpolatesLinearly) {
-  // Inside: the linear function is reproduced.
+  // Trilinear inside: the linear function is reproduced.
   EXPECT_NEAR(1.25 + 10 * 2.5 + 100 * 1.5, grey(2.5f, 2.5f, 3.0f), 1e-4);
   EXPECT_NEAR(3.5 + 10 * 0.25 + 100 * 0.75, grey(7.0f, 0.25f, 1.5f), 1e-4);
   // Exactly on the last voxel centre of every axis.
@@ -90,7 +87,6 @@ TEST_F(SamplerTest, AxisWithoutExtent) {
   box[4] = box[5] = 2.0f;
   dims[2] = 1;
   prepare(metric);
-  EXPECT_EQ(0.0f, metric.scale[2]);
   EXPECT_NEAR(2.5f + 10.0f, grey(5.0f, 1.0f, -40.0f), 1e-5);
   EXPECT_NEAR(2.5f + 10.0f, grey(5.0f, 1.0f, 40.0f), 1e-5);
   EXPECT_EQ(1, metric.inside);

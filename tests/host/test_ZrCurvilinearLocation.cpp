@@ -1,6 +1,5 @@
-// Point location in curvilinear grids: a smoothly deformed grid, a rotated
-// one whose box has uncovered corners, and the agreement of
-// the hinted search with the plain bucket search and across threads.
+// Point location in curvilinear grids: a smoothly deformed grid, and a
+// rotated one whose box has uncovered corners.
 #include "QbPrimType.h"
 #include "ZrCellLocator3.h"
 #include "ZrCurvilinearCoord3.h"
@@ -13,7 +12,6 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
-#include <omp.h>
 #include <random>
 #include <vector>
 

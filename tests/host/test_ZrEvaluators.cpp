@@ -1,6 +1,5 @@
 // Field evaluators on uniform and stacked lattices: trilinear values against
-// known functions, the inside test at the box, nearest-node picks, and
-// results in each voxel type.
+// known functions, the inside test at the box, nearest-node picks.
 #include "QbPrimType.h"
 #include "ZrEvalCubic.h"
 #include "ZrEvalLanczos.h"

@@ -2,8 +2,8 @@
 // would: a smooth volume and its copy under a known smooth deformation are
 // registered with each metric of the menu; the warped model must approach
 // the reference, and the transformed positions the known deformation. Flat
-// pairs with both penalties, label pairs, landmarks and their check, and
-// the saved lattice applied again outside the run.
+// pairs with both penalties, landmarks and their check, and the saved
+// lattice applied again outside the run.
 #include "ElasticTestSupport.h"
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrElasticRegistration.h"

@@ -1,5 +1,5 @@
 // Control-lattice bookkeeping of the spline base: parameter flags, the model
-// bracket, the interpolated boundary, smoothing and the vector-field form.
+// bracket and the vector-field form.
 #include "SplineTestSupport.h"
 #include "ZrRegVectorField3.h"
 #include <gtest/gtest.h>
