@@ -45,13 +45,9 @@ QbDVector<double> centralDifferences(RegElasticFunctional& f, double h) {
   return g;
 }
 
-double relativeDifference(const QbDVector<double>& a, const QbDVector<double>& b) {
-  double d = 0, n = 0;
-  for (int i = 0; i < a.size(); i++) {
-    d += (a[i] - b[i]) * (a[i] - b[i]);
-    n += b[i] * b[i];
-  }
-  return std::sqrt(d / n);
+double relativeDifference(QbDVector<double> a, const QbDVector<double>& b) {
+  a -= b;
+  return a.norm() / b.norm();
 }
 
 struct Case {

@@ -69,11 +69,8 @@ TEST_F(SamplerTest, KnownSamples) {
   const float v = grey(2.0f, 1.0f, 2.0f);
   EXPECT_EQ(1, metric.numInside);
   EXPECT_DOUBLE_EQ(-(double)v * v, metric.sum);
-}
-
-// 0.4 voxel beyond either end: clamped, still inside; 0.6 voxel: cleared,
-// the border value all the same.
-TEST_F(SamplerTest, InsideFlagHalfAVoxelBeyondTheLattice) {
+  // 0.4 voxel beyond either end: clamped, still inside; 0.6 voxel: cleared,
+  // the border value all the same.
   const float cases[][5] = {
       {-0.8f, 0, 0, 1}, {8.8f, 4, 0, 1}, {-1.2f, 0, 0, 0}, {9.2f, 4, 0, 0}, {0, 30, 3.6f, 0}};
   for (const auto& c : cases) {

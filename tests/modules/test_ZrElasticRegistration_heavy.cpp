@@ -153,9 +153,9 @@ TEST_F(ElasticRunTest, DefaultsRecoverKnownDeformation) {
 }
 
 TEST_F(ElasticRunTest, AnalyticGradientReachesTheAccuracyOfFiniteDifferences) {
-  // Normalised mutual information, and the flat pair with both penalties,
-  // registered once by each gradient: the analytic one (with its own search on every
-  // level and the finest level on a sub-lattice) must do as well.
+  // Normalised mutual information, registered once by each gradient: the
+  // analytic one (with its own search on every level and the finest level on
+  // a sub-lattice) must do as well; and by it the flat pair with both penalties.
   const int dims[3] = {32, 32, 24};
   const Deformation u = deformationFor(dims, 1.0);
   double error[2];
@@ -174,28 +174,22 @@ TEST_F(ElasticRunTest, AnalyticGradientReachesTheAccuracyOfFiniteDifferences) {
   EXPECT_LT(error[1], error[0] + 0.05);
   const int flat[3] = {64, 64, 1};
   const Deformation v = deformationFor(flat, 1.0);
-  for (int gradient = 0; gradient < 2; gradient++) {
-    SCOPED_TRACE(testing::Message() << "flat, gradient " << gradient);
-    Outcome o = run(
-        makeReference(flat, v, QB_FLOAT, 1.0, 1.0, 12.0), makeModel(flat, QB_FLOAT, 1.0, 1.0, 12.0),
-        v, 1.0,
-        [&](ZrElasticRegistration* m) {
-          twoLevels(m);
-          m->portHistogramBins.setValue(32);
-          m->portRegularization.setValue(0, 0.01f);
-          m->portRegularization.setValue(1, 0.01f);
-          m->portGradient.setIndex(0, gradient);
-        },
-        12.0);
-    EXPECT_EQ(o.module->dimensionMode, 2);
-    EXPECT_EQ(o.module->splineTransform->gridSize[2], 1);
-    EXPECT_EQ(o.module->splineTransform->gridSize[0], 11);
-    EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
-    EXPECT_LT(o.meanError, 0.5);
-    error[gradient] = o.meanError;
-    ZrObjectPool::getTheObjectPool()->clear();
-  }
-  EXPECT_LT(error[1], error[0] + 0.05);
+  Outcome o = run(
+      makeReference(flat, v, QB_FLOAT, 1.0, 1.0, 12.0), makeModel(flat, QB_FLOAT, 1.0, 1.0, 12.0),
+      v, 1.0,
+      [&](ZrElasticRegistration* m) {
+        twoLevels(m);
+        m->portHistogramBins.setValue(32);
+        m->portRegularization.setValue(0, 0.01f);
+        m->portRegularization.setValue(1, 0.01f);
+        m->portGradient.setIndex(0, 1);
+      },
+      12.0);
+  EXPECT_EQ(o.module->dimensionMode, 2);
+  EXPECT_EQ(o.module->splineTransform->gridSize[2], 1);
+  EXPECT_EQ(o.module->splineTransform->gridSize[0], 11);
+  EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
+  EXPECT_LT(o.meanError, 0.5);
 }
 
 TEST_F(ElasticRunTest, LandmarksChangeTheResult) {
