@@ -63,8 +63,7 @@ TEST(ElasticRegularizer, FlatRestValueHoldsConstantEnergyTerm) {
 }
 
 struct RegCase {
-  bool twoD;
-  bool regular;
+  bool twoD, regular;
   float energyWeight, jacobianWeight;
 };
 
