@@ -1,6 +1,5 @@
 // The affine transform: parameters to matrices and back, the frame of the two
-// bounding boxes, the centre, the isotropic mode, parameter steps and the
-// inverse mirror.
+// bounding boxes, the centre and the inverse mirror.
 #include "QbPrimType.h"
 #include "RegAffineTransform.h"
 #include "SbMatrix.h"
@@ -11,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <limits>
 #include <memory>
 #include <random>
 #include <string>
@@ -224,78 +222,6 @@ TEST(RegAffineTransform, SingularMatrixIsReported) {
   for (int i : {3, 4, 5, 12, 13, 14})
     EXPECT_EQ(t.paramVector[i], 0.0) << i;
   EXPECT_EQ(t.lastScaleX, 123.0);
-}
-
-TEST(RegAffineTransform, IsotropicModeScalesTogether) {
-  RegAffineTransform t;
-  t.paramVector[6] = 2.0, t.paramVector[7] = 3.0, t.paramVector[8] = 1.5;
-  t.setDegreesOfFreedom(7);
-  EXPECT_EQ(t.dof, 7);
-  EXPECT_EQ(t.getVariableParamVectorDim(), 7);
-  EXPECT_EQ(t.lastScaleX, 2.0);
-
-  // Entry 6 from 2 to 4 doubles entries 7 and 8: the anisotropy stays.
-  t.paramVector[6] = 4.0;
-  t.composeMatrix();
-  EXPECT_DOUBLE_EQ(t.paramVector[7], 6.0);
-  EXPECT_DOUBLE_EQ(t.paramVector[8], 3.0);
-  EXPECT_EQ(t.lastScaleX, 4.0);
-  for (int r = 0; r < 3; r++) {
-    const double len = std::sqrt(t.matrix[r][0] * t.matrix[r][0] + t.matrix[r][1] * t.matrix[r][1] +
-                                 t.matrix[r][2] * t.matrix[r][2]);
-    EXPECT_NEAR(len, t.paramVector[6 + r], 1e-12);
-  }
-  // A second compose without a change does nothing more.
-  t.composeMatrix();
-  EXPECT_DOUBLE_EQ(t.paramVector[7], 6.0);
-
-  // Asking for 7 again does not take a new reference value.
-  t.paramVector[6] = 2.0;
-  t.setDegreesOfFreedom(7);
-  EXPECT_EQ(t.lastScaleX, 4.0);
-  t.composeMatrix();
-  EXPECT_DOUBLE_EQ(t.paramVector[7], 3.0);
-  EXPECT_DOUBLE_EQ(t.paramVector[8], 1.5);
-
-  // With any other dof the scales are independent.
-  RegAffineTransform w;
-  w.setDegreesOfFreedom(9);
-  w.paramVector[6] = 5.0;
-  w.composeMatrix();
-  EXPECT_EQ(w.paramVector[7], 1.0);
-}
-
-TEST(RegAffineTransform, ParameterSteps) {
-  RegAffineTransform t;
-  SbVec3d size(3, 4, 12);
-  const double pi = 3.14159265358979323846;
-  for (int i = 0; i < 3; i++)
-    EXPECT_EQ(t.getParamStep(i, &size), 1.0);
-  EXPECT_DOUBLE_EQ(t.getParamStep(3, &size), 1080.0 / (pi * std::sqrt(160.0)));
-  EXPECT_DOUBLE_EQ(t.getParamStep(4, &size), 1080.0 / (pi * std::sqrt(153.0)));
-  EXPECT_DOUBLE_EQ(t.getParamStep(5, &size), 1080.0 / (pi * 5.0));
-  for (int i = 6; i < 12; i++)
-    EXPECT_DOUBLE_EQ(t.getParamStep(i, &size), 4.0 / 12.0);
-  // The centre is not variable.
-  for (int i = 12; i < 15; i++)
-    EXPECT_EQ(t.getParamStep(i, &size), 0.0);
-
-  // Steps end at dof.
-  t.setDegreesOfFreedom(6);
-  EXPECT_GT(t.getParamStep(5, &size), 0.0);
-  EXPECT_EQ(t.getParamStep(6, &size), 0.0);
-
-  // A zero extent gives infinite steps.
-  t.setDegreesOfFreedom(12);
-  SbVec3d flat(0, 0, 0);
-  EXPECT_EQ(t.getParamStep(3, &flat), std::numeric_limits<double>::infinity());
-  EXPECT_EQ(t.getParamStep(8, &flat), std::numeric_limits<double>::infinity());
-  EXPECT_EQ(t.getParamStep(1, &flat), 1.0);
-  // A flat data set: the rotations within the plane stay finite.
-  SbVec3d plane(10, 20, 0);
-  EXPECT_DOUBLE_EQ(t.getParamStep(5, &plane), 1080.0 / (pi * std::sqrt(500.0)));
-  EXPECT_DOUBLE_EQ(t.getParamStep(3, &plane), 1080.0 / (pi * 20.0));
-  EXPECT_DOUBLE_EQ(t.getParamStep(10, &plane), 0.2);
 }
 
 TEST(RegAffineTransform, ChangeCenterKeepsTheMapping) {

@@ -23,8 +23,6 @@
 #include <cmath>
 #include <memory>
 #include <string>
-#include <typeindex>
-#include <typeinfo>
 #include <vector>
 
 namespace {
@@ -167,45 +165,6 @@ public:
 };
 
 } // namespace
-
-TEST(ZrAffineRegistration, MetricMenuPicksTheMetricAndTheWalk) {
-  MessageCapture log;
-  const int dims[3] = {12, 10, 8};
-  Scene<> s(makeField(dims, kImage), makeField(dims, kImage));
-  ZrAffineRegistration* m = s.module;
-  m->maxCoverage = 0.75;
-  m->portHistogramBins.setValue(0, 40);
-  m->portHistogramBins.setValue(1, 50);
-  ZrAffineRegistration::FieldArray refs, mods;
-  refs.append(m->references[0]);
-  mods.append(m->models[0]);
-  // The menu's entries in order; the sixth makes no functional.
-  const std::type_index kinds[5] = {
-      typeid(RegNormMutualInformation), typeid(RegSimpleMutualInformation),
-      typeid(RegMeanSquaredDifference), typeid(RegCorrelationRatio), typeid(RegLabelDifference)};
-  for (int index = 0; index < 6; index++) {
-    m->portMetric.setIndex(0, index);
-    std::unique_ptr<RegFunctional> f(m->createFunctional(refs, mods, -1, -1));
-    if (index == 5) {
-      EXPECT_EQ(f, nullptr);
-      continue;
-    }
-    ASSERT_NE(f, nullptr) << index;
-    RegMetric* metric = f->metric;
-    EXPECT_EQ(std::type_index(typeid(*metric)), kinds[index]) << index;
-    // Squared differences count every overlap.
-    EXPECT_EQ(metric->maxCoverage, index == 2 ? 1.0 : 0.75) << index;
-    if (index < 2) {
-      // The bins of the ports; the metric adds one for its overflow row.
-      auto* mi = dynamic_cast<RegMutualInformation*>(metric);
-      ASSERT_NE(mi, nullptr);
-      EXPECT_EQ(mi->numBinsRef, 41);
-      EXPECT_EQ(mi->numBinsMod, 51);
-    }
-    // A uniform model takes the fast walk, except for labels.
-    EXPECT_EQ(dynamic_cast<RegAffineFunctionalUniform*>(f.get()) != nullptr, index < 4) << index;
-  }
-}
 
 TEST(ZrAffineRegistration, DegreesOfFreedomScheduleAndProgress) {
   MessageCapture log;

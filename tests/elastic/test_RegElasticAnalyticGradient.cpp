@@ -1,8 +1,5 @@
-// The analytic gradient against central differences of the whole objective,
-// evaluate() itself, on smooth pairs whose model carries a rotation, an
-// anisotropic scale and a translation in its header: every metric with a
-// derivative, both penalties, landmarks, two and three dimensions, both
-// functional classes.
+// The analytic gradient against central differences of evaluate(), on smooth
+// pairs whose model header holds a rotation, a scale and a shift.
 #include "ElasticTestSupport.h"
 
 #include "RegElasticAnalyticGradient.h"
@@ -17,8 +14,7 @@ using namespace elastictest;
 
 namespace {
 
-// Rotates the model about its centre (about z in two dimensions), scales it
-// anisotropically and moves it, in its header.
+// Rotates the model about its centre (about z in 2-D), scales and moves it.
 void moveModel(ElasticSetup& s, bool twoD) {
   float box[6];
   s.model->getBoundingBox(box);
@@ -31,8 +27,7 @@ void moveModel(ElasticSetup& s, bool twoD) {
   s.model->setTransform(m);
 }
 
-// Central differences of evaluate() with probe step h, divided by h: the
-// scale of the functional's own gradient.
+// (f(p + h) - f(p - h)) / h: the scale of the functional's own gradient.
 QbDVector<double> centralDifferences(RegElasticFunctional& f, double h) {
   QbDVector<double>& p = f.transform->paramVector;
   QbDVector<double> g(p.size(), 0.0);
@@ -50,13 +45,9 @@ QbDVector<double> centralDifferences(RegElasticFunctional& f, double h) {
   return g;
 }
 
-double relativeDifference(const QbDVector<double>& a, const QbDVector<double>& b) {
-  double d = 0, n = 0;
-  for (int i = 0; i < a.size(); i++) {
-    d += (a[i] - b[i]) * (a[i] - b[i]);
-    n += b[i] * b[i];
-  }
-  return std::sqrt(d / n);
+double relativeDifference(QbDVector<double> a, const QbDVector<double>& b) {
+  a -= b;
+  return a.norm() / b.norm();
 }
 
 struct Case {
@@ -69,17 +60,14 @@ struct Case {
 
 class AnalyticGradient : public ::testing::TestWithParam<Case> {};
 
-// The pair of a case, a lattice moved off rest, and the functional, with one
-// control point fixed.
+// The pair, a lattice moved off rest, the functional, one point fixed.
 void build(ElasticSetup& s, const Case& c) {
-  // Larger than the common pairs, and a model that reaches four voxels
-  // beyond the reference, so that no voxel of the moved model's general
-  // class falls outside it, where a sample jumps to 0.
+  // The model reaches four voxels beyond the reference, so that no moved
+  // sample falls outside it and jumps to 0.
   const int d3[3] = {26, 24, 20}, d2[3] = {80, 72, 1};
   const int* dims = c.twoD ? d2 : d3;
-  // The common pattern, stretched: gentler slopes bend less at the voxel
-  // faces, where the trilinear sample's gradient jumps and the central
-  // differences average the two sides.
+  // Stretched: gentler slopes bend less at the voxel faces, where the
+  // trilinear sample's gradient jumps.
   auto wide = [](double x, double y, double z) { return pattern(0.45 * x, 0.45 * y, 0.45 * z); };
   s.reference = makeVolume<float>(dims, QB_FLOAT, wide);
   s.model =
@@ -88,8 +76,7 @@ void build(ElasticSetup& s, const Case& c) {
   s.models.append(s.model.get());
   moveModel(s, c.twoD);
   if (c.landmarks) {
-    // Pairs spread over the reference, each model point near its reference
-    // point.
+    // Pairs spread over the reference, each model point near its own.
     const int n = 24;
     s.landmarks = std::make_unique<ZrLandmarkSet>(2);
     s.landmarks->setNumMarkers(n);
@@ -110,9 +97,8 @@ void build(ElasticSetup& s, const Case& c) {
   if (c.landmarks)
     s.transform->setLandmarks(s.landmarks.get());
   s.perturb(0.2);
-  // Few bins, so that no bin is so sparse that the entropy bends within a
-  // probe; correlation windows that take every value, so that no sample
-  // jumps out of the statistic.
+  // Few bins, so that the entropy does not bend within a probe; correlation
+  // windows that take every value.
   RegMetric* metric = nullptr;
   if (c.kind == NMI)
     metric = new RegNormMutualInformation(QB_FLOAT, QB_FLOAT, 0, 130, 0, 130, 12, 12, 1.0);
@@ -125,7 +111,6 @@ void build(ElasticSetup& s, const Case& c) {
   s.makeFunctional(c.regular, c.kind, c.energy, c.jacobian, RegDataClassGrey, false,
                    c.landmarks ? 0.05f : 0.0f, metric);
   RegElasticFunctional& f = *s.functional;
-  // A fixed control point: its entries are 0.
   s.transform->setControlPointInactive(3 * 10);
   for (int i = 30; i < 33; i++)
     f.paramSteps[i] = (float)s.transform->getParamStep(i, nullptr);
@@ -138,16 +123,23 @@ TEST_P(AnalyticGradient, AgreesWithCentralDifferencesOfTheObjective) {
   RegElasticFunctional& f = *s.functional;
   RegElasticAnalyticGradient analytic;
   analytic.numThreads = 2;
-  // The parallel pass gives the functional's own objective, up to the
-  // rounding of positions computed line by line rather than in three passes.
+  // The parallel pass gives the functional's own objective, up to rounding.
   const double serial = f.evaluate();
   EXPECT_NEAR(serial, analytic.value(f, false), 1e-6 * std::fabs(serial));
   QbDVector<double> g(s.transform->paramVector.size());
   const double value = analytic.evaluate(f, g);
   ASSERT_NE(REG_INVALID_VALUE, value);
-  // The probe step balances the rounding of single-precision positions and
-  // samples (smaller steps) against the kinks of the trilinear sample and
-  // the soft bins (larger ones); both stay near 3e-4 here.
+  // Work units are summed in a fixed order: the same to the last bit for any
+  // number of threads.
+  for (int threads : {1, 3, 7}) {
+    RegElasticAnalyticGradient other;
+    other.numThreads = threads;
+    QbDVector<double> h(g.size());
+    other.evaluate(f, h);
+    EXPECT_TRUE(h == g) << threads << " threads";
+  }
+  // The step balances float rounding against the kinks of the trilinear
+  // sample and the soft bins.
   const QbDVector<double> cd = centralDifferences(f, 4e-3);
   EXPECT_LT(relativeDifference(g, cd), 1e-3);
   for (int i = 30; i < 33; i++)
@@ -162,56 +154,29 @@ INSTANTIATE_TEST_SUITE_P(
     Forms, AnalyticGradient,
     ::testing::Values(Case{"nmi3", false, true, NMI, 0, 0, false},
                       Case{"mi3", false, true, MI, 0, 0, false},
-                      Case{"msd3", false, true, MSD, 0, 0, false},
                       Case{"corr3", false, false, CORR, 0, 0, false},
-                      Case{"nmi3general", false, false, NMI, 0, 0, false},
                       Case{"nmi3penalties", false, true, NMI, 0.5f, 0.5f, false},
                       Case{"msd3jacobian", false, true, MSD, 0, 300.0f, false},
                       Case{"msd3generalpenalties", false, false, MSD, 200.0f, 200.0f, false},
                       Case{"nmi3landmarks", false, true, NMI, 0, 0, true},
-                      Case{"nmi2", true, true, NMI, 0, 0, false},
                       Case{"nmi2penalties", true, true, NMI, 0.5f, 0.5f, false},
                       Case{"corr2", true, false, CORR, 0, 0, false}),
     [](const ::testing::TestParamInfo<Case>& i) { return std::string(i.param.name); });
 
 } // namespace
 
-// Work units are added in a fixed order, so the entries are the same to the
-// last bit for any number of threads.
-TEST(AnalyticGradientThreads, SameForEveryThreadCount) {
-  for (const Case& c :
-       {Case{"3", false, true, NMI, 0.5f, 0.5f, true}, Case{"2", true, false, MSD, 0, 0, false}}) {
-    ElasticSetup s;
-    build(s, c);
-    QbDVector<double> first;
-    for (int threads : {1, 2, 3, 7}) {
-      RegElasticAnalyticGradient analytic;
-      analytic.numThreads = threads;
-      QbDVector<double> g(s.transform->paramVector.size());
-      analytic.evaluate(*s.functional, g);
-      if (threads == 1)
-        first = g;
-      else
-        EXPECT_TRUE(g == first) << c.name << ", " << threads << " threads";
-    }
-  }
-}
-
-// Chosen on the functional, the analytic gradient answers evaluate(gradient,
-// step, keepAll) with the value the central differences return; label
-// difference has none and keeps the central differences.
+// Chosen on the functional, the analytic gradient answers evaluate(g, ...)
+// with the central differences' value; label difference has none.
 TEST(AnalyticGradientChoice, TakenWhereAvailable) {
   for (bool regular : {true, false}) {
     ElasticSetup s;
     build(s, Case{"", false, regular, MSD, 0, 0, true});
     RegElasticFunctional& f = *s.functional;
-    f.landmarkWeight = 0.05f;
     QbDVector<double> fd(s.transform->paramVector.size());
     const double fdValue = f.evaluate(fd, 0.01, 1);
     f.gradientMethod = 1;
     f.init();
     ASSERT_NE(nullptr, f.analyticGradient);
-    f.analyticGradient->numThreads = 2;
     QbDVector<double> g(fd.size()), direct(fd.size());
     EXPECT_NEAR(fdValue, f.evaluate(g, 0.01, 0), 1e-6 * std::fabs(fdValue));
     RegElasticAnalyticGradient analytic;

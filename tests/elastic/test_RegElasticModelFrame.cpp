@@ -1,8 +1,6 @@
-// The elastic functionals with a model whose header carries a transformation
-// (the model as a preceding affine step leaves it): the parameters live in
-// world coordinates while the model is sampled in its local ones. The probes
-// must follow the rotation and scale of that map, a fold must not leave the
-// parameters in local coordinates, and the Jacobian penalty must be 0 at rest.
+// The elastic functionals with a model whose header carries a rotation and
+// scale: the probes must follow that map, a fold must not leave the parameters
+// in local coordinates, and the Jacobian penalty must be 0 at rest.
 #include "ElasticTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -27,25 +25,16 @@ SbMatrix headerMatrix(bool twoD) {
 }
 
 struct FrameCase {
-  bool twoD;
-  bool regular;
+  bool twoD, regular;
   MetricKind kind;
   float energyWeight, jacobianWeight;
   int workers; // 1: the serial loop
 };
 
-std::string frameName(const ::testing::TestParamInfo<FrameCase>& info) {
-  const FrameCase& c = info.param;
-  return std::string(c.regular ? "Regular" : "General") + (c.twoD ? "2D" : "3D") +
-         metricName(c.kind) + (c.jacobianWeight > 0 ? "Penalised" : "") +
-         (c.workers > 1 ? "Workers" : "Serial");
-}
-
 class ElasticModelFrame : public ::testing::TestWithParam<FrameCase> {};
 
-// Every gradient entry equals the central difference of whole evaluations at
-// the moved parameters (entry = (f(p + d) - f(p - d)) / d), and the parameters
-// come back in world coordinates.
+// Every gradient entry equals (f(p + d) - f(p - d)) / d of whole
+// evaluations, and the parameters come back in world coordinates.
 TEST_P(ElasticModelFrame, GradientMatchesCentralDifferences) {
   const FrameCase c = GetParam();
   ElasticSetup s;
@@ -68,10 +57,7 @@ TEST_P(ElasticModelFrame, GradientMatchesCentralDifferences) {
   f.evaluate(g, step, 1);
   ASSERT_EQ(before, p) << "the parameters stay in world coordinates";
 
-  double scale = 0;
-  for (int i = 0; i < p.size(); i++)
-    scale = std::max(scale, std::fabs(g[i]));
-  ASSERT_GT(scale, 0.0);
+  const double scale = g.maxAbs();
   int nonZero = 0;
   for (int i = 0; i < p.size(); i++) {
     if (c.twoD && i % 3 == 2)
@@ -89,16 +75,12 @@ TEST_P(ElasticModelFrame, GradientMatchesCentralDifferences) {
 
 INSTANTIATE_TEST_SUITE_P(Forms, ElasticModelFrame,
                          ::testing::Values(FrameCase{false, true, NMI, 0, 0, 1},
-                                           FrameCase{false, true, NMI, 0, 0, 3},
-                                           FrameCase{false, true, MSD, 1.0f, 0.5f, 1},
                                            FrameCase{false, true, MSD, 1.0f, 0.5f, 3},
                                            FrameCase{false, false, MSD, 0, 0, 1},
                                            FrameCase{false, false, NMI, 1.0f, 0.5f, 3},
                                            FrameCase{true, true, MSD, 0, 0, 1},
-                                           FrameCase{true, true, NMI, 1.0f, 0.5f, 1},
                                            FrameCase{true, true, NMI, 1.0f, 0.5f, 3},
-                                           FrameCase{true, false, MSD, 0, 0, 3}),
-                         frameName);
+                                           FrameCase{true, false, MSD, 0, 0, 3}));
 
 // A fold, in a probe or in the caching pass itself, ends that evaluation
 // early; the parameters must still come back in world coordinates.
@@ -113,19 +95,16 @@ TEST(ElasticModelFrameFold, FoldLeavesParametersInWorldCoordinates) {
     RegElasticFunctional& f = *s.functional;
     QbDVector<double>& p = s.transform->paramVector;
     const QbDVector<double> before = p;
-    // A control point moved by d changes dT/dx by at most d * 0.5 * (2/3)^2
-    // per spacing (slope of the basis in x, weights in y and z): six spacings
-    // fold the lattice.
+    // dT/dx changes by at most d * 0.5 * (2/3)^2 per spacing: six fold.
     const double step = 6.0 * s.transform->gridSpacing[0];
     f.evaluateAndCacheWithRegularizer();
     const int i = 3 * ((2 * 6 + 2) * 6 + 2);
     p[i] += step;
     RegElasticFunctionalRegular* r = dynamic_cast<RegElasticFunctionalRegular*>(&f);
     EXPECT_EQ(REG_INVALID_VALUE, r ? r->evaluateIncrementalWithRegularizer(i, (float)step)
-                                   : f.evaluateIncrementalWithRegularizer(i))
-        << "a folding probe";
+                                   : f.evaluateIncrementalWithRegularizer(i));
     p[i] = before[i];
-    EXPECT_EQ(before, p);
+    EXPECT_EQ(before, p) << "after a folding probe";
 
     QbDVector<double> g(p.size());
     EXPECT_NE(REG_INVALID_VALUE, f.evaluate(g, step, 0));
@@ -140,24 +119,21 @@ TEST(ElasticModelFrameFold, FoldLeavesParametersInWorldCoordinates) {
   }
 }
 
-// At rest the Jacobian penalty is 0 whatever the model's header holds: a
-// scale, an anisotropic scale with a rotation, or a reflection (which must
-// not count as a fold).
+// At rest the Jacobian penalty is 0 whatever the model's header holds: an
+// anisotropic scale with a rotation, or a reflection (which must not count
+// as a fold).
 TEST(ElasticModelFrameRest, JacobianPenaltyIsZeroAtRest) {
   struct Header {
     bool twoD;
     SbMatrix m;
   };
-  SbMatrix iso, aniso, mirror, flat, flatMirror;
-  iso.setTransform(SbVec3f(1, 2, 3), SbRotationd(), SbVec3f(1.3f, 1.3f, 1.3f));
-  aniso = headerMatrix(false);
+  SbMatrix mirror, flatMirror;
   mirror.setTransform(SbVec3f(14, 0, 0), SbRotationd(SbVec3d(0, 1, 1), 0.3),
                       SbVec3f(-1.0f, 1.1f, 0.9f));
-  flat = headerMatrix(true);
   flatMirror.setTransform(SbVec3f(0, 16, 0), SbRotationd(SbVec3d(0, 0, 1), -0.4),
                           SbVec3f(0.9f, -1.0f, 1.0f));
-  for (const Header& h : {Header{false, iso}, Header{false, aniso}, Header{false, mirror},
-                          Header{true, flat}, Header{true, flatMirror}}) {
+  for (const Header& h : {Header{false, headerMatrix(false)}, Header{false, mirror},
+                          Header{true, headerMatrix(true)}, Header{true, flatMirror}}) {
     ElasticSetup s;
     s.makeData(h.twoD, MSD);
     s.moveModelHeader(h.m, MSD);

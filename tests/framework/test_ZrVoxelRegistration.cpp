@@ -385,38 +385,6 @@ TEST_F(VoxelRegistrationTest, PyramidPlans) {
   EXPECT_EQ(log.count("Sampling model to: (8, 8, 8)\n"), 1);
 }
 
-TEST_F(VoxelRegistrationTest, LaterReferenceChannelsFollowTheirOwnPlan) {
-  // Channel 1 has thick voxels in y and z: its first pass changes nothing but
-  // still counts as a level, so it runs one level behind, and its last
-  // reduction has no level to go to.
-  connect(m, field(16, 16, 16), field(16, 16, 16), QbVec3i(1, 4, 4));
-  m.references.append(field(16, 4, 4, 1, 4, 4));
-  ZrVoxelRegistration::LevelArray refLevels, modLevels;
-  QbVec3i coarsest(1, 4, 4);
-  const int poolSize = ZrObjectPool::getTheObjectPool()->getNumObjects();
-  m.doResampling(&refLevels, coarsest, &modLevels);
-  EXPECT_EQ(m.referenceFactors, factors("1 1 1, 1 2 2, 1 4 4, 1 1 1, 1 1 1, 1 2 2, 1 4 4"));
-  ASSERT_EQ(refLevels.size(), 3);
-  for (int i = 0; i < 3; i++) {
-    ASSERT_EQ(refLevels[i].size(), 2) << i;
-    EXPECT_EQ(refLevels[i][1], m.references[1]);
-  }
-  EXPECT_EQ(modLevels.size(), 3);
-  EXPECT_EQ(ZrObjectPool::getTheObjectPool()->getNumObjects(), poolSize);
-
-  // Lattices flat on different axes make no level at all.
-  RegTestModule bad;
-  bad.references.append(field(8, 1, 8));
-  bad.models.append(field(8, 8, 1));
-  bad.fakeResampling = true;
-  ZrVoxelRegistration::LevelArray br, bm;
-  coarsest = QbVec3i(2, 2, 2);
-  bad.doResampling(&br, coarsest, &bm);
-  EXPECT_EQ(br.size(), 0);
-  EXPECT_EQ(bm.size(), 0);
-  EXPECT_TRUE(bad.referenceFactors.empty());
-}
-
 TEST_F(VoxelRegistrationTest, StepSchedules) {
   const double f1 = 0.1f * 1.0f * 3.0f, f2 = double(0.1f);
   struct Case {
@@ -500,21 +468,6 @@ TEST_F(VoxelRegistrationTest, GradientSwitchAtTheFinestLevels) {
       EXPECT_DOUBLE_EQ(m.resolutions.back().end, 0.5);
     }
   }
-}
-
-TEST_F(VoxelRegistrationTest, ASingleLevelIsSkippedWhenTheFinestIsIgnored) {
-  RegTestModule one;
-  connect(one, field(20, 20, 20), field(20, 20, 20));
-  EXPECT_EQ(one.ignoreFinest, 1);
-  one.portOptimizer.setIndex(0, 1);
-  log.messages.clear();
-  one.doRegistration();
-  EXPECT_TRUE(one.resolutions.empty());
-  EXPECT_EQ(one.numDoneRegistration, 1);
-  EXPECT_EQ(log.count("elapsed time: "), 1);
-  ASSERT_NE(one.transform, nullptr);
-  for (int i = 0; i < 6; i++)
-    EXPECT_NEAR(static_cast<RegAffineTransform*>(one.transform)->paramVector[i], 0.0, 1e-9);
 }
 
 namespace {

@@ -1,6 +1,5 @@
-// Point location in curvilinear grids: a smoothly deformed grid, a rotated
-// one whose box has uncovered corners, and the agreement of
-// the hinted search with the plain bucket search and across threads.
+// Point location in curvilinear grids: a smoothly deformed grid, and a
+// rotated one whose box has uncovered corners.
 #include "QbPrimType.h"
 #include "ZrCellLocator3.h"
 #include "ZrCurvilinearCoord3.h"
@@ -13,7 +12,6 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
-#include <omp.h>
 #include <random>
 #include <vector>
 
@@ -188,71 +186,4 @@ TEST(ZrCurvilinearLocation3, PointsInTheBoxButOffTheGridAreOutside) {
   EXPECT_EQ(loc->set(2.0f, 4.0f, 1.01f), 0);
   EXPECT_EQ(loc->set(2.0f, 4.0f, -0.01f), 0);
   EXPECT_NE(loc->set(2.0f, 4.0f, 1.0f), 0);
-}
-
-TEST(ZrCurvilinearLocation3, HintedSearchAgreesAcrossOrdersAndThreads) {
-  const int dims[3] = {20, 16, 12};
-  const std::vector<float> pos = positions(dims, wavy);
-  std::unique_ptr<ZrField3> field = curvilinearField(dims, pos, 1);
-  // Rows of a lattice through the box (coherent), with points off the grid.
-  float box[6];
-  field->getBoundingBox(box);
-  std::vector<float> pts;
-  const int n = 40;
-  for (int k = 0; k < n; k++)
-    for (int j = 0; j < n; j++)
-      for (int i = 0; i < n; i++)
-        pts.insert(pts.end(), {box[0] + (box[1] - box[0]) * i / (n - 1),
-                               box[2] + (box[3] - box[2]) * j / (n - 1),
-                               box[4] + (box[5] - box[4]) * k / (n - 1)});
-  const int count = n * n * n;
-  ZrEvalStandard ev(field.get());
-  std::vector<float> inOrder(count), shuffled(count), threaded(count);
-  std::vector<int> insideA(count), insideB(count), insideC(count);
-  {
-    std::unique_ptr<ZrLocation3> loc(ev.createLocation());
-    for (int q = 0; q < count; q++) {
-      insideA[q] = loc->set(&pts[3 * q]);
-      ev.eval(loc.get(), &inOrder[q]);
-    }
-  }
-  {
-    std::vector<int> order(count);
-    for (int q = 0; q < count; q++)
-      order[q] = q;
-    std::shuffle(order.begin(), order.end(), std::mt19937(4));
-    std::unique_ptr<ZrLocation3> loc(ev.createLocation());
-    for (int q : order) {
-      insideB[q] = loc->set(&pts[3 * q]);
-      ev.eval(loc.get(), &shuffled[q]);
-    }
-  }
-#pragma omp parallel num_threads(4)
-  {
-    std::unique_ptr<ZrLocation3> loc(ev.createLocation());
-#pragma omp for schedule(dynamic, 97)
-    for (int q = 0; q < count; q++) {
-      insideC[q] = loc->set(&pts[3 * q]);
-      ev.eval(loc.get(), &threaded[q]);
-    }
-  }
-  int inside = 0;
-  for (int q = 0; q < count; q++) {
-    ASSERT_EQ(insideA[q] != 0, insideB[q] != 0) << q;
-    ASSERT_EQ(insideA[q] != 0, insideC[q] != 0) << q;
-    // A point on a face shared by two cells may be found in either; the
-    // interpolant is continuous, so the values agree up to rounding.
-    EXPECT_NEAR(inOrder[q], shuffled[q], 1e-4);
-    EXPECT_NEAR(inOrder[q], threaded[q], 1e-4);
-    if (insideA[q]) {
-      inside++;
-      const double p[3] = {pts[3 * q], pts[3 * q + 1], pts[3 * q + 2]};
-      EXPECT_NEAR(inOrder[q], linear(p), 1e-4 * (1 + std::fabs(linear(p))));
-    } else {
-      EXPECT_EQ(inOrder[q], 0.0f);
-    }
-  }
-  // The wavy grid fills most of its box, not all of it.
-  EXPECT_GT(inside, count / 2);
-  EXPECT_LT(inside, count);
 }

@@ -1,6 +1,5 @@
 // Field evaluators on uniform and stacked lattices: trilinear values against
-// known functions, the inside test at the box, nearest-node picks, and
-// results in each voxel type.
+// known functions, the inside test at the box, nearest-node picks.
 #include "QbPrimType.h"
 #include "ZrEvalCubic.h"
 #include "ZrEvalLanczos.h"
@@ -140,27 +139,6 @@ TEST(ZrLocation3, InsideIsTheBoxOfTheNodesWithBoundsIncluded) {
     const float p[3] = {4.0f, 0.0f, 2.5f};
     EXPECT_NE(loc->set(p), 0);
   }
-}
-
-TEST(ZrLocation3, FlatFieldIsInsideOnlyInItsPlane) {
-  const int dims[3] = {5, 5, 1};
-  const float box[6] = {0, 4, 0, 4, 3, 3};
-  auto field = uniformField(dims, QB_FLOAT, box, linear);
-  ZrEvalStandard ev(field.get());
-  std::unique_ptr<ZrLocation3> loc(ev.createLocation());
-  float v = 0;
-  ASSERT_NE(evalAt(ev, *loc, 1.25f, 3.5f, 3.0f, &v), 0);
-  EXPECT_NEAR(v, linear(1.25, 3.5, 3.0), 1e-5);
-  EXPECT_EQ(loc->set(1.25f, 3.5f, std::nextafter(3.0f, 4.0f)), 0);
-  // A single node: inside only at that point.
-  const int one[3] = {1, 1, 1};
-  const float pt[6] = {1, 1, 2, 2, 3, 3};
-  auto single = uniformField(one, QB_INT16, pt, [](double, double, double) { return -4.0; });
-  ZrEvalStandard ev1(single.get());
-  std::unique_ptr<ZrLocation3> loc1(ev1.createLocation());
-  ASSERT_NE(evalAt(ev1, *loc1, 1, 2, 3, &v), 0);
-  EXPECT_EQ(v, -4.0f);
-  EXPECT_EQ(loc1->set(1, 2, 3.001f), 0);
 }
 
 TEST(ZrEvalNN, PicksTheNearestNode) {
@@ -315,36 +293,4 @@ TEST(ZrEvalCubic, ReproducesQuadraticsInsideAndNodesEverywhere) {
           EXPECT_NEAR(v, quad(p[0], p[1], p[2]), 1e-5);
         }
   }
-}
-
-TEST(ZrField3, EvalNativeGivesEachVoxelTypeRounded) {
-  // Nodes 10 and 13 (or -10 and -13); at three quarters the value is 12.25.
-  const int dims[3] = {2, 1, 1};
-  const float box[6] = {0, 1, 0, 0, 0, 0};
-  auto check = [&](int type, double a, double b, auto expect) {
-    typedef decltype(expect) T;
-    ZrUniformScalarField3 field(dims, type, box);
-    field.lattice.setValue(0, a);
-    field.lattice.setValue(1, b);
-    std::unique_ptr<ZrLocation3> loc(field.createLocation());
-    ASSERT_NE(loc->set(0.75f, 0, 0), 0);
-    T buf[2] = {T(99), T(99)};
-    field.evalNative(loc.get(), buf);
-    EXPECT_EQ(buf[0], expect) << qbPrimTypeName(type);
-    EXPECT_EQ(buf[1], T(99)) << "one component only";
-    float f = 0;
-    field.eval(loc.get(), &f);
-    // As float: the nearest float to the exact value.
-    EXPECT_EQ(f, float(a + 0.75 * (b - a))) << qbPrimTypeName(type);
-    // Outside: zero in the voxel type.
-    loc->set(2.0f, 0, 0);
-    field.evalNative(loc.get(), buf);
-    EXPECT_EQ(buf[0], T(0));
-  };
-  check(QB_UINT8, 10, 13, uint8_t(12));
-  check(QB_INT16, -10, -13, int16_t(-12));
-  check(QB_UINT16, 60000, 60003, uint16_t(60002));
-  check(QB_INT32, 2000000000, 2000000003, int32_t(2000000002));
-  check(QB_FLOAT, 10, 13, 12.25f);
-  check(QB_DOUBLE, 10, 13, 12.25);
 }

@@ -2,8 +2,8 @@
 // would: a smooth volume and its copy under a known smooth deformation are
 // registered with each metric of the menu; the warped model must approach
 // the reference, and the transformed positions the known deformation. Flat
-// pairs with both penalties, label pairs, landmarks and their check, and
-// the saved lattice applied again outside the run.
+// pairs with both penalties, landmarks and their check, and the saved
+// lattice applied again outside the run.
 #include "ElasticTestSupport.h"
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrElasticRegistration.h"
@@ -153,99 +153,43 @@ TEST_F(ElasticRunTest, DefaultsRecoverKnownDeformation) {
 }
 
 TEST_F(ElasticRunTest, AnalyticGradientReachesTheAccuracyOfFiniteDifferences) {
-  // Each metric with a derivative, and the flat pair with both penalties,
-  // registered once by each gradient: the analytic one (with its own search
-  // on every level and the finest level on a sub-lattice) must do as well.
+  // Normalised mutual information, registered once by each gradient: the
+  // analytic one (with its own search on every level and the finest level on
+  // a sub-lattice) must do as well; and by it the flat pair with both penalties.
   const int dims[3] = {32, 32, 24};
   const Deformation u = deformationFor(dims, 1.0);
-  for (int metric : {0, 2, 3}) {
-    double error[2];
-    for (int gradient = 0; gradient < 2; gradient++) {
-      SCOPED_TRACE(testing::Message() << "metric " << metric << ", gradient " << gradient);
-      Outcome o =
-          run(makeReference(dims, u), makeModel(dims), u, 1.0, [&](ZrElasticRegistration* m) {
-            twoLevels(m);
-            m->portMetric.setIndex(0, metric);
-            m->portHistogramBins.setValue(32);
-            m->portGradient.setIndex(0, gradient);
-          });
-      EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
-      error[gradient] = o.meanError;
-      ZrObjectPool::getTheObjectPool()->clear();
-    }
-    EXPECT_LT(error[1], 0.5) << "metric " << metric;
-    EXPECT_LT(error[1], error[0] + 0.05) << "metric " << metric;
-  }
-  const int flat[3] = {64, 64, 1};
-  const Deformation v = deformationFor(flat, 1.0);
   double error[2];
   for (int gradient = 0; gradient < 2; gradient++) {
-    SCOPED_TRACE(testing::Message() << "flat, gradient " << gradient);
-    Outcome o = run(
-        makeReference(flat, v, QB_FLOAT, 1.0, 1.0, 12.0), makeModel(flat, QB_FLOAT, 1.0, 1.0, 12.0),
-        v, 1.0,
-        [&](ZrElasticRegistration* m) {
-          twoLevels(m);
-          m->portHistogramBins.setValue(32);
-          m->portRegularization.setValue(0, 0.01f);
-          m->portRegularization.setValue(1, 0.01f);
-          m->portGradient.setIndex(0, gradient);
-        },
-        12.0);
-    EXPECT_EQ(o.module->dimensionMode, 2);
-    EXPECT_EQ(o.module->splineTransform->gridSize[2], 1);
-    EXPECT_EQ(o.module->splineTransform->gridSize[0], 11);
+    SCOPED_TRACE(testing::Message() << "gradient " << gradient);
+    Outcome o = run(makeReference(dims, u), makeModel(dims), u, 1.0, [&](ZrElasticRegistration* m) {
+      twoLevels(m);
+      m->portHistogramBins.setValue(32);
+      m->portGradient.setIndex(0, gradient);
+    });
     EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
-    EXPECT_LT(o.meanError, 0.5);
     error[gradient] = o.meanError;
     ZrObjectPool::getTheObjectPool()->clear();
   }
+  EXPECT_LT(error[1], 0.5);
   EXPECT_LT(error[1], error[0] + 0.05);
-}
-
-TEST_F(ElasticRunTest, LabelPairWithLabelDifference) {
-  const int dims[3] = {32, 32, 24};
-  const Deformation u = deformationFor(dims, 1.0);
-  auto labels = [&](bool deformed) {
-    return makeField(
-        dims, QB_UINT8,
-        [&](double x, double y, double z) {
-          double d[3] = {0, 0, 0};
-          const double p[3] = {x, y, z};
-          if (deformed)
-            u(p, d);
-          return labelOf(blobImage(x + d[0], y + d[1], z + d[2]));
-        },
-        true);
-  };
-  ZrUniformScalarField3* reference = labels(true);
-  ZrUniformScalarField3* model = labels(false);
-  auto mismatches = [&](const ZrRegScalarField3& a) {
-    long n = 0;
-    for (size_t i = 0; i < a.lattice.numNodes(); i++)
-      n += a.lattice.getValueAsDouble(i) != reference->lattice.getValueAsDouble(i);
-    return n;
-  };
-  const long before = mismatches(*model);
-  // Thresholded labels leave a flat objective on the coarse level; the
-  // finest level is optimised as well.
-  Outcome o = run(reference, model, u, 1.0, [](ZrElasticRegistration* m) {
-    twoLevels(m);
-    m->portOptions.setValue(0, 0);
-  });
-  ZrElasticRegistration* m = o.module;
-  EXPECT_EQ(m->portMetric.getIndex(0), 4);
-  EXPECT_STREQ(m->portMetric.getLabel(0, 4), "Label difference");
-  EXPECT_EQ((int)m->interpolator, 1) << "the nearest-voxel sampler";
-  ZrRegScalarField3* warp = dynamic_cast<ZrRegScalarField3*>(m->getResult(0));
-  ASSERT_NE(warp, nullptr);
-  for (size_t i = 0; i < warp->lattice.numNodes(); i++) {
-    const double v = warp->lattice.getValueAsDouble(i);
-    ASSERT_TRUE(v == 0 || v == 1 || v == 2) << "invented label " << v;
-  }
-  const long after = mismatches(*warp);
-  std::printf("label mismatches %ld -> %ld\n", before, after);
-  EXPECT_LT(after, before * 6 / 10);
+  const int flat[3] = {64, 64, 1};
+  const Deformation v = deformationFor(flat, 1.0);
+  Outcome o = run(
+      makeReference(flat, v, QB_FLOAT, 1.0, 1.0, 12.0), makeModel(flat, QB_FLOAT, 1.0, 1.0, 12.0),
+      v, 1.0,
+      [&](ZrElasticRegistration* m) {
+        twoLevels(m);
+        m->portHistogramBins.setValue(32);
+        m->portRegularization.setValue(0, 0.01f);
+        m->portRegularization.setValue(1, 0.01f);
+        m->portGradient.setIndex(0, 1);
+      },
+      12.0);
+  EXPECT_EQ(o.module->dimensionMode, 2);
+  EXPECT_EQ(o.module->splineTransform->gridSize[2], 1);
+  EXPECT_EQ(o.module->splineTransform->gridSize[0], 11);
+  EXPECT_LT(o.ssdAfter, 0.1 * o.ssdBefore);
+  EXPECT_LT(o.meanError, 0.5);
 }
 
 TEST_F(ElasticRunTest, LandmarksChangeTheResult) {

@@ -1,5 +1,5 @@
 // Control-lattice bookkeeping of the spline base: parameter flags, the model
-// bracket, the interpolated boundary, smoothing and the vector-field form.
+// bracket and the vector-field form.
 #include "SplineTestSupport.h"
 #include "ZrRegVectorField3.h"
 #include <gtest/gtest.h>
@@ -102,65 +102,4 @@ TEST(RegSplineTransform, ForwardMapWithoutInverseIncludesZ) {
   t3->applyModelTransformInv(w);
   EXPECT_NEAR(w[0], 0.5, 1e-6);
   EXPECT_NEAR(w[2], 2.5, 1e-6);
-}
-
-TEST(RegSplineTransform, InterpolatedBoundaryOnlyGrows) {
-  RegVoxelCubicSplineTransform t(3, false);
-  const float* b = t.interpolatedSpaceBoundary;
-  EXPECT_EQ(b[0], 0.0f);
-  EXPECT_EQ(b[1], -10000000000.0f);
-  t.updateInterpolatedSpaceBoundary(QbBox3f(0, 10, 0, 10, 0, 10));
-  EXPECT_EQ(b[1], 10.0f);
-  // Smaller volume but reaching further on x: ignored.
-  t.updateInterpolatedSpaceBoundary(QbBox3f(-5, 12, 2, 4, 2, 4));
-  EXPECT_EQ(b[0], 0.0f);
-  t.updateInterpolatedSpaceBoundary(QbBox3f(-1, 11, 0, 10, 0, 10));
-  EXPECT_EQ(b[0], -1.0f);
-  EXPECT_EQ(b[1], 11.0f);
-  const float d[3] = {0.5f, 1.0f, 2.0f};
-  t.correctInterpolatedSpaceBoundary(d);
-  t.correctInterpolatedSpaceBoundary(d);
-  EXPECT_EQ(b[0], -2.0f);
-  EXPECT_EQ(b[3], 12.0f);
-  EXPECT_EQ(b[4], -4.0f);
-
-  RegVoxelCubicSplineTransform t2(2, false);
-  t2.updateInterpolatedSpaceBoundary(QbBox3f(0, 10, 0, 10, 3, 3));
-  // In 2-D z does not count in the volume, and is not widened.
-  t2.updateInterpolatedSpaceBoundary(QbBox3f(0, 9, 0, 10, 0, 100));
-  EXPECT_EQ(t2.interpolatedSpaceBoundary[5], 3.0f);
-  t2.correctInterpolatedSpaceBoundary(d);
-  EXPECT_EQ(t2.interpolatedSpaceBoundary[4], 3.0f);
-  EXPECT_EQ(t2.interpolatedSpaceBoundary[5], 3.0f);
-}
-
-TEST(RegSplineTransform, SmoothGridWeights) {
-  std::unique_ptr<RegVoxelCubicSplineTransform> t(lattice(3, 4));
-  const QbDVector<double> old = t->paramVector;
-  // Free points are left as they are.
-  t->smoothGrid(1.0f, 1.0f);
-  EXPECT_TRUE(t->paramVector == old);
-
-  auto at = [&](const QbDVector<double>& p, int i, int j, int k, int c) {
-    return p[3 * (i + 4 * (j + 4 * k)) + c];
-  };
-  memset(t->newControlPoints, 0, 64);
-  t->smoothGrid(1.0f, 1.0f);
-  // Corner point: the plain mean of the 8 existing points around it.
-  for (int c = 0; c < 3; c++) {
-    double s = 0;
-    for (int k = 0; k < 2; k++)
-      for (int j = 0; j < 2; j++)
-        for (int i = 0; i < 2; i++)
-          s += at(old, i, j, k, c);
-    EXPECT_NEAR(at(t->paramVector, 0, 0, 0, c), s / 8, 1e-12);
-  }
-  // Centre weight 0.5: only the diagonal offsets keep weight 1.
-  t->paramVector = old;
-  t->smoothGrid(0.5f, 1.0f);
-  EXPECT_NEAR(at(t->paramVector, 0, 0, 0, 1), at(old, 1, 1, 1, 1), 1e-12);
-  // All weights truncated to 0: 0 / 0.
-  t->paramVector = old;
-  t->smoothGrid(0.5f, 0.5f);
-  EXPECT_TRUE(std::isnan(t->paramVector[0]));
 }

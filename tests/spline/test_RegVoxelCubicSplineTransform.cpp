@@ -310,58 +310,6 @@ TEST(RegVoxelCubicSplineTransform, IncrementalEqualsRecomputation2D) {
   }
 }
 
-TEST(RegVoxelCubicSplineTransform, VolumeOfInfluenceEdges) {
-  // 13 voxels over 4 cells (n = 7): voxel positions 0 .. 12 in a box of 12.
-  const int dims[3] = {13, 13, 13};
-  const float box[6] = {0, 12, 0, 12, 0, 12};
-  const int n[3] = {7, 7, 7};
-  CubicFixture f(dims, box, n);
-  const RegVoxelCubicSplineTransform& t = *f.t;
-  float from[3], to[3];
-  // Point (0, 0, 0): cells -3 .. 0, so voxels 0 .. last of cell 0 (3 per cell).
-  t.getVolumeOfInfluence(0, from, to, 0);
-  for (int a = 0; a < 3; a++) {
-    EXPECT_EQ(from[a], 0.0f);
-    EXPECT_EQ(to[a], 2.0f);
-  }
-  // Last point: only cell n - 4 exists, up to the last voxel (the box max).
-  t.getVolumeOfInfluence(3 * 7 * 7 * 7 - 1, from, to, 0);
-  for (int a = 0; a < 3; a++) {
-    EXPECT_EQ(from[a], 9.0f);
-    EXPECT_EQ(to[a], 12.0f);
-  }
-  // Interior point i = 3 full: cells 0 .. 3; narrow: cells 1 .. 2.
-  const int idx = 3 * (3 + 7 * (3 + 7 * 3));
-  t.getVolumeOfInfluence(idx, from, to, 0);
-  EXPECT_EQ(from[0], 0.0f);
-  EXPECT_EQ(to[0], 12.0f);
-  t.getVolumeOfInfluence(idx, from, to, 1);
-  EXPECT_EQ(from[1], 3.0f);
-  EXPECT_EQ(to[1], 8.0f);
-  // Without fast mode -1 is full; with it -1 is narrow and 0 still full.
-  t.getVolumeOfInfluence(idx, from, to, -1);
-  EXPECT_EQ(from[2], 0.0f);
-  CubicFixture fast(dims, box, n, 3, true);
-  fast.t->getVolumeOfInfluence(idx, from, to, -1);
-  EXPECT_EQ(from[2], 3.0f);
-  EXPECT_EQ(to[2], 8.0f);
-  fast.t->getVolumeOfInfluence(idx, from, to, 0);
-  EXPECT_EQ(from[2], 0.0f);
-
-  // Voxels coarser than the lattice: 3 voxels over 8 cells, cells 0, 4, 7.
-  const int d2[3] = {3, 3, 3};
-  const float b2[6] = {0, 2, 0, 2, 0, 2};
-  const int n2[3] = {11, 11, 11};
-  CubicFixture c(d2, b2, n2);
-  EXPECT_EQ(c.t->interpolantsX[1].cell, 4);
-  c.t->getVolumeOfInfluence(3 * 3, from, to, 1); // i = 3, narrow: cells 1 .. 2
-  EXPECT_EQ(from[0], 1.0f);
-  EXPECT_EQ(to[0], 0.0f);                        // empty: to = from - 1
-  c.t->getVolumeOfInfluence(3 * 2, from, to, 0); // i = 2: cells -1 .. 2
-  EXPECT_EQ(from[0], 0.0f);
-  EXPECT_EQ(to[0], 0.0f);
-}
-
 TEST(RegVoxelCubicSplineTransform, SequenceOnLatticeWiderThanScratch) {
   // 300 points along x: more columns than the fixed scratch holds.
   const int dims[3] = {600, 3, 2};
