@@ -10,10 +10,12 @@
 #include "ZrLandmarkSet.h"
 #include "ZrMessage.h"
 #include "ZrRegScalarField3.h"
+#include "ZrSettingsMgr.h"
 #include "ZrWorkArea.h"
 #include "qbmalloc.h"
 #include "reg_evaluate.h"
 
+#include <algorithm>
 #include <cfloat>
 #include <climits>
 #include <cmath>
@@ -63,7 +65,7 @@ RegElasticFunctional::RegElasticFunctional(const QbDArray<ZrSpatialData*>& refer
   }
   this->fixLowEntropy = fixLowEntropy;
   numThreads = getNumberOfProcessors();
-  if (numThreads > 2)
+  if (usesWorkers())
     ZrMessage::getTheMsg()->printf("using %d threads\n", numThreads);
 
   if (transform) {
@@ -144,7 +146,12 @@ RegElasticFunctional::~RegElasticFunctional() {
     freeBuffer(b);
 }
 
-short RegElasticFunctional::getNumberOfProcessors() { return 1; }
+short RegElasticFunctional::getNumberOfProcessors() {
+  // The host's thread count (--threads, ZR_NUM_THREADS, else the machine's
+  // cores), so that the gradient uses what the user gave the whole run.
+  const int n = ZrSettingsMgr::getInstance()->getNumThreads();
+  return (short)std::max(1, std::min(n, (int)SHRT_MAX));
+}
 
 bool RegElasticFunctional::checkRegularizer(ZrSpatialData* reference, float energyWeight,
                                             float jacobianWeight, bool regularClass) {
@@ -253,13 +260,13 @@ void RegElasticFunctional::init() {
     reallocBuffer(gridPartialZ, (size_t)nx * ny * cp[2]);
     reallocBuffer(incPlane0, planeFloats);
     reallocBuffer(incLine0, lineFloats);
-    if (numThreads < 3) {
+    {
       reallocBuffer(incGrid, M);
       for (size_t k = 0; k < M; k++)
         incGrid[k].z = 0.0f;
     }
   }
-  if (numThreads > 2)
+  if (usesWorkers())
     createThreads();
 
   delete analyticGradient;
@@ -369,8 +376,9 @@ double RegElasticFunctional::evaluate(QbDVector<double>& gradient, double step, 
   const int n = transform->getParamVectorDim();
   if (gradient.size() < n)
     gradient.resize(n);
-  if (numThreads > 2) {
-    runThreads(gradient, step, keepAll, base);
+  if (usesWorkers()) {
+    if (!runThreads(gradient, step, keepAll, base))
+      return REG_INVALID_VALUE;
     return getWeightedResult(base);
   }
   QbDVector<double>& params = transform->paramVector;
@@ -452,7 +460,7 @@ void RegElasticFunctional::createThreads() {
   }
 }
 
-void RegElasticFunctional::runThreads(QbDVector<double>& gradient, double step, int keepAll,
+bool RegElasticFunctional::runThreads(QbDVector<double>& gradient, double step, int keepAll,
                                       double base) {
   for (int i = 0; i < threads.size(); i++) {
     QbDVector<double> params(transform->paramVector);
@@ -463,6 +471,8 @@ void RegElasticFunctional::runThreads(QbDVector<double>& gradient, double step, 
   }
   for (int i = 0; i < threads.size(); i++)
     threads[i]->wait();
+  // The workers stop at the user's request, leaving their entries unset.
+  return !ZrWorkArea::getTheWorkArea()->wasInterrupted(1);
 }
 
 void RegElasticFunctional::updateFixedControlPoints() {

@@ -45,7 +45,7 @@ class RegElasticFunctional : public RegFunctional {
 public:
   // `transform` cast down; null when the transform is no voxel spline.
   RegSplineTransform* splineTransform = nullptr;
-  // Workers of the parallel gradient; empty unless numThreads is above 2.
+  // Workers of the parallel gradient; empty unless numThreads is above 1.
   QbDArray<RegElasticFunctionalThread*> threads;
   QbDArray<ZrFieldEvaluator*> threadEvaluators;
   QbDArray<ZrLocation3*> threadLocations;
@@ -175,9 +175,11 @@ public:
   // Minus the mean squared distance of the transformed reference landmarks
   // to the model landmarks.
   double evaluateLandmarks() const;
-  // Processors for the parallel gradient: the constant 1, so that the serial
-  // loop runs.
+  // Threads for the gradient: the host's thread count, at least 1.
   short getNumberOfProcessors();
+  // The gradient runs on workers (two threads or more) rather than in the
+  // serial loop.
+  bool usesWorkers() const { return numThreads > 1; }
 
   // The general class has no two-dimensional regularised form. Returns false,
   // and prints why, for a two-dimensional reference with a regulariser weight
@@ -187,6 +189,7 @@ public:
                                bool regularClass);
 
 protected:
-  // The gradient loop of the worker threads (numThreads above 2).
-  void runThreads(QbDVector<double>& gradient, double step, int keepAll, double base);
+  // The gradient loop of the worker threads (numThreads above 1). False when
+  // the user stopped the run.
+  bool runThreads(QbDVector<double>& gradient, double step, int keepAll, double base);
 };

@@ -191,15 +191,13 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
   const int n = transform->getParamVectorDim();
   if (gradient.size() < n)
     gradient.resize(n);
-  if (numThreads > 2) {
-    runRegularThreads(gradient, step, keepAll, base);
+  if (usesWorkers()) {
+    if (!runRegularThreads(gradient, step, keepAll, base))
+      return REG_INVALID_VALUE;
+    replaceFoldedEntries(gradient, keepAll);
     return base;
   }
   QbDVector<double>& params = transform->paramVector;
-  // The entry of largest magnitude seen so far, with its sign (keepAll 0
-  // only): it replaces the entries whose probes folded the grid, so that
-  // such a parameter is pushed hard rather than ignored.
-  double largest = 0.0;
   for (int i = 0; i < n; i++) {
     const float s = paramSteps[i];
     if (!(s > 0) && !std::isnan(s)) {
@@ -223,18 +221,33 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
       gradient[i] = (upper - lower) / d;
     else
       gradient[i] = 0.0;
-    // A negative `largest` gives way to the next entry, since no magnitude
-    // lies below it.
-    if (keepAll == 0 && !(std::fabs(gradient[i]) <= largest))
-      largest = gradient[i];
     if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
       return REG_INVALID_VALUE;
+  }
+  replaceFoldedEntries(gradient, keepAll);
+  // No landmark term is added again here: `base` has it once.
+  return base;
+}
+
+void RegElasticFunctionalRegular::replaceFoldedEntries(QbDVector<double>& gradient,
+                                                       int keepAll) const {
+  // The entry of largest magnitude, with its sign, taken in parameter order
+  // over the free parameters whose probes did not fold (keepAll 0 only): it
+  // replaces the folded entries, so that such a parameter is pushed hard
+  // rather than ignored. A negative `largest` gives way to the next entry,
+  // since no magnitude lies below it.
+  const int n = transform->getParamVectorDim();
+  double largest = 0.0;
+  for (int i = 0; i < n; i++) {
+    const float s = paramSteps[i];
+    if (!(s > 0) && !std::isnan(s))
+      continue;
+    if (gradient[i] != REG_INVALID_VALUE && keepAll == 0 && !(std::fabs(gradient[i]) <= largest))
+      largest = gradient[i];
   }
   for (int i = 0; i < n; i++)
     if (gradient[i] == REG_INVALID_VALUE)
       gradient[i] = largest;
-  // No landmark term is added again here: `base` has it once.
-  return base;
 }
 
 void RegElasticFunctionalRegular::createThreads() {
@@ -244,11 +257,11 @@ void RegElasticFunctionalRegular::createThreads() {
   for (int i = 0; i < numThreads; i++)
     regularThreads[i] = new RegElasticFunctionalRegularThread(
         this, i, paramSteps, primType, referenceVoxels, modelVoxels, modelBox, boxFlags, dims,
-        modelDims, influenceBoxes, splineTransform, scaleX, scaleY, scaleZ, landmarksReference,
+        modelDims, influenceBoxes, splineTransform, scaleX, scaleY, scaleZ, landmarksModel,
         numLandmarks, landmarkWeight);
 }
 
-void RegElasticFunctionalRegular::runRegularThreads(QbDVector<double>& gradient, double& step,
+bool RegElasticFunctionalRegular::runRegularThreads(QbDVector<double>& gradient, double& step,
                                                     int& keepAll, double& base) {
   for (int i = 0; i < regularThreads.size(); i++) {
     QbDVector<double> params(transform->paramVector);
@@ -260,6 +273,7 @@ void RegElasticFunctionalRegular::runRegularThreads(QbDVector<double>& gradient,
   }
   for (int i = 0; i < regularThreads.size(); i++)
     regularThreads[i]->wait();
+  return !ZrWorkArea::getTheWorkArea()->wasInterrupted(1);
 }
 
 void RegElasticFunctionalRegular::updateFixedControlPoints() {

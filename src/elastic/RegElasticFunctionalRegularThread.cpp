@@ -4,6 +4,7 @@
 #include "RegMetric.h"
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrMessage.h"
+#include "ZrWorkArea.h"
 #include "qbmalloc.h"
 #include "reg_evaluate_thread.h"
 
@@ -217,6 +218,9 @@ void RegElasticFunctionalRegularThread::run() {
     return;
   const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
   for (int i = threadIndex; i < n; i += functional->numThreads) {
+    // A stop ends every worker; the caller sees it after the join.
+    if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
+      return;
     const float s = paramSteps[i];
     if (!(s > 0) && !std::isnan(s)) {
       gradient[i] = 0.0;
@@ -231,10 +235,10 @@ void RegElasticFunctionalRegularThread::run() {
     const double lower =
         regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateIncremental(i, -d);
     params[i] = (double)saved;
-    // Folded probes give 0 here; the replacement by the largest entry belongs
-    // to the serial loop.
+    // A folded probe leaves the invalid value, which the functional replaces
+    // after the join as the serial loop does.
     if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE)
-      gradient[i] = 0.0;
+      gradient[i] = REG_INVALID_VALUE;
     else if (keepAll == 0 && !(upper > base) && !(lower > base))
       gradient[i] = 0.0;
     else

@@ -35,8 +35,7 @@ public:
   QbVec3f* grid = nullptr;
   float* cachedJacobian = nullptr;
   float* cachedEnergy = nullptr;
-  // Marker set 1 of the functional: the regular worker's landmark term holds
-  // the transformed points against this array.
+  // The functional's model markers, as its own landmark term reads them.
   QbDArray<QbVec3f>* landmarksModel;
   int numLandmarks;
   float landmarkWeight;

@@ -4,6 +4,7 @@
 #include "RegMetric.h"
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrMessage.h"
+#include "ZrWorkArea.h"
 #include "qbmalloc.h"
 #include "reg_evaluate_thread.h"
 
@@ -156,6 +157,9 @@ void RegElasticFunctionalThread::run() {
     return;
   const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
   for (int i = threadIndex; i < n; i += functional->numThreads) {
+    // A stop ends every worker; the caller sees it after the join.
+    if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
+      return;
     const float s = paramSteps[i];
     if (!(s > 0) && !std::isnan(s)) {
       gradient[i] = 0.0;
