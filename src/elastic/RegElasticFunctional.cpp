@@ -260,7 +260,9 @@ void RegElasticFunctional::init() {
     reallocBuffer(gridPartialZ, (size_t)nx * ny * cp[2]);
     reallocBuffer(incPlane0, planeFloats);
     reallocBuffer(incLine0, lineFloats);
-    {
+    // The unregularised probes form the box's positions in their walk; only
+    // the two-dimensional regularised probe keeps them in a buffer.
+    if (is2D && regularizerMode != 0) {
       reallocBuffer(incGrid, M);
       for (size_t k = 0; k < M; k++)
         incGrid[k].z = 0.0f;

@@ -81,7 +81,8 @@ public:
   float* paramSteps = nullptr;
   // Transformed voxel positions: all N, or one line of nx (3-D regularised).
   QbVec3f* grid = nullptr;
-  // New positions of one box, in walking order.
+  // New positions of one box, in walking order; the two-dimensional
+  // regularised probe only (the others form them in their walk).
   QbVec3f* incGrid = nullptr;
   // First derivatives (columns of the Jacobian) and second derivatives.
   QbVec3d* dX = nullptr;

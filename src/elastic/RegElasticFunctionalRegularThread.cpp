@@ -123,12 +123,14 @@ void RegElasticFunctionalRegularThread::init(
       ownsGrid = true;
     } else {
       this->grid = grid;
-      incGrid = (QbVec3f*)qbmalloc(M * sizeof(QbVec3f));
-      for (size_t k = 0; k < M; k++)
-        incGrid[k].z = 0.0f;
       incPlane = (float*)qbmalloc(planeBytes);
       incLine = (float*)qbmalloc(lineBytes);
+      // Only the two-dimensional regularised probe keeps the box's positions
+      // in a buffer; the others form them in their walk.
       if (regularized) {
+        incGrid = (QbVec3f*)qbmalloc(M * sizeof(QbVec3f));
+        for (size_t k = 0; k < M; k++)
+          incGrid[k].z = 0.0f;
         QbVec3d** own[5] = {&incDx, &incDy, &incDxx, &incDyy, &incDxy};
         for (QbVec3d** p : own) {
           *p = (QbVec3d*)qbmalloc(M * sizeof(QbVec3d));

@@ -80,17 +80,14 @@ void RegElasticFunctionalThread::init(QbDVector<double> params, double* gradient
   // find null buffers, which is not tested for.
   try {
     const size_t nx = (size_t)dims[0];
-    const size_t M = (size_t)maxInfluence[0] * maxInfluence[1] * maxInfluence[2];
     if (energyWeight > 0 || jacobianWeight > 0) {
       for (QbVec3d*& l : lineBuffers)
         l = (QbVec3d*)qbmalloc(nx * sizeof(QbVec3d));
       this->grid = (QbVec3f*)qbmalloc(nx * sizeof(QbVec3f));
       ownsGrid = true;
     } else {
+      // The probes form the box's positions in their walk: no incGrid.
       this->grid = grid;
-      incGrid = (QbVec3f*)qbmalloc(M * sizeof(QbVec3f));
-      for (size_t k = 0; k < M; k++)
-        incGrid[k].z = 0.0f;
       incPlane = (float*)qbmalloc(3 * sizeof(float) * maxInfluence[0] * maxInfluence[1]);
       incLine = (float*)qbmalloc(3 * sizeof(float) * maxInfluence[0]);
     }

@@ -22,6 +22,7 @@
 #include "ZrFieldEvaluator.h"
 #include "ZrLocation3.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -274,36 +275,74 @@ inline void reg_evaluateElasticWalk(const T* ref, const int* dims, const S& samp
   }
 }
 
-// One probe of the unregularised forms: the new positions of the box of
-// parameter `index` moved by `delta` come from the cached grid, and each voxel
-// of the box swaps its cached sample for a new one in `metric`.
+// One probe of the unregularised forms: each voxel of the box of parameter
+// `index` swaps its cached sample for one at its new position. The move is
+// separable, delta times the product of the point's x, y and z weights along
+// the parameter's local direction, so the new positions are formed in the
+// walk from the cached grid, with the arithmetic of
+// getTransformedGridIncremental and without a buffer of the box. `row` holds
+// at least the box's width in floats. The parameters are not read, and with
+// a model transformation the move follows the local direction of the world
+// parameter: no mapping into local coordinates is needed.
 template <class T, class S>
 inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, const int* box,
                                    const float* cachedSamples, RegMetric* metric, const S& sampler,
                                    RegVoxelCubicSplineTransform* transform,
-                                   QbDVector<double>& params, const QbVec3f* grid, QbVec3f* incGrid,
-                                   float* plane, float* line, float delta) {
+                                   QbDVector<double>& params, const QbVec3f* grid, float* row,
+                                   float delta) {
   // A control point whose cells hold no voxel changes nothing.
   if (reg_boxIsEmpty(box))
     return;
   const int nx = dims[0], ny = dims[1];
   const int x0 = box[0], x1 = box[1], y0 = box[2], y1 = box[3], z0 = box[4], z1 = box[5];
-  // The new positions follow from the cached grid and delta alone (the
-  // parameters are not read), and with a model transformation the routine
-  // moves them along the local direction of the world parameter: no mapping
-  // of the parameters into local coordinates is needed here.
-  transform->getTransformedGridIncremental(params, index, incGrid, grid, box, plane, line, delta);
+  const int w = x1 - x0 + 1;
+  transform->getIncrementalRow(index, box, delta, row);
+  const int c = index % 3, cp = index / 3;
+  const int gx = transform->gridSize[0], gy = transform->gridSize[1];
+  const int firstY = std::min(3, (cp / gx) % gy), firstZ = std::min(3, cp / (gx * gy));
+  double dir[3];
+  transform->getLocalDirection(c, dir);
+  const bool along = !transform->modelTransformed;
+  const bool flat = transform->is2D;
+  const RegSplineInterpolant* iy = transform->interpolantsY;
+  const RegSplineInterpolant* iz = transform->interpolantsZ;
   size_t v = ((size_t)z0 * ny + y0) * nx + x0;
-  const size_t rowSkip = (size_t)(nx - 1 + x0 - x1);
+  const size_t rowSkip = (size_t)(nx - w);
   const size_t planeSkip = (size_t)(ny - 1 + y0 - y1) * nx;
-  QbVec3f* p = incGrid;
   float sample = 0.0f;
-  for (int z = z0; z <= z1; z++, v += planeSkip)
-    for (int y = y0; y <= y1; y++, v += rowSkip)
-      for (int x = x0; x <= x1; x++, v++, p++) {
-        const double r = (double)ref[v];
-        sampler.replace(r, (double)cachedSamples[v], sample, *p);
+  int columnZ = firstZ;
+  for (int z = z0; z <= z1; z++, v += planeSkip) {
+    const double fz =
+        flat ? 1.0 : RegVoxelCubicSplineTransform::incrementalWeight(iz, z, z0, columnZ);
+    int columnY = firstY;
+    for (int y = y0; y <= y1; y++, v += rowSkip) {
+      const double fy = RegVoxelCubicSplineTransform::incrementalWeight(iy, y, y0, columnY);
+      for (int x = 0; x < w; x++, v++) {
+        const float inc = (float)(row[x] * fy);
+        QbVec3f p = grid[v];
+        if (!flat) {
+          if (along) {
+            p[c] = (float)(p[c] + inc * fz);
+          } else {
+            const double m = inc * fz;
+            p.x = (float)(p.x + m * dir[0]);
+            p.y = (float)(p.y + m * dir[1]);
+            p.z = (float)(p.z + m * dir[2]);
+          }
+        } else if (along) {
+          // z is not deformed in two dimensions.
+          if (c < 2)
+            p[c] += inc;
+        } else {
+          p.x = (float)(p.x + inc * dir[0]);
+          p.y = (float)(p.y + inc * dir[1]);
+        }
+        if (flat)
+          p.z = 0.0f;
+        sampler.replace((double)ref[v], (double)cachedSamples[v], sample, p);
       }
+    }
+  }
 }
 
 // Full three-dimensional regularised pass, line by line. With Cache set the
