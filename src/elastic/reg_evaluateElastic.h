@@ -283,7 +283,9 @@ inline void reg_evaluateElasticWalk(const T* ref, const int* dims, const S& samp
 // getTransformedGridIncremental and without a buffer of the box. `row` holds
 // at least the box's width in floats. The parameters are not read, and with
 // a model transformation the move follows the local direction of the world
-// parameter: no mapping into local coordinates is needed.
+// parameter: no mapping into local coordinates is needed. Voxels that the
+// move leaves in place (the point's weight is 0 on the faces of its box, and
+// tiny moves vanish in single precision) are skipped.
 template <class T, class S>
 inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, const int* box,
                                    const float* cachedSamples, RegMetric* metric, const S& sampler,
@@ -317,6 +319,11 @@ inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, con
     int columnY = firstY;
     for (int y = y0; y <= y1; y++, v += rowSkip) {
       const double fy = RegVoxelCubicSplineTransform::incrementalWeight(iy, y, y0, columnY);
+      // A row where the point's weight is 0 keeps its positions and samples.
+      if (fy * fz == 0.0) {
+        v += w;
+        continue;
+      }
       for (int x = 0; x < w; x++, v++) {
         const float inc = (float)(row[x] * fy);
         QbVec3f p = grid[v];
@@ -339,6 +346,11 @@ inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, con
         }
         if (flat)
           p.z = 0.0f;
+        // A voxel that does not move keeps its sample: taking it out and
+        // putting it back would change the statistics by rounding only.
+        const QbVec3f& g = grid[v];
+        if (p.x == g.x && p.y == g.y && p.z == g.z)
+          continue;
         sampler.replace((double)ref[v], (double)cachedSamples[v], sample, p);
       }
     }
