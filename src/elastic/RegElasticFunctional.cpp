@@ -104,6 +104,7 @@ RegElasticFunctional::~RegElasticFunctional() {
   for (int i = 0; i < threadLocations.size(); i++)
     delete threadLocations[i];
   delete metricWork;
+  delete metricBoxOut;
   delete evaluator;
   delete analyticGradient;
   delete landmarksReference;
@@ -173,6 +174,10 @@ void RegElasticFunctional::init() {
   delete metricWork;
   metricWork = nullptr;
   metricWork = metric->clone();
+  delete metricBoxOut;
+  metricBoxOut = nullptr;
+  metricBoxOut = metric->clone();
+  boxOutPoint = -1;
   delete evaluator;
   evaluator = nullptr;
   evaluator = new RegVoxelEvaluator(static_cast<ZrRegScalarField3*>(models[0]), interpolator);
@@ -309,6 +314,7 @@ double RegElasticFunctional::evaluate() {
 
 double RegElasticFunctional::evaluateAndCache() {
   metric->reset();
+  boxOutPoint = -1;
   double result = 0.0;
   REG_ELASTIC_DISPATCH(reg_evaluateAndCache<T>(ref, dims, cachedSamples, metric, splineTransform,
                                                evaluator->location, evaluator->eval, this, grid,
@@ -324,6 +330,37 @@ double RegElasticFunctional::evaluateIncremental(int index, float delta) {
       ref, dims, index, influenceBoxes, cachedSamples, metricWork, splineTransform,
       evaluator->location, evaluator->eval, this, grid, incGrid, incPlane0, incLine0, delta));
   return result;
+}
+
+double RegElasticFunctional::evaluateProbe(int index, float delta) {
+  if (boxOutPoint != index / 3) {
+    reg_restoreCachedState(metric, metricBoxOut);
+    takeOutBox(index);
+    boxOutPoint = index / 3;
+  }
+  reg_restoreCachedState(metricBoxOut, metricWork);
+  return addProbe(index, delta);
+}
+
+void RegElasticFunctional::takeOutBox(int index) {
+  RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
+  const RegElasticFieldSampler sampler{metricBoxOut, evaluator->location, evaluator->eval};
+  double result = 0.0;
+  REG_ELASTIC_DISPATCH((
+      reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, index, influenceBoxes[index],
+                                               cachedSamples, sampler, cubic, grid, incLine0, 0.0f),
+      0.0));
+}
+
+double RegElasticFunctional::addProbe(int index, float delta) {
+  RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
+  const RegElasticFieldSampler sampler{metricWork, evaluator->location, evaluator->eval};
+  double result = 0.0;
+  REG_ELASTIC_DISPATCH(
+      (reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, influenceBoxes[index], cachedSamples,
+                                            sampler, cubic, grid, incLine0, delta),
+       0.0));
+  return getWeightedResult(metricWork->getResult());
 }
 
 double RegElasticFunctional::evaluateWithRegularizer() {
@@ -384,6 +421,7 @@ double RegElasticFunctional::evaluate(QbDVector<double>& gradient, double step, 
     return getWeightedResult(base);
   }
   QbDVector<double>& params = transform->paramVector;
+  boxOutPoint = -1;
   for (int i = 0; i < n; i++) {
     const float s = paramSteps[i];
     if (!(s > 0) && !std::isnan(s)) {
@@ -395,11 +433,9 @@ double RegElasticFunctional::evaluate(QbDVector<double>& gradient, double step, 
     const float saved = (float)params[i];
     const float d = (float)((double)s * step);
     params[i] += (double)d;
-    const double upper =
-        regularized ? evaluateIncrementalWithRegularizer(i) : evaluateIncremental(i, d);
+    const double upper = regularized ? evaluateIncrementalWithRegularizer(i) : evaluateProbe(i, d);
     params[i] = (double)(saved - d);
-    const double lower =
-        regularized ? evaluateIncrementalWithRegularizer(i) : evaluateIncremental(i, -d);
+    const double lower = regularized ? evaluateIncrementalWithRegularizer(i) : evaluateProbe(i, -d);
     params[i] = (double)saved;
     if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE) {
       gradient[i] = 0.0;

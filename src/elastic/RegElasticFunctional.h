@@ -52,6 +52,12 @@ public:
   // Owned clone of `metric`: every probe runs on it, so that `metric` keeps
   // the statistics of the last full pass.
   RegMetric* metricWork = nullptr;
+  // Owned clone of `metric` with the cached samples of the box of control
+  // point `boxOutPoint` taken out (-1: none). The gradient's unregularised
+  // probes of that point, up to six, start from it and only add their new
+  // samples, so that the box is taken out once rather than in every probe.
+  RegMetric* metricBoxOut = nullptr;
+  int boxOutPoint = -1;
   bool is2D = false;
   int dims[3] = {0, 0, 0};
   // Largest extent of any box of influence per axis.
@@ -161,6 +167,10 @@ public:
   virtual double evaluateAndCacheWithRegularizer();
   // One probe: parameter `index` moved by `delta` from the cached state.
   virtual double evaluateIncremental(int index, float delta);
+  // The probe of the gradient loop (unregularised): the value of
+  // evaluateIncremental(index, delta), up to rounding, from the box of the
+  // parameter's control point taken out once for all its probes.
+  double evaluateProbe(int index, float delta);
   // One regularised probe at the transform's present parameters.
   virtual double evaluateIncrementalWithRegularizer(int index);
   virtual double evaluateWithRegularizer();
@@ -190,6 +200,10 @@ public:
                                bool regularClass);
 
 protected:
+  // The two halves of evaluateProbe(): takes the box of parameter `index`
+  // out of metricBoxOut, and adds the samples of one probe to metricWork.
+  virtual void takeOutBox(int index);
+  virtual double addProbe(int index, float delta);
   // The gradient loop of the worker threads (numThreads above 1). False when
   // the user stopped the run.
   bool runThreads(QbDVector<double>& gradient, double step, int keepAll, double base);

@@ -93,6 +93,7 @@ void RegElasticFunctionalRegular::resetEval() {
   boxFlags = (unsigned char)(b0 + 2 * b1 + 4 * b2);
   setSamplingState(metric);
   setSamplingState(metricWork);
+  setSamplingState(metricBoxOut);
 }
 
 // Runs `call` with the C++ type of the voxel type of reference and model;
@@ -123,6 +124,7 @@ double RegElasticFunctionalRegular::evaluate() {
 
 double RegElasticFunctionalRegular::evaluateAndCache() {
   metric->reset();
+  boxOutPoint = -1;
   double result = 0.0;
   REG_REGULAR_DISPATCH(reg_evaluateAndCacheRegular<T>(
       ref, model, modelBox, boxFlags, dims, modelDims, cachedSamples, metric, splineTransform,
@@ -138,6 +140,27 @@ double RegElasticFunctionalRegular::evaluateIncremental(int index, float delta) 
       metricWork, splineTransform, scaleX, scaleY, scaleZ, this, grid, incGrid, incPlane0, incLine0,
       delta));
   return result;
+}
+
+void RegElasticFunctionalRegular::takeOutBox(int index) {
+  RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
+  double result = 0.0;
+  REG_REGULAR_DISPATCH(reg_withElasticVoxelSampler(metricBoxOut, model, [&](const auto& sampler) {
+    reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, index, influenceBoxes[index], cachedSamples,
+                                             sampler, cubic, grid, incLine0, 0.0f);
+    return 0.0;
+  }));
+}
+
+double RegElasticFunctionalRegular::addProbe(int index, float delta) {
+  RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
+  double result = 0.0;
+  REG_REGULAR_DISPATCH(reg_withElasticVoxelSampler(metricWork, model, [&](const auto& sampler) {
+    reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, influenceBoxes[index], cachedSamples,
+                                         sampler, cubic, grid, incLine0, delta);
+    return 0.0;
+  }));
+  return getWeightedResult(metricWork->getResult());
 }
 
 double RegElasticFunctionalRegular::evaluateWithRegularizer() {
@@ -198,6 +221,7 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
     return base;
   }
   QbDVector<double>& params = transform->paramVector;
+  boxOutPoint = -1;
   for (int i = 0; i < n; i++) {
     const float s = paramSteps[i];
     if (!(s > 0) && !std::isnan(s)) {
@@ -208,10 +232,10 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
     const float d = (float)((double)s * step);
     params[i] += (double)d;
     const double upper =
-        regularized ? evaluateIncrementalWithRegularizer(i, d) : evaluateIncremental(i, d);
+        regularized ? evaluateIncrementalWithRegularizer(i, d) : evaluateProbe(i, d);
     params[i] = (double)(saved - d);
     const double lower =
-        regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateIncremental(i, -d);
+        regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateProbe(i, -d);
     params[i] = (double)saved;
     if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE) {
       gradient[i] = REG_INVALID_VALUE;

@@ -57,6 +57,8 @@ public:
   void setSamplingState(RegMetric* m) const;
 
 protected:
+  void takeOutBox(int index) override;
+  double addProbe(int index, float delta) override;
   // False when the user stopped the run.
   bool runRegularThreads(QbDVector<double>& gradient, double& step, int& keepAll, double& base);
   // Gives the entries whose probes folded (the invalid value) the entry of

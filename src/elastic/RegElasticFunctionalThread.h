@@ -87,7 +87,14 @@ public:
             QbVec3f* grid, double energySum, double jacobianSum, float energyWeight,
             float jacobianWeight);
 
+  // This worker's clone of the functional's metric with the box of control
+  // point boxOutPoint taken out (-1: none), as in the functional; owned.
+  RegMetric* metricBoxOut = nullptr;
+  int boxOutPoint = -1;
+
   double evaluateIncremental(int index, float delta);
+  // The functional's evaluateProbe() on this worker's state.
+  double evaluateProbe(int index, float delta);
   double evaluateIncrementalWithRegularizer(int index);
   double getWeightedResult(double result) const;
   double evaluateLandmarks() const;
