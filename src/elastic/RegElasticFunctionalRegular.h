@@ -9,6 +9,7 @@
 #include "RegElasticFunctional.h"
 
 class RegElasticFunctionalRegularThread;
+class RegElasticHistogramProbe;
 
 class RegElasticFunctionalRegular : public RegElasticFunctional {
 public:
@@ -58,7 +59,10 @@ public:
 
 protected:
   void takeOutBox(int index) override;
-  double addProbe(int index, float delta) override;
+  double addProbe(int index, float delta, bool first) override;
+  // The entropies of the mutual information probes, kept up to date over
+  // the bins a probe touches (null for the other metrics); owned.
+  RegElasticHistogramProbe* histogramProbe = nullptr;
   // False when the user stopped the run.
   bool runRegularThreads(QbDVector<double>& gradient, double& step, int& keepAll, double& base);
   // Gives the entries whose probes folded (the invalid value) the entry of

@@ -14,6 +14,7 @@
 #include <cstdint>
 
 class RegElasticFunctionalRegular;
+class RegElasticHistogramProbe;
 class RegMetric;
 class RegSplineTransform;
 
@@ -93,6 +94,8 @@ public:
   // point boxOutPoint taken out (-1: none), as in the functional; owned.
   RegMetric* metricBoxOut = nullptr;
   int boxOutPoint = -1;
+  // As the functional's, for this worker; owned.
+  RegElasticHistogramProbe* histogramProbe = nullptr;
 
   double evaluateIncremental(int index, float delta);
   // The functional's evaluateProbe() on this worker's state.
