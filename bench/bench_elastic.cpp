@@ -37,6 +37,9 @@ namespace {
 const int kDims[3] = {181, 217, 181};
 const float kBox[6] = {0, 180, 0, 216, 0, 180};
 const int kLattice = 11;
+// Histogram bins per axis of the metric; --bins=N sets it (the module's
+// default is 256).
+int gBins = 64;
 
 // A head-sized phantom: an ellipsoid of tissue-like grey values with inner
 // structure and texture, 0 outside.
@@ -93,7 +96,7 @@ struct Run {
       transform->paramVector[i] += 0.1 * r * transform->gridSpacing[i % 3];
     }
     RegMetric* metric =
-        new RegNormMutualInformation(QB_UINT8, QB_UINT8, 0, 255, 0, 255, 64, 64, 1.0);
+        new RegNormMutualInformation(QB_UINT8, QB_UINT8, 0, 255, 0, 255, gBins, gBins, 1.0);
     if (regular)
       functional = std::make_unique<RegElasticFunctionalRegular>(
           d.refs, d.models, RegInterpolatorStandard, transform.get(), metric, nullptr,
@@ -210,13 +213,22 @@ BENCHMARK(BM_CachingPass)
     ->MinTime(1.0);
 BENCHMARK(BM_Probe)->ArgsProduct({{1, 0}, {0, 1}})->Unit(benchmark::kMillisecond)->MinTime(1.0);
 
-// Besides the options of the benchmark library, --threads=LIST (default 1,2)
-// gives the thread counts of the gradient benchmarks,
-// BM_Gradient/regular:R/regularized:Z/threads:N.
+// Besides the options of the benchmark library: --bins=N, the metric's bins
+// per axis (default 64), and --threads=LIST, the thread counts of the
+// gradient benchmarks BM_Gradient/regular:R/regularized:Z/threads:N
+// (default 1,2).
 int main(int argc, char** argv) {
   std::vector<int> counts = {1, 2};
   int kept = 1;
   for (int i = 1; i < argc; i++) {
+    if (std::strncmp(argv[i], "--bins=", 7) == 0) {
+      gBins = std::atoi(argv[i] + 7);
+      if (gBins < 2 || gBins > 4096) {
+        std::fprintf(stderr, "bench_elastic: --bins takes a count from 2 to 4096\n");
+        return 1;
+      }
+      continue;
+    }
     if (std::strncmp(argv[i], "--threads=", 10) == 0) {
       counts = parseCounts(argv[i] + 10);
       if (counts.empty()) {
