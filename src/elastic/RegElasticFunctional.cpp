@@ -304,7 +304,6 @@ double RegElasticFunctional::evaluate() {
   if (analyticGradient && !is2D)
     return analyticGradient->value(*this, false);
   metric->reset();
-  boxOutPoint = -1;
   if (regularizerMode >= 1 && regularizerMode <= 3)
     return evaluateWithRegularizer();
   double result = 0.0;
@@ -324,8 +323,6 @@ double RegElasticFunctional::evaluateAndCache() {
 }
 
 double RegElasticFunctional::evaluateIncremental(int index, float delta) {
-  // metricWork is used here: the probes take their box out anew.
-  boxOutPoint = -1;
   // Every probe starts from the cached statistics, never from the last probe.
   reg_restoreCachedState(metric, metricWork);
   double result = 0.0;
@@ -336,13 +333,13 @@ double RegElasticFunctional::evaluateIncremental(int index, float delta) {
 }
 
 double RegElasticFunctional::evaluateProbe(int index, float delta) {
-  const bool first = boxOutPoint != index / 3;
-  if (first) {
+  if (boxOutPoint != index / 3) {
     reg_restoreCachedState(metric, metricBoxOut);
     takeOutBox(index);
+    boxOutPoint = index / 3;
   }
-  boxOutPoint = index / 3;
-  return addProbe(index, delta, first);
+  reg_restoreCachedState(metricBoxOut, metricWork);
+  return addProbe(index, delta);
 }
 
 void RegElasticFunctional::takeOutBox(int index) {
@@ -355,8 +352,7 @@ void RegElasticFunctional::takeOutBox(int index) {
       0.0));
 }
 
-double RegElasticFunctional::addProbe(int index, float delta, bool) {
-  reg_restoreCachedState(metricBoxOut, metricWork);
+double RegElasticFunctional::addProbe(int index, float delta) {
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
   const RegElasticFieldSampler sampler{metricWork, evaluator->location, evaluator->eval};
   double result = 0.0;
@@ -376,8 +372,6 @@ double RegElasticFunctional::evaluateWithRegularizer() {
 }
 
 double RegElasticFunctional::evaluateAndCacheWithRegularizer() {
-  // metricWork is used here: the probes take their box out anew.
-  boxOutPoint = -1;
   metric->reset();
   double result = 0.0;
   REG_ELASTIC_DISPATCH(reg_evaluateAndCacheWithRegularizer<T>(
@@ -394,8 +388,6 @@ void RegElasticFunctional::cacheLocalParams() {
 }
 
 double RegElasticFunctional::evaluateIncrementalWithRegularizer(int index) {
-  // metricWork is used here: the probes take their box out anew.
-  boxOutPoint = -1;
   reg_restoreCachedState(metric, metricWork);
   savedNumVoxels = numVoxels;
   savedEnergySum = energySum;
@@ -522,8 +514,6 @@ bool RegElasticFunctional::runThreads(QbDVector<double>& gradient, double step, 
 }
 
 void RegElasticFunctional::updateFixedControlPoints() {
-  // metricWork is used here: the probes take their box out anew.
-  boxOutPoint = -1;
   const int numPoints = splineTransform->getParamVectorDim() / 3;
   int* box = (int*)qbmalloc(6 * sizeof(int));
   float* from = nullptr;

@@ -202,9 +202,8 @@ public:
 protected:
   // The two halves of evaluateProbe(): takes the box of parameter `index`
   // out of metricBoxOut, and adds the samples of one probe to metricWork.
-  // `first`: the first probe since the box was taken out.
   virtual void takeOutBox(int index);
-  virtual double addProbe(int index, float delta, bool first);
+  virtual double addProbe(int index, float delta);
   // The gradient loop of the worker threads (numThreads above 1). False when
   // the user stopped the run.
   bool runThreads(QbDVector<double>& gradient, double step, int keepAll, double base);

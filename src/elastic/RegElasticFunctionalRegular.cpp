@@ -2,7 +2,6 @@
 
 #include "RegElasticAnalyticGradient.h"
 #include "RegElasticFunctionalRegularThread.h"
-#include "RegElasticHistogramProbe.h"
 #include "RegMetric.h"
 #include "ZrMessage.h"
 #include "ZrRegScalarField3.h"
@@ -55,7 +54,6 @@ RegElasticFunctionalRegular::~RegElasticFunctionalRegular() {
   for (int i = 0; i < regularThreads.size(); i++)
     delete regularThreads[i];
   regularThreads.clearAndFree();
-  delete histogramProbe;
   qbfree(floatReference);
   qbfree(floatModel);
 }
@@ -115,7 +113,6 @@ double RegElasticFunctionalRegular::evaluate() {
   if (analyticGradient && !is2D)
     return analyticGradient->value(*this, false);
   metric->reset();
-  boxOutPoint = -1;
   if (regularizerMode >= 1 && regularizerMode <= 3)
     return evaluateWithRegularizer();
   double result = 0.0;
@@ -136,8 +133,6 @@ double RegElasticFunctionalRegular::evaluateAndCache() {
 }
 
 double RegElasticFunctionalRegular::evaluateIncremental(int index, float delta) {
-  // metricWork is used here: the probes take their box out anew.
-  boxOutPoint = -1;
   reg_restoreCachedState(metric, metricWork);
   double result = 0.0;
   REG_REGULAR_DISPATCH(reg_evaluateIncrementalRegular<T>(
@@ -157,26 +152,9 @@ void RegElasticFunctionalRegular::takeOutBox(int index) {
   }));
 }
 
-double RegElasticFunctionalRegular::addProbe(int index, float delta, bool first) {
+double RegElasticFunctionalRegular::addProbe(int index, float delta) {
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
   double result = 0.0;
-  if (RegMutualInformation* mi = reg_histogramProbeMetric(metricWork)) {
-    // metricWork stays at the taken-out state between the probes of a point.
-    if (!histogramProbe)
-      histogramProbe = new RegElasticHistogramProbe;
-    if (first) {
-      reg_restoreCachedState(metricBoxOut, metricWork);
-      histogramProbe->beginCache(static_cast<RegMutualInformation*>(metric));
-      histogramProbe->beginPoint(static_cast<RegMutualInformation*>(metricBoxOut), mi);
-    }
-    REG_REGULAR_DISPATCH((reg_walkElasticBox<RegElasticBoxAdd>(
-                              ref, dims, index, influenceBoxes[index], cachedSamples,
-                              RegElasticHistogramSampler<T>{metricWork, model, histogramProbe},
-                              cubic, grid, incLine0, delta),
-                          0.0));
-    return getWeightedResult(histogramProbe->finishProbe());
-  }
-  reg_restoreCachedState(metricBoxOut, metricWork);
   REG_REGULAR_DISPATCH(reg_withElasticVoxelSampler(metricWork, model, [&](const auto& sampler) {
     reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, influenceBoxes[index], cachedSamples,
                                          sampler, cubic, grid, incLine0, delta);
@@ -196,8 +174,6 @@ double RegElasticFunctionalRegular::evaluateWithRegularizer() {
 }
 
 double RegElasticFunctionalRegular::evaluateAndCacheWithRegularizer() {
-  // metricWork is used here: the probes take their box out anew.
-  boxOutPoint = -1;
   metric->reset();
   double result = 0.0;
   REG_REGULAR_DISPATCH(reg_evaluateAndCacheRegular_WithRegularizer<T>(
@@ -210,8 +186,6 @@ double RegElasticFunctionalRegular::evaluateAndCacheWithRegularizer() {
 }
 
 double RegElasticFunctionalRegular::evaluateIncrementalWithRegularizer(int index, float delta) {
-  // metricWork is used here: the probes take their box out anew.
-  boxOutPoint = -1;
   reg_restoreCachedState(metric, metricWork);
   savedRegularNumVoxels = regularNumVoxels;
   savedEnergySum = energySum;

@@ -9,7 +9,6 @@
 #include "RegElasticFunctional.h"
 
 class RegElasticFunctionalRegularThread;
-class RegElasticHistogramProbe;
 
 class RegElasticFunctionalRegular : public RegElasticFunctional {
 public:
@@ -59,10 +58,7 @@ public:
 
 protected:
   void takeOutBox(int index) override;
-  double addProbe(int index, float delta, bool first) override;
-  // The entropies of the mutual information probes, kept up to date over
-  // the bins a probe touches (null for the other metrics); owned.
-  RegElasticHistogramProbe* histogramProbe = nullptr;
+  double addProbe(int index, float delta) override;
   // False when the user stopped the run.
   bool runRegularThreads(QbDVector<double>& gradient, double& step, int& keepAll, double& base);
   // Gives the entries whose probes folded (the invalid value) the entry of

@@ -1,7 +1,6 @@
 #include "RegElasticFunctionalRegularThread.h"
 
 #include "RegElasticFunctionalRegular.h"
-#include "RegElasticHistogramProbe.h"
 #include "RegMetric.h"
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrMessage.h"
@@ -32,7 +31,6 @@ RegElasticFunctionalRegularThread::~RegElasticFunctionalRegularThread() {
   }
   delete metric;
   delete metricBoxOut;
-  delete histogramProbe;
   freeBuffers();
 }
 
@@ -183,8 +181,7 @@ double RegElasticFunctionalRegularThread::evaluateProbe(int index, float delta) 
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(transform);
   const int* box = influenceBoxes[index];
   double result = 0.0;
-  const bool first = boxOutPoint != index / 3;
-  if (first) {
+  if (boxOutPoint != index / 3) {
     reg_restoreCachedState(functional->metric, metricBoxOut);
     REG_REGULAR_THREAD_DISPATCH(
         reg_withElasticVoxelSampler(metricBoxOut, model, [&](const auto& out) {
@@ -193,22 +190,6 @@ double RegElasticFunctionalRegularThread::evaluateProbe(int index, float delta) 
           return 0.0;
         }));
     boxOutPoint = index / 3;
-  }
-  if (RegMutualInformation* mi = reg_histogramProbeMetric(metric)) {
-    // `metric` stays at the taken-out state between the probes of a point.
-    if (!histogramProbe)
-      histogramProbe = new RegElasticHistogramProbe;
-    if (first) {
-      reg_restoreCachedState(metricBoxOut, metric);
-      histogramProbe->beginCache(static_cast<RegMutualInformation*>(functional->metric));
-      histogramProbe->beginPoint(static_cast<RegMutualInformation*>(metricBoxOut), mi);
-    }
-    REG_REGULAR_THREAD_DISPATCH((reg_walkElasticBox<RegElasticBoxAdd>(
-                                     ref, dims, index, box, cachedSamples,
-                                     RegElasticHistogramSampler<T>{metric, model, histogramProbe},
-                                     cubic, grid, incLine, delta),
-                                 0.0));
-    return getWeightedResult(histogramProbe->finishProbe());
   }
   reg_restoreCachedState(metricBoxOut, metric);
   REG_REGULAR_THREAD_DISPATCH(reg_withElasticVoxelSampler(metric, model, [&](const auto& in) {

@@ -14,7 +14,6 @@
 #include <cstdint>
 
 class RegElasticFunctionalRegular;
-class RegElasticHistogramProbe;
 class RegMetric;
 class RegSplineTransform;
 
@@ -94,8 +93,6 @@ public:
   // point boxOutPoint taken out (-1: none), as in the functional; owned.
   RegMetric* metricBoxOut = nullptr;
   int boxOutPoint = -1;
-  // As the functional's, for this worker; owned.
-  RegElasticHistogramProbe* histogramProbe = nullptr;
 
   double evaluateIncremental(int index, float delta);
   // The functional's evaluateProbe() on this worker's state.

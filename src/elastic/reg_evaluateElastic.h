@@ -13,7 +13,6 @@
 #include "QbVec3d.h"
 #include "QbVec3f.h"
 #include "RegCorrelationRatio.h"
-#include "RegElasticHistogramProbe.h"
 #include "RegLabelDifference.h"
 #include "RegMeanSquaredDifference.h"
 #include "RegMetric.h"
@@ -149,33 +148,6 @@ template <class T, class M = RegMetric> struct RegElasticVoxelSampler {
     RegElasticMetricCalls<M>::add(metric, (double)(float)ref, cached);
   }
 };
-
-// The voxel sampler of a mutual information probe after a taking out: the
-// new samples go to a RegElasticHistogramProbe, which keeps the entropies up
-// to date over the bins they touch (grey values only).
-template <class T> struct RegElasticHistogramSampler {
-  RegMetric* metric;
-  const T* model;
-  RegElasticHistogramProbe* probe;
-  inline void operator()(double ref, float& value, QbVec3f& p) const {
-    const float r = (float)ref;
-    value = metric->sampleGrey<T, false>(model, &p);
-    probe->add((double)r, (double)value);
-  }
-  inline void addCached(double ref, double cached) const { probe->add((double)(float)ref, cached); }
-};
-
-// The metric as the mutual information class whose probes a
-// RegElasticHistogramProbe serves (exactly one of the two forms, whose
-// increment it repeats), or null.
-inline RegMutualInformation* reg_histogramProbeMetric(RegMetric* metric) {
-  if (!metric)
-    return nullptr;
-  const std::type_info& t = typeid(*metric);
-  if (t == typeid(RegNormMutualInformation) || t == typeid(RegSimpleMutualInformation))
-    return static_cast<RegMutualInformation*>(metric);
-  return nullptr;
-}
 
 // Runs `walk` with the voxel sampler whose calls bind to the metric's class,
 // where that class is one of those whose increment and decrement are known
@@ -391,7 +363,7 @@ inline void reg_walkElasticBox(const T* ref, const int* dims, int index, const i
         if (unit[x] == 0.0f)
           continue;
         const double r = (double)ref[v];
-        if constexpr (Mode == RegElasticBoxTakeOut) {
+        if (Mode == RegElasticBoxTakeOut) {
           sampler.remove(r, (double)cachedSamples[v]);
           continue;
         }
@@ -418,7 +390,7 @@ inline void reg_walkElasticBox(const T* ref, const int* dims, int index, const i
           p.z = 0.0f;
         const QbVec3f& g = grid[v];
         const bool moved = !(p.x == g.x && p.y == g.y && p.z == g.z);
-        if constexpr (Mode == RegElasticBoxSwap) {
+        if (Mode == RegElasticBoxSwap) {
           if (moved)
             sampler.replace(r, (double)cachedSamples[v], sample, p);
         } else if (moved) {

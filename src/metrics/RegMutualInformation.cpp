@@ -161,8 +161,8 @@ void RegMutualInformation::getJointEntropy(double& h) const {
   }
 }
 
-double RegMutualInformation::overlapWeight(int64_t inside, int64_t total) const {
-  const double f = (double)inside / (double)total;
+double RegMutualInformation::overlapWeight() const {
+  const double f = (double)numInside / (double)numTotal;
   if (maxCoverage > 0 && f / maxCoverage < 0.2)
     return f * 5.0 / maxCoverage;
   return 1.0;

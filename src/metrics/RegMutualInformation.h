@@ -49,11 +49,6 @@ public:
   void getMarginalEntropies(double& ref, double& model) override;
   // Entropy of the joint distribution (natural logarithm).
   void getJointEntropy(double& h) const;
-  // The value of the metric for the given entropies and counts: what
-  // getResult() gives for a histogram with these entropies. Lets a caller
-  // that keeps the entropies up to date itself skip the scan of the bins.
-  virtual double resultOf(double hRef, double hModel, double hJoint, int64_t numInside,
-                          int64_t numTotal) const = 0;
 
   // Bin of one value on one axis of n bins and the weights of that bin and
   // the next. Values below the range put their full weight into bin 0, values
@@ -121,7 +116,7 @@ protected:
   RegMutualInformation(const RegMutualInformation& other);
   // Overlap factor: 1, or the covered fraction times 5 / maxCoverage when it
   // falls below a fifth of maxCoverage.
-  double overlapWeight(int64_t inside, int64_t total) const;
+  double overlapWeight() const;
 };
 
 inline void RegMutualInformation::increment(double ref, double model) {

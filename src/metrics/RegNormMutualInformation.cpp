@@ -17,14 +17,7 @@ double RegNormMutualInformation::getResult() {
   double hRef, hMod, hJoint;
   getMarginalEntropies(hRef, hMod);
   getJointEntropy(hJoint);
-  return resultOf(hRef, hMod, hJoint, numInside, numTotal);
-}
-
-double RegNormMutualInformation::resultOf(double hRef, double hModel, double hJoint, int64_t inside,
-                                          int64_t total) const {
-  if (inside == 0)
-    return -1000.0;
   // No guard against a joint entropy of 0 (two constant images): the
   // division gives infinity or NaN, which the optimizers see as such.
-  return (hRef + hModel) * overlapWeight(inside, total) / hJoint;
+  return (hRef + hMod) * overlapWeight() / hJoint;
 }

@@ -16,8 +16,6 @@ public:
   RegMetric* clone() const override;
   // -1000.0 without samples.
   double getResult() override;
-  double resultOf(double hRef, double hModel, double hJoint, int64_t inside,
-                  int64_t total) const override;
 
 protected:
   RegNormMutualInformation(const RegNormMutualInformation& other) = default;

@@ -20,12 +20,5 @@ double RegSimpleMutualInformation::getResult() {
   double hRef, hMod, hJoint;
   getMarginalEntropies(hRef, hMod);
   getJointEntropy(hJoint);
-  return resultOf(hRef, hMod, hJoint, numInside, numTotal);
-}
-
-double RegSimpleMutualInformation::resultOf(double hRef, double hModel, double hJoint,
-                                            int64_t inside, int64_t total) const {
-  if (inside == 0)
-    return -1000.0;
-  return (hRef + hModel - hJoint) * overlapWeight(inside, total);
+  return (hRef + hMod - hJoint) * overlapWeight();
 }
