@@ -1,12 +1,13 @@
 // The elastic functionals on a 181 x 217 x 181 byte pair with an 11^3 cubic
 // lattice (8 cells per axis, boxes of influence up to 4 cells wide): one
-// caching pass, one probe of an interior parameter, and one whole serial
-// gradient, for the regular and the general class, without and with both
-// regularisers; and the regular class's gradient run through 3 to 16
-// workers, made directly, for the scaling with the number of workers.
+// caching pass, one probe of an interior parameter, and one whole gradient by
+// finite differences for each thread count of --threads, for the regular and
+// the general class, without and with both regularisers.
 //
-// A whole gradient takes tens of seconds; the gradient benchmarks run one
-// iteration each. Filter with --benchmark_filter to run a part.
+// A whole gradient takes seconds to tens of seconds; the gradient benchmarks
+// run one iteration each. Filter with --benchmark_filter to run a part, e.g.
+//   bench_elastic --threads=1,2,4,8,16 --benchmark_filter='BM_Gradient/regular:1/regularized:0'
+// (--benchmark_repetitions=3 repeats each).
 #include "QbBox3f.h"
 #include "QbPrimType.h"
 #include "RegElasticFunctional.h"
@@ -15,20 +16,30 @@
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrLandmarkSet.h"
 #include "ZrMessage.h"
+#include "ZrSettingsMgr.h"
 #include "ZrUniformScalarField3.h"
 
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace {
 
 const int kDims[3] = {181, 217, 181};
 const float kBox[6] = {0, 180, 0, 216, 0, 180};
 const int kLattice = 11;
+// Histogram bins per axis of the metric; --bins=N sets it (the module's
+// default is 256).
+int gBins = 64;
 
 // A head-sized phantom: an ellipsoid of tissue-like grey values with inner
 // structure and texture, 0 outside.
@@ -85,7 +96,7 @@ struct Run {
       transform->paramVector[i] += 0.1 * r * transform->gridSpacing[i % 3];
     }
     RegMetric* metric =
-        new RegNormMutualInformation(QB_UINT8, QB_UINT8, 0, 255, 0, 255, 64, 64, 1.0);
+        new RegNormMutualInformation(QB_UINT8, QB_UINT8, 0, 255, 0, 255, gBins, gBins, 1.0);
     if (regular)
       functional = std::make_unique<RegElasticFunctionalRegular>(
           d.refs, d.models, RegInterpolatorStandard, transform.get(), metric, nullptr,
@@ -149,24 +160,48 @@ void BM_Probe(benchmark::State& state) {
   state.counters["boxVoxels"] = (double)boxVoxels;
 }
 
-void BM_Gradient(benchmark::State& state) {
-  Run run(state.range(0) != 0, state.range(1) != 0);
+// User and system time of the process so far, all threads.
+double processSeconds() {
+  rusage u;
+  getrusage(RUSAGE_SELF, &u);
+  return (double)(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+         1e-6 * (double)(u.ru_utime.tv_usec + u.ru_stime.tv_usec);
+}
+
+// One whole gradient by finite differences with the host's thread count set
+// to `threads` before the functional is made (1: the serial loop, 2 and more:
+// that many workers).
+void gradient(benchmark::State& state, bool regular, bool regularized, int threads) {
+  ZrSettingsMgr::getInstance()->setNumThreads(threads);
+  Run run(regular, regularized);
   QbDVector<double> g(run.transform->paramVector.size());
+  const double cpu0 = processSeconds();
   for (auto _ : state)
     benchmark::DoNotOptimize(run.functional->evaluate(g, 0.5, 1));
   state.counters["params"] = (double)g.size();
+  state.counters["threads"] = (double)run.functional->numThreads;
+  // CPU seconds of all threads per gradient: on a loaded machine the wall
+  // time says little, and this shows what the threads cost together.
+  state.counters["cpu_s"] = (processSeconds() - cpu0) / (double)state.iterations();
 }
 
-// The regular class's gradient through `workers` workers (3 and more; fewer
-// run the serial loop).
-void BM_GradientWorkers(benchmark::State& state) {
-  Run run(true, state.range(1) != 0);
-  run.functional->numThreads = (short)state.range(0);
-  run.functional->createThreads();
-  QbDVector<double> g(run.transform->paramVector.size());
-  for (auto _ : state)
-    benchmark::DoNotOptimize(run.functional->evaluate(g, 0.5, 1));
-  state.counters["workers"] = (double)state.range(0);
+// "1,2,4" to {1, 2, 4}; nothing for a malformed list.
+std::vector<int> parseCounts(const char* text) {
+  std::vector<int> out;
+  const char* p = text;
+  while (*p) {
+    char* end = nullptr;
+    const long n = std::strtol(p, &end, 10);
+    if (end == p || n < 1 || n > 4096)
+      return {};
+    out.push_back((int)n);
+    p = end;
+    if (*p == ',')
+      p++;
+    else if (*p)
+      return {};
+  }
+  return out;
 }
 
 } // namespace
@@ -177,14 +212,51 @@ BENCHMARK(BM_CachingPass)
     ->Unit(benchmark::kMillisecond)
     ->MinTime(1.0);
 BENCHMARK(BM_Probe)->ArgsProduct({{1, 0}, {0, 1}})->Unit(benchmark::kMillisecond)->MinTime(1.0);
-BENCHMARK(BM_Gradient)
-    ->ArgsProduct({{1, 0}, {0, 1}})
-    ->Unit(benchmark::kSecond)
-    ->Iterations(1)
-    ->UseRealTime();
-// Arguments: (workers, regularised).
-BENCHMARK(BM_GradientWorkers)
-    ->ArgsProduct({{3, 4, 8, 16}, {0, 1}})
-    ->Unit(benchmark::kSecond)
-    ->Iterations(1)
-    ->UseRealTime();
+
+// Besides the options of the benchmark library: --bins=N, the metric's bins
+// per axis (default 64), and --threads=LIST, the thread counts of the
+// gradient benchmarks BM_Gradient/regular:R/regularized:Z/threads:N
+// (default 1,2).
+int main(int argc, char** argv) {
+  std::vector<int> counts = {1, 2};
+  int kept = 1;
+  for (int i = 1; i < argc; i++) {
+    if (std::strncmp(argv[i], "--bins=", 7) == 0) {
+      gBins = std::atoi(argv[i] + 7);
+      if (gBins < 2 || gBins > 4096) {
+        std::fprintf(stderr, "bench_elastic: --bins takes a count from 2 to 4096\n");
+        return 1;
+      }
+      continue;
+    }
+    if (std::strncmp(argv[i], "--threads=", 10) == 0) {
+      counts = parseCounts(argv[i] + 10);
+      if (counts.empty()) {
+        std::fprintf(stderr, "bench_elastic: --threads takes counts like 1,2,4,8,16\n");
+        return 1;
+      }
+      continue;
+    }
+    argv[kept++] = argv[i];
+  }
+  argc = kept;
+  for (int regular : {1, 0})
+    for (int regularized : {0, 1})
+      for (int t : counts) {
+        const std::string name = "BM_Gradient/regular:" + std::to_string(regular) +
+                                 "/regularized:" + std::to_string(regularized) +
+                                 "/threads:" + std::to_string(t);
+        benchmark::RegisterBenchmark(
+            name.c_str(),
+            [=](benchmark::State& st) { gradient(st, regular != 0, regularized != 0, t); })
+            ->Unit(benchmark::kSecond)
+            ->Iterations(1)
+            ->UseRealTime();
+      }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv))
+    return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -10,10 +10,12 @@
 #include "ZrLandmarkSet.h"
 #include "ZrMessage.h"
 #include "ZrRegScalarField3.h"
+#include "ZrSettingsMgr.h"
 #include "ZrWorkArea.h"
 #include "qbmalloc.h"
 #include "reg_evaluate.h"
 
+#include <algorithm>
 #include <cfloat>
 #include <climits>
 #include <cmath>
@@ -63,7 +65,7 @@ RegElasticFunctional::RegElasticFunctional(const QbDArray<ZrSpatialData*>& refer
   }
   this->fixLowEntropy = fixLowEntropy;
   numThreads = getNumberOfProcessors();
-  if (numThreads > 2)
+  if (usesWorkers())
     ZrMessage::getTheMsg()->printf("using %d threads\n", numThreads);
 
   if (transform) {
@@ -102,6 +104,7 @@ RegElasticFunctional::~RegElasticFunctional() {
   for (int i = 0; i < threadLocations.size(); i++)
     delete threadLocations[i];
   delete metricWork;
+  delete metricBoxOut;
   delete evaluator;
   delete analyticGradient;
   delete landmarksReference;
@@ -144,7 +147,12 @@ RegElasticFunctional::~RegElasticFunctional() {
     freeBuffer(b);
 }
 
-short RegElasticFunctional::getNumberOfProcessors() { return 1; }
+short RegElasticFunctional::getNumberOfProcessors() {
+  // The host's thread count (--threads, ZR_NUM_THREADS, else the machine's
+  // cores), so that the gradient uses what the user gave the whole run.
+  const int n = ZrSettingsMgr::getInstance()->getNumThreads();
+  return (short)std::max(1, std::min(n, (int)SHRT_MAX));
+}
 
 bool RegElasticFunctional::checkRegularizer(ZrSpatialData* reference, float energyWeight,
                                             float jacobianWeight, bool regularClass) {
@@ -166,6 +174,10 @@ void RegElasticFunctional::init() {
   delete metricWork;
   metricWork = nullptr;
   metricWork = metric->clone();
+  delete metricBoxOut;
+  metricBoxOut = nullptr;
+  metricBoxOut = metric->clone();
+  boxOutPoint = -1;
   delete evaluator;
   evaluator = nullptr;
   evaluator = new RegVoxelEvaluator(static_cast<ZrRegScalarField3*>(models[0]), interpolator);
@@ -253,13 +265,15 @@ void RegElasticFunctional::init() {
     reallocBuffer(gridPartialZ, (size_t)nx * ny * cp[2]);
     reallocBuffer(incPlane0, planeFloats);
     reallocBuffer(incLine0, lineFloats);
-    if (numThreads < 3) {
+    // The unregularised probes form the box's positions in their walk; only
+    // the two-dimensional regularised probe keeps them in a buffer.
+    if (is2D && regularizerMode != 0) {
       reallocBuffer(incGrid, M);
       for (size_t k = 0; k < M; k++)
         incGrid[k].z = 0.0f;
     }
   }
-  if (numThreads > 2)
+  if (usesWorkers())
     createThreads();
 
   delete analyticGradient;
@@ -300,6 +314,7 @@ double RegElasticFunctional::evaluate() {
 
 double RegElasticFunctional::evaluateAndCache() {
   metric->reset();
+  boxOutPoint = -1;
   double result = 0.0;
   REG_ELASTIC_DISPATCH(reg_evaluateAndCache<T>(ref, dims, cachedSamples, metric, splineTransform,
                                                evaluator->location, evaluator->eval, this, grid,
@@ -315,6 +330,37 @@ double RegElasticFunctional::evaluateIncremental(int index, float delta) {
       ref, dims, index, influenceBoxes, cachedSamples, metricWork, splineTransform,
       evaluator->location, evaluator->eval, this, grid, incGrid, incPlane0, incLine0, delta));
   return result;
+}
+
+double RegElasticFunctional::evaluateProbe(int index, float delta) {
+  if (boxOutPoint != index / 3) {
+    reg_restoreCachedState(metric, metricBoxOut);
+    takeOutBox(index);
+    boxOutPoint = index / 3;
+  }
+  reg_restoreCachedState(metricBoxOut, metricWork);
+  return addProbe(index, delta);
+}
+
+void RegElasticFunctional::takeOutBox(int index) {
+  RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
+  const RegElasticFieldSampler sampler{metricBoxOut, evaluator->location, evaluator->eval};
+  double result = 0.0;
+  REG_ELASTIC_DISPATCH((
+      reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, index, influenceBoxes[index],
+                                               cachedSamples, sampler, cubic, grid, incLine0, 0.0f),
+      0.0));
+}
+
+double RegElasticFunctional::addProbe(int index, float delta) {
+  RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
+  const RegElasticFieldSampler sampler{metricWork, evaluator->location, evaluator->eval};
+  double result = 0.0;
+  REG_ELASTIC_DISPATCH(
+      (reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, influenceBoxes[index], cachedSamples,
+                                            sampler, cubic, grid, incLine0, delta),
+       0.0));
+  return getWeightedResult(metricWork->getResult());
 }
 
 double RegElasticFunctional::evaluateWithRegularizer() {
@@ -369,11 +415,13 @@ double RegElasticFunctional::evaluate(QbDVector<double>& gradient, double step, 
   const int n = transform->getParamVectorDim();
   if (gradient.size() < n)
     gradient.resize(n);
-  if (numThreads > 2) {
-    runThreads(gradient, step, keepAll, base);
+  if (usesWorkers()) {
+    if (!runThreads(gradient, step, keepAll, base))
+      return REG_INVALID_VALUE;
     return getWeightedResult(base);
   }
   QbDVector<double>& params = transform->paramVector;
+  boxOutPoint = -1;
   for (int i = 0; i < n; i++) {
     const float s = paramSteps[i];
     if (!(s > 0) && !std::isnan(s)) {
@@ -385,11 +433,9 @@ double RegElasticFunctional::evaluate(QbDVector<double>& gradient, double step, 
     const float saved = (float)params[i];
     const float d = (float)((double)s * step);
     params[i] += (double)d;
-    const double upper =
-        regularized ? evaluateIncrementalWithRegularizer(i) : evaluateIncremental(i, d);
+    const double upper = regularized ? evaluateIncrementalWithRegularizer(i) : evaluateProbe(i, d);
     params[i] = (double)(saved - d);
-    const double lower =
-        regularized ? evaluateIncrementalWithRegularizer(i) : evaluateIncremental(i, -d);
+    const double lower = regularized ? evaluateIncrementalWithRegularizer(i) : evaluateProbe(i, -d);
     params[i] = (double)saved;
     if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE) {
       gradient[i] = 0.0;
@@ -452,7 +498,7 @@ void RegElasticFunctional::createThreads() {
   }
 }
 
-void RegElasticFunctional::runThreads(QbDVector<double>& gradient, double step, int keepAll,
+bool RegElasticFunctional::runThreads(QbDVector<double>& gradient, double step, int keepAll,
                                       double base) {
   for (int i = 0; i < threads.size(); i++) {
     QbDVector<double> params(transform->paramVector);
@@ -463,6 +509,8 @@ void RegElasticFunctional::runThreads(QbDVector<double>& gradient, double step, 
   }
   for (int i = 0; i < threads.size(); i++)
     threads[i]->wait();
+  // The workers stop at the user's request, leaving their entries unset.
+  return !ZrWorkArea::getTheWorkArea()->wasInterrupted(1);
 }
 
 void RegElasticFunctional::updateFixedControlPoints() {

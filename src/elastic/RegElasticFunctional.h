@@ -45,13 +45,19 @@ class RegElasticFunctional : public RegFunctional {
 public:
   // `transform` cast down; null when the transform is no voxel spline.
   RegSplineTransform* splineTransform = nullptr;
-  // Workers of the parallel gradient; empty unless numThreads is above 2.
+  // Workers of the parallel gradient; empty unless numThreads is above 1.
   QbDArray<RegElasticFunctionalThread*> threads;
   QbDArray<ZrFieldEvaluator*> threadEvaluators;
   QbDArray<ZrLocation3*> threadLocations;
   // Owned clone of `metric`: every probe runs on it, so that `metric` keeps
   // the statistics of the last full pass.
   RegMetric* metricWork = nullptr;
+  // Owned clone of `metric` with the cached samples of the box of control
+  // point `boxOutPoint` taken out (-1: none). The gradient's unregularised
+  // probes of that point, up to six, start from it and only add their new
+  // samples, so that the box is taken out once rather than in every probe.
+  RegMetric* metricBoxOut = nullptr;
+  int boxOutPoint = -1;
   bool is2D = false;
   int dims[3] = {0, 0, 0};
   // Largest extent of any box of influence per axis.
@@ -81,7 +87,8 @@ public:
   float* paramSteps = nullptr;
   // Transformed voxel positions: all N, or one line of nx (3-D regularised).
   QbVec3f* grid = nullptr;
-  // New positions of one box, in walking order.
+  // New positions of one box, in walking order; the two-dimensional
+  // regularised probe only (the others form them in their walk).
   QbVec3f* incGrid = nullptr;
   // First derivatives (columns of the Jacobian) and second derivatives.
   QbVec3d* dX = nullptr;
@@ -160,6 +167,10 @@ public:
   virtual double evaluateAndCacheWithRegularizer();
   // One probe: parameter `index` moved by `delta` from the cached state.
   virtual double evaluateIncremental(int index, float delta);
+  // The probe of the gradient loop (unregularised): the value of
+  // evaluateIncremental(index, delta), up to rounding, from the box of the
+  // parameter's control point taken out once for all its probes.
+  double evaluateProbe(int index, float delta);
   // One regularised probe at the transform's present parameters.
   virtual double evaluateIncrementalWithRegularizer(int index);
   virtual double evaluateWithRegularizer();
@@ -175,9 +186,11 @@ public:
   // Minus the mean squared distance of the transformed reference landmarks
   // to the model landmarks.
   double evaluateLandmarks() const;
-  // Processors for the parallel gradient: the constant 1, so that the serial
-  // loop runs.
+  // Threads for the gradient: the host's thread count, at least 1.
   short getNumberOfProcessors();
+  // The gradient runs on workers (two threads or more) rather than in the
+  // serial loop.
+  bool usesWorkers() const { return numThreads > 1; }
 
   // The general class has no two-dimensional regularised form. Returns false,
   // and prints why, for a two-dimensional reference with a regulariser weight
@@ -187,6 +200,11 @@ public:
                                bool regularClass);
 
 protected:
-  // The gradient loop of the worker threads (numThreads above 2).
-  void runThreads(QbDVector<double>& gradient, double step, int keepAll, double base);
+  // The two halves of evaluateProbe(): takes the box of parameter `index`
+  // out of metricBoxOut, and adds the samples of one probe to metricWork.
+  virtual void takeOutBox(int index);
+  virtual double addProbe(int index, float delta);
+  // The gradient loop of the worker threads (numThreads above 1). False when
+  // the user stopped the run.
+  bool runThreads(QbDVector<double>& gradient, double step, int keepAll, double base);
 };

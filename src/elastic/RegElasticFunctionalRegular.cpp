@@ -93,6 +93,7 @@ void RegElasticFunctionalRegular::resetEval() {
   boxFlags = (unsigned char)(b0 + 2 * b1 + 4 * b2);
   setSamplingState(metric);
   setSamplingState(metricWork);
+  setSamplingState(metricBoxOut);
 }
 
 // Runs `call` with the C++ type of the voxel type of reference and model;
@@ -123,6 +124,7 @@ double RegElasticFunctionalRegular::evaluate() {
 
 double RegElasticFunctionalRegular::evaluateAndCache() {
   metric->reset();
+  boxOutPoint = -1;
   double result = 0.0;
   REG_REGULAR_DISPATCH(reg_evaluateAndCacheRegular<T>(
       ref, model, modelBox, boxFlags, dims, modelDims, cachedSamples, metric, splineTransform,
@@ -138,6 +140,27 @@ double RegElasticFunctionalRegular::evaluateIncremental(int index, float delta) 
       metricWork, splineTransform, scaleX, scaleY, scaleZ, this, grid, incGrid, incPlane0, incLine0,
       delta));
   return result;
+}
+
+void RegElasticFunctionalRegular::takeOutBox(int index) {
+  RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
+  double result = 0.0;
+  REG_REGULAR_DISPATCH(reg_withElasticVoxelSampler(metricBoxOut, model, [&](const auto& sampler) {
+    reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, index, influenceBoxes[index], cachedSamples,
+                                             sampler, cubic, grid, incLine0, 0.0f);
+    return 0.0;
+  }));
+}
+
+double RegElasticFunctionalRegular::addProbe(int index, float delta) {
+  RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
+  double result = 0.0;
+  REG_REGULAR_DISPATCH(reg_withElasticVoxelSampler(metricWork, model, [&](const auto& sampler) {
+    reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, influenceBoxes[index], cachedSamples,
+                                         sampler, cubic, grid, incLine0, delta);
+    return 0.0;
+  }));
+  return getWeightedResult(metricWork->getResult());
 }
 
 double RegElasticFunctionalRegular::evaluateWithRegularizer() {
@@ -191,15 +214,14 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
   const int n = transform->getParamVectorDim();
   if (gradient.size() < n)
     gradient.resize(n);
-  if (numThreads > 2) {
-    runRegularThreads(gradient, step, keepAll, base);
+  if (usesWorkers()) {
+    if (!runRegularThreads(gradient, step, keepAll, base))
+      return REG_INVALID_VALUE;
+    replaceFoldedEntries(gradient, keepAll);
     return base;
   }
   QbDVector<double>& params = transform->paramVector;
-  // The entry of largest magnitude seen so far, with its sign (keepAll 0
-  // only): it replaces the entries whose probes folded the grid, so that
-  // such a parameter is pushed hard rather than ignored.
-  double largest = 0.0;
+  boxOutPoint = -1;
   for (int i = 0; i < n; i++) {
     const float s = paramSteps[i];
     if (!(s > 0) && !std::isnan(s)) {
@@ -210,10 +232,10 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
     const float d = (float)((double)s * step);
     params[i] += (double)d;
     const double upper =
-        regularized ? evaluateIncrementalWithRegularizer(i, d) : evaluateIncremental(i, d);
+        regularized ? evaluateIncrementalWithRegularizer(i, d) : evaluateProbe(i, d);
     params[i] = (double)(saved - d);
     const double lower =
-        regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateIncremental(i, -d);
+        regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateProbe(i, -d);
     params[i] = (double)saved;
     if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE) {
       gradient[i] = REG_INVALID_VALUE;
@@ -223,18 +245,33 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
       gradient[i] = (upper - lower) / d;
     else
       gradient[i] = 0.0;
-    // A negative `largest` gives way to the next entry, since no magnitude
-    // lies below it.
-    if (keepAll == 0 && !(std::fabs(gradient[i]) <= largest))
-      largest = gradient[i];
     if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
       return REG_INVALID_VALUE;
+  }
+  replaceFoldedEntries(gradient, keepAll);
+  // No landmark term is added again here: `base` has it once.
+  return base;
+}
+
+void RegElasticFunctionalRegular::replaceFoldedEntries(QbDVector<double>& gradient,
+                                                       int keepAll) const {
+  // The entry of largest magnitude, with its sign, taken in parameter order
+  // over the free parameters whose probes did not fold (keepAll 0 only): it
+  // replaces the folded entries, so that such a parameter is pushed hard
+  // rather than ignored. A negative `largest` gives way to the next entry,
+  // since no magnitude lies below it.
+  const int n = transform->getParamVectorDim();
+  double largest = 0.0;
+  for (int i = 0; i < n; i++) {
+    const float s = paramSteps[i];
+    if (!(s > 0) && !std::isnan(s))
+      continue;
+    if (gradient[i] != REG_INVALID_VALUE && keepAll == 0 && !(std::fabs(gradient[i]) <= largest))
+      largest = gradient[i];
   }
   for (int i = 0; i < n; i++)
     if (gradient[i] == REG_INVALID_VALUE)
       gradient[i] = largest;
-  // No landmark term is added again here: `base` has it once.
-  return base;
 }
 
 void RegElasticFunctionalRegular::createThreads() {
@@ -244,11 +281,11 @@ void RegElasticFunctionalRegular::createThreads() {
   for (int i = 0; i < numThreads; i++)
     regularThreads[i] = new RegElasticFunctionalRegularThread(
         this, i, paramSteps, primType, referenceVoxels, modelVoxels, modelBox, boxFlags, dims,
-        modelDims, influenceBoxes, splineTransform, scaleX, scaleY, scaleZ, landmarksReference,
+        modelDims, influenceBoxes, splineTransform, scaleX, scaleY, scaleZ, landmarksModel,
         numLandmarks, landmarkWeight);
 }
 
-void RegElasticFunctionalRegular::runRegularThreads(QbDVector<double>& gradient, double& step,
+bool RegElasticFunctionalRegular::runRegularThreads(QbDVector<double>& gradient, double& step,
                                                     int& keepAll, double& base) {
   for (int i = 0; i < regularThreads.size(); i++) {
     QbDVector<double> params(transform->paramVector);
@@ -260,6 +297,7 @@ void RegElasticFunctionalRegular::runRegularThreads(QbDVector<double>& gradient,
   }
   for (int i = 0; i < regularThreads.size(); i++)
     regularThreads[i]->wait();
+  return !ZrWorkArea::getTheWorkArea()->wasInterrupted(1);
 }
 
 void RegElasticFunctionalRegular::updateFixedControlPoints() {

@@ -57,5 +57,11 @@ public:
   void setSamplingState(RegMetric* m) const;
 
 protected:
-  void runRegularThreads(QbDVector<double>& gradient, double& step, int& keepAll, double& base);
+  void takeOutBox(int index) override;
+  double addProbe(int index, float delta) override;
+  // False when the user stopped the run.
+  bool runRegularThreads(QbDVector<double>& gradient, double& step, int& keepAll, double& base);
+  // Gives the entries whose probes folded (the invalid value) the entry of
+  // largest magnitude, as the serial loop and the workers leave them alike.
+  void replaceFoldedEntries(QbDVector<double>& gradient, int keepAll) const;
 };

@@ -4,6 +4,7 @@
 #include "RegMetric.h"
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrMessage.h"
+#include "ZrWorkArea.h"
 #include "qbmalloc.h"
 #include "reg_evaluate_thread.h"
 
@@ -29,6 +30,7 @@ RegElasticFunctionalRegularThread::~RegElasticFunctionalRegularThread() {
   } catch (...) {
   }
   delete metric;
+  delete metricBoxOut;
   freeBuffers();
 }
 
@@ -72,6 +74,10 @@ void RegElasticFunctionalRegularThread::init(
   delete metric;
   metric = nullptr;
   metric = functional->metric->clone();
+  delete metricBoxOut;
+  metricBoxOut = nullptr;
+  metricBoxOut = functional->metric->clone();
+  boxOutPoint = -1;
   metric->box = modelBox;
   metric->dims = modelDims;
   metric->scale[0] = scaleX;
@@ -80,6 +86,7 @@ void RegElasticFunctionalRegularThread::init(
   for (int a = 0; a < 3; a++)
     metric->boxSize[a] = modelBox[2 * a + 1] - modelBox[2 * a];
   metric->inside = 1;
+  functional->setSamplingState(metricBoxOut);
 
   this->params = params;
   localParams = functional->localParams;
@@ -122,12 +129,14 @@ void RegElasticFunctionalRegularThread::init(
       ownsGrid = true;
     } else {
       this->grid = grid;
-      incGrid = (QbVec3f*)qbmalloc(M * sizeof(QbVec3f));
-      for (size_t k = 0; k < M; k++)
-        incGrid[k].z = 0.0f;
       incPlane = (float*)qbmalloc(planeBytes);
       incLine = (float*)qbmalloc(lineBytes);
+      // Only the two-dimensional regularised probe keeps the box's positions
+      // in a buffer; the others form them in their walk.
       if (regularized) {
+        incGrid = (QbVec3f*)qbmalloc(M * sizeof(QbVec3f));
+        for (size_t k = 0; k < M; k++)
+          incGrid[k].z = 0.0f;
         QbVec3d** own[5] = {&incDx, &incDy, &incDxx, &incDyy, &incDxy};
         for (QbVec3d** p : own) {
           *p = (QbVec3d*)qbmalloc(M * sizeof(QbVec3d));
@@ -166,6 +175,29 @@ double RegElasticFunctionalRegularThread::evaluateIncremental(int index, float d
       ref, params, model, modelBox, boxFlags, dims, modelDims, index, influenceBoxes, cachedSamples,
       metric, transform, scaleX, scaleY, scaleZ, this, grid, incGrid, incPlane, incLine, delta));
   return result;
+}
+
+double RegElasticFunctionalRegularThread::evaluateProbe(int index, float delta) {
+  RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(transform);
+  const int* box = influenceBoxes[index];
+  double result = 0.0;
+  if (boxOutPoint != index / 3) {
+    reg_restoreCachedState(functional->metric, metricBoxOut);
+    REG_REGULAR_THREAD_DISPATCH(
+        reg_withElasticVoxelSampler(metricBoxOut, model, [&](const auto& out) {
+          reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, index, box, cachedSamples, out, cubic,
+                                                   grid, incLine, 0.0f);
+          return 0.0;
+        }));
+    boxOutPoint = index / 3;
+  }
+  reg_restoreCachedState(metricBoxOut, metric);
+  REG_REGULAR_THREAD_DISPATCH(reg_withElasticVoxelSampler(metric, model, [&](const auto& in) {
+    reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, box, cachedSamples, in, cubic, grid,
+                                         incLine, delta);
+    return 0.0;
+  }));
+  return getWeightedResult(metric->getResult());
 }
 
 double RegElasticFunctionalRegularThread::evaluateIncrementalWithRegularizer(int index,
@@ -213,31 +245,37 @@ double RegElasticFunctionalRegularThread::evaluateLandmarks() const {
 
 void RegElasticFunctionalRegularThread::run() {
   const int n = transform->getParamVectorDim();
-  if (n <= threadIndex)
-    return;
   const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
-  for (int i = threadIndex; i < n; i += functional->numThreads) {
-    const float s = paramSteps[i];
-    if (!(s > 0) && !std::isnan(s)) {
-      gradient[i] = 0.0;
-      continue;
+  // The parameters of one control point go to one worker, which takes
+  // their box out once for all their probes; the points are dealt
+  // round-robin.
+  for (int point = threadIndex; 3 * point < n; point += functional->numThreads) {
+    for (int i = 3 * point; i < 3 * point + 3 && i < n; i++) {
+      // A stop ends every worker; the caller sees it after the join.
+      if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
+        return;
+      const float s = paramSteps[i];
+      if (!(s > 0) && !std::isnan(s)) {
+        gradient[i] = 0.0;
+        continue;
+      }
+      const float saved = (float)params[i];
+      const float d = s * step;
+      params[i] += (double)d;
+      const double upper =
+          regularized ? evaluateIncrementalWithRegularizer(i, d) : evaluateProbe(i, d);
+      params[i] = (double)(saved - d);
+      const double lower =
+          regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateProbe(i, -d);
+      params[i] = (double)saved;
+      // A folded probe leaves the invalid value, which the functional replaces
+      // after the join as the serial loop does.
+      if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE)
+        gradient[i] = REG_INVALID_VALUE;
+      else if (keepAll == 0 && !(upper > base) && !(lower > base))
+        gradient[i] = 0.0;
+      else
+        gradient[i] = (upper - lower) / d;
     }
-    const float saved = (float)params[i];
-    const float d = s * step;
-    params[i] += (double)d;
-    const double upper =
-        regularized ? evaluateIncrementalWithRegularizer(i, d) : evaluateIncremental(i, d);
-    params[i] = (double)(saved - d);
-    const double lower =
-        regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateIncremental(i, -d);
-    params[i] = (double)saved;
-    // Folded probes give 0 here; the replacement by the largest entry belongs
-    // to the serial loop.
-    if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE)
-      gradient[i] = 0.0;
-    else if (keepAll == 0 && !(upper > base) && !(lower > base))
-      gradient[i] = 0.0;
-    else
-      gradient[i] = (upper - lower) / d;
   }
 }

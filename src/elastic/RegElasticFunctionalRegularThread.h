@@ -35,8 +35,7 @@ public:
   QbVec3f* grid = nullptr;
   float* cachedJacobian = nullptr;
   float* cachedEnergy = nullptr;
-  // Marker set 1 of the functional: the regular worker's landmark term holds
-  // the transformed points against this array.
+  // The functional's model markers, as its own landmark term reads them.
   QbDArray<QbVec3f>* landmarksModel;
   int numLandmarks;
   float landmarkWeight;
@@ -90,7 +89,14 @@ public:
             float energyWeight, float jacobianWeight, QbVec3d* dX, QbVec3d* dY, QbVec3d* dXX,
             QbVec3d* dYY, QbVec3d* dXY);
 
+  // This worker's clone of the functional's metric with the box of control
+  // point boxOutPoint taken out (-1: none), as in the functional; owned.
+  RegMetric* metricBoxOut = nullptr;
+  int boxOutPoint = -1;
+
   double evaluateIncremental(int index, float delta);
+  // The functional's evaluateProbe() on this worker's state.
+  double evaluateProbe(int index, float delta);
   double evaluateIncrementalWithRegularizer(int index, float delta);
   double getWeightedResult(double result) const;
   double evaluateLandmarks() const;

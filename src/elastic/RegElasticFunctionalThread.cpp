@@ -4,6 +4,7 @@
 #include "RegMetric.h"
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrMessage.h"
+#include "ZrWorkArea.h"
 #include "qbmalloc.h"
 #include "reg_evaluate_thread.h"
 
@@ -25,6 +26,7 @@ RegElasticFunctionalThread::~RegElasticFunctionalThread() {
   } catch (...) {
   }
   delete metric;
+  delete metricBoxOut;
   freeBuffers();
 }
 
@@ -54,6 +56,10 @@ void RegElasticFunctionalThread::init(QbDVector<double> params, double* gradient
   delete metric;
   metric = nullptr;
   metric = functional->metric->clone();
+  delete metricBoxOut;
+  metricBoxOut = nullptr;
+  metricBoxOut = functional->metric->clone();
+  boxOutPoint = -1;
   this->params = params;
   localParams = functional->localParams;
   this->gradient = gradient;
@@ -79,17 +85,14 @@ void RegElasticFunctionalThread::init(QbDVector<double> params, double* gradient
   // find null buffers, which is not tested for.
   try {
     const size_t nx = (size_t)dims[0];
-    const size_t M = (size_t)maxInfluence[0] * maxInfluence[1] * maxInfluence[2];
     if (energyWeight > 0 || jacobianWeight > 0) {
       for (QbVec3d*& l : lineBuffers)
         l = (QbVec3d*)qbmalloc(nx * sizeof(QbVec3d));
       this->grid = (QbVec3f*)qbmalloc(nx * sizeof(QbVec3f));
       ownsGrid = true;
     } else {
+      // The probes form the box's positions in their walk: no incGrid.
       this->grid = grid;
-      incGrid = (QbVec3f*)qbmalloc(M * sizeof(QbVec3f));
-      for (size_t k = 0; k < M; k++)
-        incGrid[k].z = 0.0f;
       incPlane = (float*)qbmalloc(3 * sizeof(float) * maxInfluence[0] * maxInfluence[1]);
       incLine = (float*)qbmalloc(3 * sizeof(float) * maxInfluence[0]);
     }
@@ -117,6 +120,28 @@ double RegElasticFunctionalThread::evaluateIncremental(int index, float delta) {
       functional->splineTransform, location, evaluator, this, grid, incGrid, incPlane, incLine,
       delta));
   return result;
+}
+
+double RegElasticFunctionalThread::evaluateProbe(int index, float delta) {
+  RegVoxelCubicSplineTransform* cubic =
+      static_cast<RegVoxelCubicSplineTransform*>(functional->splineTransform);
+  const int* box = functional->influenceBoxes[index];
+  const float* cached = functional->cachedSamples;
+  double result = 0.0;
+  if (boxOutPoint != index / 3) {
+    reg_restoreCachedState(functional->metric, metricBoxOut);
+    const RegElasticFieldSampler out{metricBoxOut, location, evaluator};
+    REG_THREAD_DISPATCH((reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, index, box, cached,
+                                                                  out, cubic, grid, incLine, 0.0f),
+                         0.0));
+    boxOutPoint = index / 3;
+  }
+  reg_restoreCachedState(metricBoxOut, metric);
+  const RegElasticFieldSampler in{metric, location, evaluator};
+  REG_THREAD_DISPATCH((reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, box, cached, in,
+                                                            cubic, grid, incLine, delta),
+                       0.0));
+  return getWeightedResult(metric->getResult());
 }
 
 double RegElasticFunctionalThread::evaluateIncrementalWithRegularizer(int index) {
@@ -152,29 +177,35 @@ double RegElasticFunctionalThread::evaluateLandmarks() const {
 
 void RegElasticFunctionalThread::run() {
   const int n = functional->transform->getParamVectorDim();
-  if (n <= threadIndex)
-    return;
   const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
-  for (int i = threadIndex; i < n; i += functional->numThreads) {
-    const float s = paramSteps[i];
-    if (!(s > 0) && !std::isnan(s)) {
-      gradient[i] = 0.0;
-      continue;
+  // The parameters of one control point go to one worker, which takes
+  // their box out once for all their probes; the points are dealt
+  // round-robin.
+  for (int point = threadIndex; 3 * point < n; point += functional->numThreads) {
+    for (int i = 3 * point; i < 3 * point + 3 && i < n; i++) {
+      // A stop ends every worker; the caller sees it after the join.
+      if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
+        return;
+      const float s = paramSteps[i];
+      if (!(s > 0) && !std::isnan(s)) {
+        gradient[i] = 0.0;
+        continue;
+      }
+      const float saved = (float)params[i];
+      const float d = s * step;
+      params[i] += (double)d;
+      const double upper =
+          regularized ? evaluateIncrementalWithRegularizer(i) : evaluateProbe(i, d);
+      params[i] = (double)(saved - d);
+      const double lower =
+          regularized ? evaluateIncrementalWithRegularizer(i) : evaluateProbe(i, -d);
+      params[i] = (double)saved;
+      if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE)
+        gradient[i] = 0.0;
+      else if (keepAll == 0 && !(upper > base) && !(lower > base))
+        gradient[i] = 0.0;
+      else
+        gradient[i] = (upper - lower) / d;
     }
-    const float saved = (float)params[i];
-    const float d = s * step;
-    params[i] += (double)d;
-    const double upper =
-        regularized ? evaluateIncrementalWithRegularizer(i) : evaluateIncremental(i, d);
-    params[i] = (double)(saved - d);
-    const double lower =
-        regularized ? evaluateIncrementalWithRegularizer(i) : evaluateIncremental(i, -d);
-    params[i] = (double)saved;
-    if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE)
-      gradient[i] = 0.0;
-    else if (keepAll == 0 && !(upper > base) && !(lower > base))
-      gradient[i] = 0.0;
-    else
-      gradient[i] = (upper - lower) / d;
   }
 }

@@ -1,11 +1,14 @@
 #pragma once
 // Worker of the parallel gradient of RegElasticFunctional. Every parameter is
 // probed independently from the one cached state of the functional, so the
-// parameters are dealt round-robin to the workers: worker k probes k,
-// k + numThreads, ... Each worker has its own metric clone, parameter copy,
-// evaluator, location and scratch; the functional's metric, caches and grid
-// are shared and only read. Each gradient entry has one writer, so the
-// workers write straight into the caller's vector.
+// control points are dealt round-robin to the workers: worker k probes the
+// parameters of points k, k + numThreads, ..., taking each point's box out
+// once for its probes. Each worker has its own metric clones, parameter
+// copy, evaluator, location and scratch; the functional's metric, caches and
+// grid are shared and only read, and so is the transform (its forms with an
+// explicit parameter vector). Workers stop at the user's request. Each
+// gradient entry has one writer, so the workers write straight into the
+// caller's vector.
 #include "QbDArray.h"
 #include "QbDVector.h"
 #include "QbPrimType.h"
@@ -53,7 +56,7 @@ public:
   // dXZ, dYZ, dX, dY, dZ), nx entries each.
   QbVec3d* lineBuffers[9] = {nullptr, nullptr, nullptr, nullptr, nullptr,
                              nullptr, nullptr, nullptr, nullptr};
-  // Owned, unregularised only.
+  // Owned, unregularised only; the probes' x weights use incLine.
   float* incPlane = nullptr;
   float* incLine = nullptr;
   float jacobianWeight = 0.0f;
@@ -87,7 +90,14 @@ public:
             QbVec3f* grid, double energySum, double jacobianSum, float energyWeight,
             float jacobianWeight);
 
+  // This worker's clone of the functional's metric with the box of control
+  // point boxOutPoint taken out (-1: none), as in the functional; owned.
+  RegMetric* metricBoxOut = nullptr;
+  int boxOutPoint = -1;
+
   double evaluateIncremental(int index, float delta);
+  // The functional's evaluateProbe() on this worker's state.
+  double evaluateProbe(int index, float delta);
   double evaluateIncrementalWithRegularizer(int index);
   double getWeightedResult(double result) const;
   double evaluateLandmarks() const;

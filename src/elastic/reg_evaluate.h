@@ -65,7 +65,7 @@ double reg_evaluateIncremental(T* ref, int* dims, int index, int (*boxes)[6], fl
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(transform);
   const RegElasticFieldSampler sampler{metric, location, evaluator};
   reg_evaluateElasticBox(ref, dims, index, boxes[index], cachedSamples, metric, sampler, cubic,
-                         cubic->paramVector, grid, incGrid, plane, line, delta);
+                         cubic->paramVector, grid, line, delta);
   return functional->getWeightedResult(metric->getResult());
 }
 

@@ -22,6 +22,7 @@
 #include "ZrFieldEvaluator.h"
 #include "ZrLocation3.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -66,6 +67,9 @@ struct RegElasticFieldSampler {
     metric->decrement(ref, cached);
     (*this)(ref, sample, p);
   }
+  // The halves of replace() for probes that share one taking out.
+  inline void remove(double ref, double cached) const { metric->decrement(ref, cached); }
+  inline void addCached(double ref, double cached) const { metric->increment(ref, cached); }
 };
 
 // The metric's increment and decrement as the walks call them. For a class
@@ -76,6 +80,9 @@ template <class M> struct RegElasticMetricCalls {
   static inline void add(RegMetric* m, double r, double s) {
     static_cast<M*>(m)->M::increment(r, s);
   }
+  static inline void remove(RegMetric* m, double r, double s) {
+    static_cast<M*>(m)->M::decrement(r, s);
+  }
   static inline void swap(RegMetric* m, double rOut, double out, double rIn, double in) {
     static_cast<M*>(m)->M::decrement(rOut, out);
     static_cast<M*>(m)->M::increment(rIn, in);
@@ -83,6 +90,7 @@ template <class M> struct RegElasticMetricCalls {
 };
 template <> struct RegElasticMetricCalls<RegMetric> {
   static inline void add(RegMetric* m, double r, double s) { m->increment(r, s); }
+  static inline void remove(RegMetric* m, double r, double s) { m->decrement(r, s); }
   static inline void swap(RegMetric* m, double rOut, double out, double rIn, double in) {
     m->decrement(rOut, out);
     m->increment(rIn, in);
@@ -93,6 +101,9 @@ template <> struct RegElasticMetricCalls<RegMetric> {
 template <> struct RegElasticMetricCalls<RegMutualInformation> {
   static inline void add(RegMetric* m, double r, double s) {
     static_cast<RegMutualInformation*>(m)->RegMutualInformation::increment(r, s);
+  }
+  static inline void remove(RegMetric* m, double r, double s) {
+    static_cast<RegMutualInformation*>(m)->RegMutualInformation::decrement(r, s);
   }
   static inline void swap(RegMetric* m, double rOut, double out, double rIn, double in) {
     static_cast<RegMutualInformation*>(m)->replace(rOut, out, rIn, in);
@@ -128,6 +139,13 @@ template <class T, class M = RegMetric> struct RegElasticVoxelSampler {
     const float r = (float)ref;
     value = sample(p);
     RegElasticMetricCalls<M>::swap(metric, ref, cached, (double)r, (double)value);
+  }
+  // The halves of replace() for probes that share one taking out.
+  inline void remove(double ref, double cached) const {
+    RegElasticMetricCalls<M>::remove(metric, ref, cached);
+  }
+  inline void addCached(double ref, double cached) const {
+    RegElasticMetricCalls<M>::add(metric, (double)(float)ref, cached);
   }
 };
 
@@ -274,36 +292,126 @@ inline void reg_evaluateElasticWalk(const T* ref, const int* dims, const S& samp
   }
 }
 
-// One probe of the unregularised forms: the new positions of the box of
-// parameter `index` moved by `delta` come from the cached grid, and each voxel
-// of the box swaps its cached sample for a new one in `metric`.
-template <class T, class S>
-inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, const int* box,
-                                   const float* cachedSamples, RegMetric* metric, const S& sampler,
-                                   RegVoxelCubicSplineTransform* transform,
-                                   QbDVector<double>& params, const QbVec3f* grid, QbVec3f* incGrid,
-                                   float* plane, float* line, float delta) {
+// What a walk over the box of one control point does to each voxel of it
+// that the point's spline weight reaches.
+enum RegElasticBoxMode {
+  // One probe: the cached sample out, the new one in.
+  RegElasticBoxSwap,
+  // The cached samples out, once for all probes of the point.
+  RegElasticBoxTakeOut,
+  // One probe after RegElasticBoxTakeOut: the new samples in only.
+  RegElasticBoxAdd
+};
+
+// One probe of the unregularised forms, or the taking out that its probes
+// share (see the modes): each voxel of the box of parameter `index` swaps its
+// cached sample for one at its new position. The move is separable, delta
+// times the product of the point's x, y and z weights along the parameter's
+// local direction, so the new positions are formed in the walk from the
+// cached grid, with the arithmetic of getTransformedGridIncremental and
+// without a buffer of the box. `row` holds at least twice the box's width in
+// floats. The parameters are not read, and with a model transformation the
+// move follows the local direction of the world parameter: no mapping into
+// local coordinates is needed.
+//
+// Voxels where the point's weight is 0 (on the faces of its box) are not
+// touched in any mode; in a swap, voxels that the move leaves in place (tiny
+// moves vanish in single precision) keep their samples, and after a taking
+// out they get their cached sample back without sampling.
+template <int Mode, class T, class S>
+inline void reg_walkElasticBox(const T* ref, const int* dims, int index, const int* box,
+                               const float* cachedSamples, const S& sampler,
+                               RegVoxelCubicSplineTransform* transform, const QbVec3f* grid,
+                               float* row, float delta) {
   // A control point whose cells hold no voxel changes nothing.
   if (reg_boxIsEmpty(box))
     return;
   const int nx = dims[0], ny = dims[1];
   const int x0 = box[0], x1 = box[1], y0 = box[2], y1 = box[3], z0 = box[4], z1 = box[5];
-  // The new positions follow from the cached grid and delta alone (the
-  // parameters are not read), and with a model transformation the routine
-  // moves them along the local direction of the world parameter: no mapping
-  // of the parameters into local coordinates is needed here.
-  transform->getTransformedGridIncremental(params, index, incGrid, grid, box, plane, line, delta);
+  const int w = x1 - x0 + 1;
+  // The voxels reached are those of a non-zero x weight in `unit`, the same
+  // for every probe of the point whatever its delta.
+  float* unit = row + w;
+  transform->getIncrementalRow(index, box, 1.0f, unit);
+  if (Mode != RegElasticBoxTakeOut)
+    transform->getIncrementalRow(index, box, delta, row);
+  const int c = index % 3, cp = index / 3;
+  const int gx = transform->gridSize[0], gy = transform->gridSize[1];
+  const int firstY = std::min(3, (cp / gx) % gy), firstZ = std::min(3, cp / (gx * gy));
+  double dir[3];
+  transform->getLocalDirection(c, dir);
+  const bool along = !transform->modelTransformed;
+  const bool flat = transform->is2D;
+  const RegSplineInterpolant* iy = transform->interpolantsY;
+  const RegSplineInterpolant* iz = transform->interpolantsZ;
   size_t v = ((size_t)z0 * ny + y0) * nx + x0;
-  const size_t rowSkip = (size_t)(nx - 1 + x0 - x1);
+  const size_t rowSkip = (size_t)(nx - w);
   const size_t planeSkip = (size_t)(ny - 1 + y0 - y1) * nx;
-  QbVec3f* p = incGrid;
   float sample = 0.0f;
-  for (int z = z0; z <= z1; z++, v += planeSkip)
-    for (int y = y0; y <= y1; y++, v += rowSkip)
-      for (int x = x0; x <= x1; x++, v++, p++) {
-        const double r = (double)ref[v];
-        sampler.replace(r, (double)cachedSamples[v], sample, *p);
+  int columnZ = firstZ;
+  for (int z = z0; z <= z1; z++, v += planeSkip) {
+    const double fz =
+        flat ? 1.0 : RegVoxelCubicSplineTransform::incrementalWeight(iz, z, z0, columnZ);
+    int columnY = firstY;
+    for (int y = y0; y <= y1; y++, v += rowSkip) {
+      const double fy = RegVoxelCubicSplineTransform::incrementalWeight(iy, y, y0, columnY);
+      if (fy * fz == 0.0) {
+        v += w;
+        continue;
       }
+      for (int x = 0; x < w; x++, v++) {
+        if (unit[x] == 0.0f)
+          continue;
+        const double r = (double)ref[v];
+        if (Mode == RegElasticBoxTakeOut) {
+          sampler.remove(r, (double)cachedSamples[v]);
+          continue;
+        }
+        const float inc = (float)(row[x] * fy);
+        QbVec3f p = grid[v];
+        if (!flat) {
+          if (along) {
+            p[c] = (float)(p[c] + inc * fz);
+          } else {
+            const double m = inc * fz;
+            p.x = (float)(p.x + m * dir[0]);
+            p.y = (float)(p.y + m * dir[1]);
+            p.z = (float)(p.z + m * dir[2]);
+          }
+        } else if (along) {
+          // z is not deformed in two dimensions.
+          if (c < 2)
+            p[c] += inc;
+        } else {
+          p.x = (float)(p.x + inc * dir[0]);
+          p.y = (float)(p.y + inc * dir[1]);
+        }
+        if (flat)
+          p.z = 0.0f;
+        const QbVec3f& g = grid[v];
+        const bool moved = !(p.x == g.x && p.y == g.y && p.z == g.z);
+        if (Mode == RegElasticBoxSwap) {
+          if (moved)
+            sampler.replace(r, (double)cachedSamples[v], sample, p);
+        } else if (moved) {
+          sampler(r, sample, p);
+        } else {
+          sampler.addCached(r, (double)cachedSamples[v]);
+        }
+      }
+    }
+  }
+}
+
+// One probe by a swap of the box's samples (see reg_walkElasticBox).
+template <class T, class S>
+inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, const int* box,
+                                   const float* cachedSamples, RegMetric* metric, const S& sampler,
+                                   RegVoxelCubicSplineTransform* transform,
+                                   QbDVector<double>& params, const QbVec3f* grid, float* row,
+                                   float delta) {
+  reg_walkElasticBox<RegElasticBoxSwap>(ref, dims, index, box, cachedSamples, sampler, transform,
+                                        grid, row, delta);
 }
 
 // Full three-dimensional regularised pass, line by line. With Cache set the

@@ -143,7 +143,7 @@ double reg_evaluateIncrementalRegular(T* ref, T* model, float* modelBox, unsigne
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(transform);
   reg_withElasticVoxelSampler(metric, model, [&](const auto& sampler) {
     reg_evaluateElasticBox(ref, dims, index, boxes[index], cachedSamples, metric, sampler, cubic,
-                           cubic->paramVector, grid, incGrid, plane, line, delta);
+                           cubic->paramVector, grid, line, delta);
     return 0;
   });
   return functional->getWeightedResult(metric->getResult());

@@ -18,8 +18,8 @@ double reg_evaluateIncremental_thread(T* ref, QbDVector<double>& params, int* di
                                       QbVec3f* incGrid, float* plane, float* line, float delta) {
   const RegElasticFieldSampler sampler{metric, location, evaluator};
   reg_evaluateElasticBox(ref, dims, index, boxes[index], cachedSamples, metric, sampler,
-                         static_cast<RegVoxelCubicSplineTransform*>(transform), params, grid,
-                         incGrid, plane, line, delta);
+                         static_cast<RegVoxelCubicSplineTransform*>(transform), params, grid, line,
+                         delta);
   return worker->getWeightedResult(metric->getResult());
 }
 
@@ -58,7 +58,7 @@ double reg_evaluateIncrementalRegular_thread(
   reg_withElasticVoxelSampler(metric, model, [&](const auto& sampler) {
     reg_evaluateElasticBox(ref, dims, index, boxes[index], cachedSamples, metric, sampler,
                            static_cast<RegVoxelCubicSplineTransform*>(transform), params, grid,
-                           incGrid, plane, line, delta);
+                           line, delta);
     return 0;
   });
   return worker->getWeightedResult(metric->getResult());

@@ -486,6 +486,12 @@ inline void reg_incrementalColumn(const RegSplineInterpolant* g, int from, int t
 
 } // namespace
 
+void RegVoxelCubicSplineTransform::getIncrementalRow(int idx, const int* voi, float delta,
+                                                     float* row) const {
+  reg_incrementalColumn(interpolantsX, voi[0], voi[1], (idx / 3) % gridSize[0], delta, row, nullptr,
+                        nullptr);
+}
+
 void RegVoxelCubicSplineTransform::getTransformedGridIncremental(int idx, QbVec3f* out,
                                                                  const QbVec3f* base,
                                                                  const int* voi, float* bufXY,

@@ -69,6 +69,20 @@ public:
                                      float delta) const;
   void getTransformedGridIncremental(int idx, QbVec3f* out, const QbVec3f* base, const int* voi,
                                      float* bufXY, float* bufX, float delta) const;
+  // The factors of that move, for a caller that forms the positions itself:
+  // row[x - x0] = delta times the x weight of the point, as a float, for x0
+  // to x1 of voi; the y and z weights follow from incrementalWeight().
+  void getIncrementalRow(int idx, const int* voi, float delta, float* row) const;
+  // Weight of a point whose first column along an axis is `first`
+  // (min(3, point index)) at lattice index t of a region starting at t0, with
+  // `column` the running column: call for t0, t0 + 1, ... in order, starting
+  // with column = first. 0 outside the point's four cells.
+  static inline double incrementalWeight(const RegSplineInterpolant* g, int t, int t0,
+                                         int& column) {
+    if (t > t0 && g[t].cell != g[t - 1].cell)
+      column--;
+    return (column >= 0 && column < 4) ? g[t].weight[column] : 0.0;
+  }
   // The same in 2-D with the five derivative images. Mind the order: here the
   // base comes before the output.
   void getTransformedGridIncrementalWithRegularization2D(
