@@ -661,9 +661,10 @@ void RegElasticAnalyticGradient::compute(RegElasticFunctional& f, QbDVector<doub
   }
 
   // Landmarks: the term is w * -(1/L) sum |m - T(l)|^2 with T from the
-  // parameters in world coordinates, so its derivative needs no mapping. The
-  // landmark tables serve three-dimensional lattices only.
-  if (f.numLandmarks != 0 && f.landmarkWeight > 0 && !f.is2D) {
+  // parameters in world coordinates, so its derivative needs no mapping. A
+  // flat lattice has one layer, of weight 1, and no z entries.
+  if (f.numLandmarks != 0 && f.landmarkWeight > 0) {
+    const int layers = f.is2D ? 1 : 4;
     const double k = 2.0 * (double)f.landmarkWeight / (double)f.numLandmarks;
     for (int i = 0; i < f.numLandmarks; i++) {
       int li = i;
@@ -671,15 +672,15 @@ void RegElasticAnalyticGradient::compute(RegElasticFunctional& f, QbDVector<doub
       t->getTransformedGridLandmark(&li, p, t->paramVector);
       const QbVec3f& m = (*f.landmarksModel)[i];
       const double d[3] = {k * (double)(m.x - p.x), k * (double)(m.y - p.y),
-                           k * (double)(m.z - p.z)};
+                           f.is2D ? 0.0 : k * (double)(m.z - p.z)};
       const RegSplineInterpolant& bx = t->landmarkInterpolantsX[i];
       const RegSplineInterpolant& by = t->landmarkInterpolantsY[i];
       const RegSplineInterpolant& bz = t->landmarkInterpolantsZ[i];
       const int base = bx.cell * t->strideX + by.cell * t->strideY + bz.cell * t->strideZ;
-      for (int nz = 0; nz < 4; nz++)
+      for (int nz = 0; nz < layers; nz++)
         for (int my = 0; my < 4; my++)
           for (int lx = 0; lx < 4; lx++) {
-            const double w = bx.weight[lx] * by.weight[my] * bz.weight[nz];
+            const double w = bx.weight[lx] * by.weight[my] * (f.is2D ? 1.0 : bz.weight[nz]);
             double* q = g + base + lx * t->strideX + my * t->strideY + nz * t->strideZ;
             q[0] += w * d[0];
             q[1] += w * d[1];

@@ -155,13 +155,15 @@ void RegVoxelCubicSplineTransform::precomputeInterpolantsLandmarks() {
   auto posX = [lm](int v) { return lm[v].x; };
   auto posY = [lm](int v) { return lm[v].y; };
   auto posZ = [lm](int v) { return lm[v].z; };
-  // Landmarks are meant for 3-D lattices: no guard on the z limit.
   landmarkInterpolantsX = reg_buildSplineTable(landmarkInterpolantsX, numLandmarks, posX, b[0],
                                                invGridSpacing[0], gridSize[0] - 4);
   landmarkInterpolantsY = reg_buildSplineTable(landmarkInterpolantsY, numLandmarks, posY, b[2],
                                                invGridSpacing[1], gridSize[1] - 4);
+  // As for the voxels: the single layer of a 2-D lattice has cell 0 (a
+  // limit of gridSize - 4 there put landmarks in cells below the lattice).
+  const int zLimit = gridSize[2] < 4 ? 0 : gridSize[2] - 4;
   landmarkInterpolantsZ = reg_buildSplineTable(landmarkInterpolantsZ, numLandmarks, posZ, b[4],
-                                               invGridSpacing[2], gridSize[2] - 4);
+                                               invGridSpacing[2], zLimit);
 }
 
 void RegVoxelCubicSplineTransform::getVolumeOfInfluence(int idx, float* from, float* to,
@@ -204,6 +206,17 @@ void RegVoxelCubicSplineTransform::getTransformedGridLandmark(int* l, QbVec3f& o
   const RegSplineInterpolant& gy = landmarkInterpolantsY[l[0]];
   const RegSplineInterpolant& gz = landmarkInterpolantsZ[l[0]];
   const double* q = p.data() + gx.cell * strideX + gy.cell * strideY + gz.cell * strideZ;
+  if (is2D) {
+    // The single layer of a flat lattice: the 4 x 4 sum in its plane.
+    for (int c = 0; c < 3; c++) {
+      double sum = 0.0;
+      for (int m = 0; m < 4; m++)
+        for (int k = 0; k < 4; k++)
+          sum += gx.weight[k] * gy.weight[m] * q[c + k * strideX + m * strideY];
+      out[c] = (float)sum;
+    }
+    return;
+  }
   for (int c = 0; c < 3; c++)
     out[c] = (float)reg_sumNeighbourhood(q + c, gx.weight, gy.weight, gz.weight, strideX, strideY,
                                          strideZ);

@@ -86,9 +86,10 @@ void build(ElasticSetup& s, const Case& c) {
       return ((r >> 8) & 0xffff) / 65535.0;
     };
     for (int i = 0; i < n; i++) {
+      const float z = c.twoD ? 0.0f : 1.0f;
       const QbVec3f ref((float)(1 + next() * (dims[0] - 3)), (float)(1 + next() * (dims[1] - 3)),
-                        (float)(1 + next() * (dims[2] - 3)));
-      const QbVec3f off((float)(next() - 0.5), (float)(next() - 0.5), (float)(next() - 0.5));
+                        z * (float)(1 + next() * (dims[2] - 3)));
+      const QbVec3f off((float)(next() - 0.5), (float)(next() - 0.5), z * (float)(next() - 0.5));
       s.landmarks->setPosition(ref + off, i, 0);
       s.landmarks->setPosition(ref, i, 1);
     }
@@ -159,6 +160,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"msd3jacobian", false, true, MSD, 0, 300.0f, false},
                       Case{"msd3generalpenalties", false, false, MSD, 200.0f, 200.0f, false},
                       Case{"nmi3landmarks", false, true, NMI, 0, 0, true},
+                      Case{"nmi2landmarks", true, true, NMI, 0, 0, true},
                       Case{"nmi2penalties", true, true, NMI, 0.5f, 0.5f, false},
                       Case{"corr2", true, false, CORR, 0, 0, false}),
     [](const ::testing::TestParamInfo<Case>& i) { return std::string(i.param.name); });

@@ -115,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(
         ThreadCase{"RegularPenalisedFrame", false, true, MSD, 1.0f, 0.5f, true, false, 0.3},
         ThreadCase{"RegularFolds", false, true, NMI, 0, 0.5f, false, false, 16.0},
         ThreadCase{"Regular2DLabelFrame", true, true, LABEL, 0, 0, true, false, 0.3},
-        ThreadCase{"Regular2DPenalised", true, true, MI, 1.0f, 0.5f, false, false, 0.3},
+        ThreadCase{"Regular2DPenalisedLandmarks", true, true, MI, 1.0f, 0.5f, false, true, 0.3},
         ThreadCase{"Regular2DFolds", true, true, MSD, 0, 0.5f, false, false, 16.0}),
     caseName);
 
