@@ -1,7 +1,5 @@
-// Whole affine registrations through the module's ports, with every metric
-// of the menu and every optimizer: a smooth pair under a known motion must
-// come back to a tenth of a voxel, and a pair of label fields must be
-// brought into register by "Label difference".
+// Whole affine registrations through the module's ports: every metric and
+// optimizer brings a known motion back to a tenth of a voxel.
 #include "MessageCapture.h"
 #include "QbPrimType.h"
 #include "RegAffineTransform.h"

@@ -1,8 +1,5 @@
-// Faults on disk and in memory: a write that fails (missing or read-only
-// folder, a full disk) gives the reason and leaves neither the output nor a
-// temporary file, and an existing file of that name keeps its content; an
-// allocation too large ends with a message that names the byte count. Each is
-// checked on the writers themselves and end to end through zrreg.
+// Faults on disk and in memory end with the reason and leave no file behind,
+// on the writers themselves and end to end through zrreg.
 #include "QbMemoryException.h"
 #include "QbPrimType.h"
 #include "SbMatrixd.h"

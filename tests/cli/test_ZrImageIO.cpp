@@ -1,8 +1,5 @@
-// Image files in and out: every voxel at its world position whatever the
-// header's orientation, outputs in their input's voxel order and dimension,
-// every format round trip, label intents, vector images in world
-// coordinates, and bad input refused with a message instead of a crash or a
-// half-written file.
+// Image files in and out: world positions, voxel order, formats, labels,
+// vector images, and bad input refused.
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
 #include "SbRotationd.h"

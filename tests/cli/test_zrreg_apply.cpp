@@ -1,7 +1,5 @@
-// zrreg apply as a user drives it: a label atlas carried through a known
-// affine and a known displacement field onto a reference of another
-// orientation (checked voxel by voxel against ITK's own geometry), and bad
-// input refused before anything is written.
+// zrreg apply: a label atlas through a known affine and displacement field
+// onto an oblique reference, and bad input refused before any write.
 
 #include "ZrImageIO.h"
 

@@ -1,10 +1,5 @@
-// The transform file of `zrreg affine` proven by ITK itself: for every
-// degree of freedom, and for a pair of 2-D images, ITK reads the written
-// --itk-transform, resamples the model onto the reference grid with its own
-// ResampleImageFilter, and must find what zrreg wrote with --resampled. The
-// images have oblique, flipped and anisotropic grids, and the model is moved
-// by a rotation, an anisotropic scale and a shear, so every kind of
-// parameter shows in the transforms.
+// The transform file of `zrreg affine` proven by ITK: its ResampleImageFilter
+// with the written --itk-transform must give --resampled, in 3-D and 2-D.
 #include "ZrImageIO.h"
 
 #include <itkAffineTransform.h>

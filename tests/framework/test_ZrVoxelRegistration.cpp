@@ -1,7 +1,5 @@
-// The registration driver through a module of its own: an affine transform
-// scored by squared differences. Defaults computed from the inputs, the bin
-// rule, the planning of the pyramid, the step schedule, the gradient switch,
-// the host's downsampling, and a run stopped midway.
+// The registration driver through an affine module of its own scored by
+// squared differences: defaults, pyramid, steps, downsampling, a stop.
 #include "MessageCapture.h"
 #include "QbPrimType.h"
 #include "RegAffineFunctional.h"

@@ -1,7 +1,5 @@
-// The elastic registration module's side that needs no optimisation: the
-// refinement plan, the final grid size, and the
-// schedule of refinements and penalty weights over a run whose levels are
-// entered and left without optimising.
+// The elastic module without optimising: refinement plan, final grid size,
+// and the schedule of refinements and penalty weights over a run.
 #include "ElasticTestSupport.h"
 #include "RegElasticFunctional.h"
 #include "RegVoxelCubicSplineTransform.h"

@@ -1,9 +1,5 @@
 // Whole elastic registrations driven through the module's ports, as a script
-// would: a smooth volume and its copy under a known smooth deformation are
-// registered with each metric of the menu; the warped model must approach
-// the reference, and the transformed positions the known deformation. Flat
-// pairs with both penalties, landmarks and their check, and the saved
-// lattice applied again outside the run.
+// would, against known smooth deformations.
 #include "ElasticTestSupport.h"
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrElasticRegistration.h"

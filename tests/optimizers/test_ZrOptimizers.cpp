@@ -1,9 +1,4 @@
-// The gradient-driven searches on analytic objectives with known maxima: the
-// aggressive direction search (its passes, its copy of the best probe), the
-// line search along the gradient (its step schedules and walking limit), the
-// gradient optimizer's bounded line search and quasi-Newton's fallback, and
-// the limited-memory search of exact
-// gradients; stops leave the parameters at the last point evaluated.
+// The gradient-driven searches on analytic objectives with known maxima.
 #include "MessageCapture.h"
 #include "QbDVector.h"
 #include "RegAffineTransform.h"
