@@ -4,7 +4,6 @@
 // regularised run on the general class.
 #include "ElasticTestSupport.h"
 
-
 #include <gtest/gtest.h>
 
 #include <cfloat>
