@@ -11,6 +11,8 @@
 # Runs as root on Debian: installs elastix and python3 if they are missing.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
+# shellcheck source=bench/elastix_params.sh
+. "$here/bench/elastix_params.sh"
 size=128
 threads=$(nproc)
 work=/tmp/zrreg-compare
@@ -44,31 +46,7 @@ t0=$(date +%s.%N)
   -o "$work/zrreg-registered.nii.gz" --matrix "$work/zrreg-matrix.txt" >/dev/null
 t1=$(date +%s.%N)
 
-cat >"$work/elastix/params.txt" <<'PARAMS'
-(FixedInternalImagePixelType "float")
-(MovingInternalImagePixelType "float")
-(Registration "MultiResolutionRegistration")
-(FixedImagePyramid "FixedSmoothingImagePyramid")
-(MovingImagePyramid "MovingSmoothingImagePyramid")
-(Interpolator "BSplineInterpolator")
-(Metric "AdvancedMattesMutualInformation")
-(Optimizer "AdaptiveStochasticGradientDescent")
-(ResampleInterpolator "FinalBSplineInterpolator")
-(Resampler "DefaultResampler")
-(Transform "AffineTransform")
-(NumberOfResolutions 3)
-(MaximumNumberOfIterations 250)
-(NumberOfHistogramBins 32)
-(AutomaticTransformInitialization "true")
-(AutomaticScalesEstimation "true")
-(ImageSampler "RandomCoordinate")
-(NumberOfSpatialSamples 4096)
-(NewSamplesEveryIteration "true")
-(BSplineInterpolationOrder 1)
-(FinalBSplineInterpolationOrder 3)
-(WriteResultImage "false")
-(HowToCombineTransforms "Compose")
-PARAMS
+elastix_affine_params "$work/elastix/params.txt"
 t2=$(date +%s.%N)
 elastix -f "$work/reference.nii.gz" -m "$work/model.nii.gz" -p "$work/elastix/params.txt" \
   -out "$work/elastix" -threads "$threads" >/dev/null

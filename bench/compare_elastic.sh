@@ -9,6 +9,8 @@
 # Runs as root on Debian: installs elastix and python3 if they are missing.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
+# shellcheck source=bench/elastix_params.sh
+. "$here/bench/elastix_params.sh"
 size=64
 warp=8
 threads=$(nproc)
@@ -31,7 +33,8 @@ if [ ${#need[@]} -gt 0 ]; then
   apt-get update -qq && apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
 fi
 [ -x "$here/build/zrreg" ] || bash "$here/scripts/build.sh"
-zrreg="$here/build/zrreg"
+# ZRREG=PATH runs another zrreg (a wrapper may add options).
+zrreg="${ZRREG:-$here/build/zrreg}"
 rm -rf "$work" && mkdir -p "$work/elastix"
 "$zrreg" phantom --out "$work" --size "$size" --warp "$warp" --ext .nii >/dev/null
 
@@ -44,31 +47,7 @@ t0=$(date +%s.%N)
   --model "$work/model.nii" -o "$work/zrreg-warped.nii" --displacement "$work/zrreg-disp.nii"
 t1=$(date +%s.%N)
 
-cat >"$work/elastix/params.txt" <<PARAMS
-(FixedInternalImagePixelType "float")
-(MovingInternalImagePixelType "float")
-(Registration "MultiResolutionRegistration")
-(FixedImagePyramid "FixedSmoothingImagePyramid")
-(MovingImagePyramid "MovingSmoothingImagePyramid")
-(Interpolator "BSplineInterpolator")
-(Metric "AdvancedMattesMutualInformation")
-(Optimizer "AdaptiveStochasticGradientDescent")
-(ResampleInterpolator "FinalBSplineInterpolator")
-(Resampler "DefaultResampler")
-(Transform "BSplineTransform")
-(FinalGridSpacingInPhysicalUnits $spacing)
-(GridSpacingSchedule 4 2 1)
-(NumberOfResolutions 3)
-(MaximumNumberOfIterations 500)
-(NumberOfHistogramBins 32)
-(ImageSampler "RandomCoordinate")
-(NumberOfSpatialSamples 4096)
-(NewSamplesEveryIteration "true")
-(BSplineInterpolationOrder 1)
-(FinalBSplineInterpolationOrder 3)
-(WriteResultImage "false")
-(ResultImageFormat "nii")
-PARAMS
+elastix_bspline_params "$work/elastix/params.txt" "$spacing" nii
 t2=$(date +%s.%N)
 elastix -f "$work/reference.nii" -m "$work/model.nii" -p "$work/elastix/params.txt" \
   -out "$work/elastix" -threads "$threads" >/dev/null

@@ -20,6 +20,8 @@
 # e.g.   bench/compare_real_affine.sh --repeat 3 --variant finest='--set options=off'
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
+# shellcheck source=bench/elastix_params.sh
+. "$here/bench/elastix_params.sh"
 work=/tmp/zrreg-real-affine
 threads=$(nproc)
 zrreg="$here/build/zrreg"
@@ -94,35 +96,6 @@ with open(sys.argv[2], 'w') as f:
 PY
 }
 
-elastix_params() {
-  cat >"$1" <<PARAMS
-(FixedInternalImagePixelType "float")
-(MovingInternalImagePixelType "float")
-(FixedImageDimension $2)
-(MovingImageDimension $2)
-(Registration "MultiResolutionRegistration")
-(FixedImagePyramid "FixedSmoothingImagePyramid")
-(MovingImagePyramid "MovingSmoothingImagePyramid")
-(Interpolator "BSplineInterpolator")
-(Metric "AdvancedMattesMutualInformation")
-(Optimizer "AdaptiveStochasticGradientDescent")
-(ResampleInterpolator "FinalBSplineInterpolator")
-(Resampler "DefaultResampler")
-(Transform "AffineTransform")
-(NumberOfResolutions 3)
-(MaximumNumberOfIterations 250)
-(NumberOfHistogramBins 32)
-(AutomaticTransformInitialization "true")
-(AutomaticScalesEstimation "true")
-(ImageSampler "RandomCoordinate")
-(NumberOfSpatialSamples 4096)
-(NewSamplesEveryIteration "true")
-(BSplineInterpolationOrder 1)
-(FinalBSplineInterpolationOrder 3)
-(WriteResultImage "false")
-(HowToCombineTransforms "Compose")
-PARAMS
-}
 
 echo "load before: $(cat /proc/loadavg)  threads: $threads  repeat: $repeat" >&2
 for c in $cases; do
@@ -144,7 +117,7 @@ for c in $cases; do
   done
   if [ "$elastix" = 1 ]; then
     mkdir -p "$out/elastix"
-    elastix_params "$out/elastix/params.txt" "$dim"
+    elastix_affine_params "$out/elastix/params.txt" "$dim"
     tm=$(timed "$out/elastix.log" elastix -f "$ref" -m "$mod" -p "$out/elastix/params.txt" \
       -out "$out/elastix" -threads "$threads") || continue
     elastix_tfm "$out/elastix/TransformParameters.0.txt" "$out/elastix.tfm"

@@ -22,6 +22,8 @@
 # adaptive stochastic gradient descent (500 iterations, 4096 random samples).
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
+# shellcheck source=bench/elastix_params.sh
+. "$here/bench/elastix_params.sh"
 data=/tmp/zrreg-realdata
 work=/tmp/zrreg-compare-real-elastic
 threads=$(nproc)
@@ -71,56 +73,8 @@ totals() { awk '{ w += $1; c += $3; if ($2 > p) p = $2 } END { printf "%.1f %d %
 load() { cut -d' ' -f1-3 /proc/loadavg; }
 
 elastix_params() {
-  cat >"$1/affine.txt" <<'PARAMS'
-(FixedInternalImagePixelType "float")
-(MovingInternalImagePixelType "float")
-(Registration "MultiResolutionRegistration")
-(FixedImagePyramid "FixedSmoothingImagePyramid")
-(MovingImagePyramid "MovingSmoothingImagePyramid")
-(Interpolator "BSplineInterpolator")
-(Metric "AdvancedMattesMutualInformation")
-(Optimizer "AdaptiveStochasticGradientDescent")
-(ResampleInterpolator "FinalBSplineInterpolator")
-(Resampler "DefaultResampler")
-(Transform "AffineTransform")
-(NumberOfResolutions 3)
-(MaximumNumberOfIterations 250)
-(NumberOfHistogramBins 32)
-(AutomaticTransformInitialization "true")
-(AutomaticScalesEstimation "true")
-(ImageSampler "RandomCoordinate")
-(NumberOfSpatialSamples 4096)
-(NewSamplesEveryIteration "true")
-(BSplineInterpolationOrder 1)
-(FinalBSplineInterpolationOrder 3)
-(WriteResultImage "false")
-(HowToCombineTransforms "Compose")
-PARAMS
-  cat >"$1/bspline.txt" <<'PARAMS'
-(FixedInternalImagePixelType "float")
-(MovingInternalImagePixelType "float")
-(Registration "MultiResolutionRegistration")
-(FixedImagePyramid "FixedSmoothingImagePyramid")
-(MovingImagePyramid "MovingSmoothingImagePyramid")
-(Interpolator "BSplineInterpolator")
-(Metric "AdvancedMattesMutualInformation")
-(Optimizer "AdaptiveStochasticGradientDescent")
-(ResampleInterpolator "FinalBSplineInterpolator")
-(Resampler "DefaultResampler")
-(Transform "BSplineTransform")
-(FinalGridSpacingInPhysicalUnits 16)
-(GridSpacingSchedule 4 2 1)
-(NumberOfResolutions 3)
-(MaximumNumberOfIterations 500)
-(NumberOfHistogramBins 32)
-(ImageSampler "RandomCoordinate")
-(NumberOfSpatialSamples 4096)
-(NewSamplesEveryIteration "true")
-(BSplineInterpolationOrder 1)
-(FinalBSplineInterpolationOrder 3)
-(WriteResultImage "false")
-(HowToCombineTransforms "Compose")
-PARAMS
+  elastix_affine_params "$1/affine.txt"
+  elastix_bspline_params "$1/bspline.txt" 16 nii.gz
 }
 
 results="$work/results.txt"
