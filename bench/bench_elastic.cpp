@@ -8,6 +8,7 @@
 // run one iteration each. Filter with --benchmark_filter to run a part, e.g.
 //   bench_elastic --threads=1,2,4,8,16 --benchmark_filter='BM_Gradient/regular:1/regularized:0'
 // (--benchmark_repetitions=3 repeats each).
+#include "BenchPhantom.h"
 #include "QbBox3f.h"
 #include "QbPrimType.h"
 #include "RegElasticFunctional.h"
@@ -34,33 +35,10 @@
 
 namespace {
 
-const int kDims[3] = {181, 217, 181};
-const float kBox[6] = {0, 180, 0, 216, 0, 180};
 const int kLattice = 11;
 // Histogram bins per axis of the metric; --bins=N sets it (the module's
 // default is 256).
 int gBins = 64;
-
-// A head-sized phantom: an ellipsoid of tissue-like grey values with inner
-// structure and texture, 0 outside.
-std::unique_ptr<ZrUniformScalarField3> makePhantom(double shift) {
-  auto f = std::make_unique<ZrUniformScalarField3>(kDims, QB_UINT8, kBox);
-  uint8_t* data = static_cast<uint8_t*>(f->lattice.dataPtr());
-  size_t idx = 0;
-  for (int k = 0; k < kDims[2]; k++)
-    for (int j = 0; j < kDims[1]; j++)
-      for (int i = 0; i < kDims[0]; i++, idx++) {
-        const double x = (i + shift - 90) / 75.0, y = (j - 108) / 95.0, z = (k - 90) / 80.0;
-        const double r = x * x + y * y + z * z;
-        double v = 0;
-        if (r < 1.0) {
-          v = r < 0.55 ? 110 + 40 * std::sin(9 * x) * std::cos(7 * y) : 200;
-          v += 15 * std::sin(0.9 * i) * std::sin(0.7 * j + 0.5 * k);
-        }
-        data[idx] = (uint8_t)std::max(0.0, std::min(255.0, v));
-      }
-  return f;
-}
 
 struct Data {
   std::unique_ptr<ZrUniformScalarField3> reference = makePhantom(0.0), model = makePhantom(1.5);

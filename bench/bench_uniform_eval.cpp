@@ -11,6 +11,7 @@
 // time, not the CPU time).
 //
 //   bench_uniform_eval --benchmark_filter='NMI|Limit' --benchmark_repetitions=5
+#include "BenchPhantom.h"
 #include "QbPrimType.h"
 #include "RegAffineFunctionalUniform.h"
 #include "RegAffineTransform.h"
@@ -31,30 +32,7 @@
 
 namespace {
 
-const int kDims[3] = {181, 217, 181};
-const float kBox[6] = {0, 180, 0, 216, 0, 180};
 const double kVoxels = double(kDims[0]) * kDims[1] * kDims[2];
-
-// A head-sized phantom: an ellipsoid of tissue-like grey values with some
-// inner structure and texture, 0 outside.
-std::unique_ptr<ZrUniformScalarField3> makePhantom(double shift) {
-  auto f = std::make_unique<ZrUniformScalarField3>(kDims, QB_UINT8, kBox);
-  uint8_t* data = static_cast<uint8_t*>(f->lattice.dataPtr());
-  size_t idx = 0;
-  for (int k = 0; k < kDims[2]; k++)
-    for (int j = 0; j < kDims[1]; j++)
-      for (int i = 0; i < kDims[0]; i++, idx++) {
-        const double x = (i + shift - 90) / 75.0, y = (j - 108) / 95.0, z = (k - 90) / 80.0;
-        const double r = x * x + y * y + z * z;
-        double v = 0;
-        if (r < 1.0) {
-          v = r < 0.55 ? 110 + 40 * std::sin(9 * x) * std::cos(7 * y) : 200;
-          v += 15 * std::sin(0.9 * i) * std::sin(0.7 * j + 0.5 * k);
-        }
-        data[idx] = (uint8_t)std::max(0.0, std::min(255.0, v));
-      }
-  return f;
-}
 
 struct Data {
   std::unique_ptr<ZrUniformScalarField3> reference = makePhantom(0.0), model = makePhantom(1.5);
