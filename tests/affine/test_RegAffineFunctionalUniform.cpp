@@ -346,44 +346,6 @@ TEST(RegAffineFunctionalUniform, HalfVoxelShiftsGiveTheKnownHistogram) {
       EXPECT_NEAR(value, expected->getResult(), 1e-12) << what;
     }
 }
-
-TEST(RegAffineFunctionalUniform, VectorAndScalarFormsAgreeToTheBit) {
-  // The AVX2 forms repeat the scalar arithmetic operation for operation, for
-  // every voxel type pair; the model's far corner lies inside the reference,
-  // so the groups whose reads would pass the model's last voxel fall back to
-  // the scalar form as well.
-  if (!reg_evaluateUniformSimd())
-    GTEST_SKIP() << "no AVX2 on this processor";
-  const int dims[3] = {11, 7, 6};
-  const float box[6] = {0, 10, 0, 6, 0, 5};
-  const int refDims[3] = {17, 9, 8};
-  const float refBox[6] = {-2.3f, 12.1f, -0.7f, 6.9f, -0.4f, 6.2f};
-  // Signed types get negative values too, so that sign extension counts.
-  auto values = [](int type) -> Fn {
-    if (type == QB_UINT8 || type == QB_UINT16)
-      return pattern;
-    return [](double x, double y, double z) { return 1.7 * pattern(x, y, z) - 190; };
-  };
-  for (int rt : kTypes)
-    for (int mt : kTypes) {
-      Pair s(makeField(rt, refDims, refBox, values(rt)), makeField(mt, dims, box, values(mt)));
-      s.setSmallAffine();
-      for (MetricKind kind : {MSD, NMI, CORR}) {
-        double value[2];
-        int64_t inside[2];
-        for (bool simd : {false, true}) {
-          SimdSetting setting(simd);
-          auto f = s.uniform(s.newMetric(kind), 1);
-          value[simd] = f->evaluate();
-          inside[simd] = f->metric->numInside;
-        }
-        EXPECT_EQ(value[0], value[1]) << kMetricName[kind] << " " << rt << " " << mt;
-        EXPECT_EQ(inside[0], inside[1]);
-        EXPECT_GT(inside[0], 100);
-      }
-    }
-}
-
 TEST(RegAffineFunctionalUniform, HalfVoxelMarginAtTheEdge) {
   // Reference and model on the same grid, the model moved along x by just
   // under or just over half a voxel. Within the margin every reference voxel

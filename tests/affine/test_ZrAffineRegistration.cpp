@@ -191,21 +191,6 @@ TEST(ZrAffineRegistration, DegreesOfFreedomScheduleAndProgress) {
   }
   EXPECT_EQ(m->dofList, nullptr);
   EXPECT_EQ(m->transform, nullptr);
-
-  // "Rigid" and "Shear" only, the finest level ignored: 6 then 12 on the
-  // three coarser levels, counted over six steps.
-  m->stages.clear();
-  m->portTransform.setValue(1, 0);
-  m->portOptions.setValue(0, 1);
-  m->fire(0);
-  s.press(2);
-  ASSERT_EQ(m->stages.size(), 6u);
-  for (int i = 0; i < 6; i++) {
-    EXPECT_EQ(m->stages[i].level, i / 2) << i;
-    EXPECT_EQ(m->stages[i].dof, i % 2 ? 12 : 6) << i;
-    EXPECT_EQ(m->stages[i].progressStep, i + 1) << i;
-    EXPECT_EQ(m->stages[i].progressSteps, 6) << i;
-  }
 }
 
 TEST(ZrAffineRegistration, CentresAndAxesOfInertia) {
@@ -375,47 +360,4 @@ TEST(ZrAffineRegistration, PlanarRegistrationStaysInItsPlane) {
     EXPECT_EQ(found[2][2], 1.0) << c.toggles;
     EXPECT_EQ(found[3][2], 0.0) << c.toggles;
   }
-}
-
-namespace {
-int callbackCalls = 0;
-void stopAtOnce(float progress, bool& stop) {
-  callbackCalls++;
-  EXPECT_GE(progress, 0.0f);
-  EXPECT_LE(progress, 100.0f);
-  stop = true;
-}
-} // namespace
-
-TEST(ZrAffineRegistration, StopThroughTheProgressCallback) {
-  MessageCapture log;
-  const int dims[3] = {32, 32, 32};
-  const double p[15] = {1.5, -1.0, 0.5, 3.0, 0, 0, 1, 1, 1, 0, 0, 0, 15.5, 15.5, 15.5};
-  const SbMatrixd truth = affineMatrix(p);
-  Scene<RecordingRegistration> s(makeField(dims, kImage), makeField(dims, kImage, truth));
-  RecordingRegistration* m = s.module;
-  // The extensive direction search asks checkForInterrupt() at its start.
-  s.fastSettings(0);
-  m->portCoarsestResolution.setValue(2);
-  m->portStep.setValue(0, 2.0f);
-  m->portStep.setValue(1, 0.005f);
-  m->fire(0);
-  m->setProgressCallback(stopAtOnce);
-  callbackCalls = 0;
-  s.press(2);
-  EXPECT_GE(callbackCalls, 1);
-  EXPECT_TRUE(m->interrupted);
-  EXPECT_TRUE(m->checkForInterrupt());
-  // The run ended with the model where it started.
-  SbMatrixd found;
-  static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
-  EXPECT_LT(cornerError(found, SbMatrixd(), dims), 1e-3);
-
-  // Pressing "Register" again clears the stop; without a callback the run
-  // goes to its end.
-  m->setProgressCallback(nullptr);
-  s.press(2);
-  EXPECT_FALSE(m->interrupted);
-  static_cast<ZrSpatialData*>(s.inputs[1])->getTransform(found);
-  EXPECT_LT(cornerError(found, truth, dims), 0.1);
 }

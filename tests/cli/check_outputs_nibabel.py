@@ -1,14 +1,8 @@
 #!/usr/bin/env python3
-"""zrreg's outputs as nibabel, a reader other than ITK, sees them.
+"""zrreg's outputs read by nibabel: inputs in orientations other than ITK's
+(R,A,S, permuted, 2-D) keep their voxel order, dimension and header geometry.
 
-Inputs are written by nibabel in orientations other than ITK's LPS (R,A,S
-storage, permuted axes, 2-D). Every output must keep its input's voxel order
-and dimension and carry the geometry in its header: `affine -o` the model's
-own voxels, outputs on the reference's grid the reference's shape and
-affine, and `apply` the voxel type of its image.
-
-usage: check_outputs_nibabel.py ZRREG
-"""
+usage: check_outputs_nibabel.py ZRREG"""
 import os
 import subprocess
 import sys

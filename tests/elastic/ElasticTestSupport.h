@@ -40,10 +40,8 @@ inline double labels(double x, double y, double z) {
   return (double)((a + 2 * b) % 4);
 }
 
-// A field of voxel type T (with `type` its tag) over a box of voxel size 1
-// starting at 0, holding f(p + shift).
-// With a margin the field reaches that many voxels beyond 0 and dims - 1 on
-// every axis of more than one voxel.
+// A field of voxel type T (tag `type`), unit voxels from 0, holding f(p + shift),
+// reaching `margin` voxels beyond 0 and dims - 1 on every axis of extent.
 template <class T, class F>
 std::unique_ptr<ZrUniformScalarField3> makeVolume(const int inner[3], int type, F f, double sx = 0,
                                                   double sy = 0, double sz = 0, int margin = 0) {

@@ -197,10 +197,8 @@ TEST_F(BestNeighbourTest, OnlyTheBestNeighbourOfASweepIsTaken) {
 
 namespace {
 
-// An objective of the composed matrix, as a real functional has: every
-// evaluation composes the transform (and with it the isotropic follow-up of
-// entries 7 and 8), and the value is best for a uniform scale of 1.25 about
-// the centre, shifted by (2, -1, 0.5).
+// An objective of the composed matrix (isotropic follow-up of entries 7, 8
+// included), best for a uniform scale of 1.25 about the centre and (2, -1, 0.5).
 class ComposingFunctional : public RegFunctional {
 public:
   explicit ComposingFunctional(RegAffineTransform* t)

@@ -146,8 +146,8 @@ public:
     return hold(f);
   }
   // "nx ny nz [vx vy vz]"
-  ZrUniformScalarField3* operator()(const char* spec) {
-    std::vector<double> v = numbers(spec);
+  ZrUniformScalarField3* operator()(const char* dims) {
+    std::vector<double> v = numbers(dims);
     v.resize(6, 1.0);
     return (*this)(int(v[0]), int(v[1]), int(v[2]), float(v[3]), float(v[4]), float(v[5]));
   }
@@ -265,38 +265,6 @@ TEST(ZrVoxelRegistrationBins, OneBinPerIntegerValueUpTo256) {
     EXPECT_EQ(ZrVoxelRegistration::computeNumBins(c.min, c.max, c.type), c.bins)
         << c.min << " " << c.max << " type " << c.type;
 }
-
-TEST_F(VoxelRegistrationTest, GetDimensionClassifiesThePair) {
-  const std::string noTwoD = "Can't do even 2D registration\n";
-  const std::string twoAxes = "Lattice has dimension 1 in more than one direction.\n" + noTwoD;
-  const std::string crossed =
-      "Model's and reference's lattice have dimension 1\nin different directions.\n" + noTwoD;
-  struct Case {
-    const char *reference, *model;
-    int dimension;
-    std::string message;
-  } cases[] = {{"5 6 7", "4 4 4", 3, ""},       {"5 6 1", "4 4 1", 2, ""},
-               {"1 6 5", "4 4 4", 0, ""},       {"5 6 7", "4 1 4", 1, ""},
-               {"1 1 7", "4 4 4", -1, twoAxes}, {"5 6 1", "1 4 4", -1, crossed},
-               {"5 6 7", "1 4 1", -1, crossed}};
-  for (const Case& c : cases) {
-    m.references.clear();
-    m.models.clear();
-    m.references.append(field(c.reference));
-    m.models.append(field(c.model));
-    log.messages.clear();
-    EXPECT_EQ(m.getDimension(0), c.dimension) << c.reference << " / " << c.model;
-    std::string all;
-    for (const std::string& l : log.messages)
-      all += l;
-    EXPECT_EQ(all, c.message);
-  }
-  // The index is clamped to the references there are.
-  m.models[0] = field(4, 4, 4);
-  m.references.append(field(3, 1, 3));
-  EXPECT_EQ(m.getDimension(7), 1);
-}
-
 TEST_F(VoxelRegistrationTest, MaxCoverageIsTheExtentRatio) {
   m.references.append(field(21, 21, 41));      // 20 x 20 x 40
   m.models.append(field(11, 11, 11, 1, 1, 2)); // 10 x 10 x 20

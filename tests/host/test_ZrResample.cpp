@@ -2,9 +2,7 @@
 // anti-aliasing, enlargement), label reduction (known majorities, no invented
 // labels), and stacked and curvilinear coordinates.
 #include "QbPrimType.h"
-#include "ZrCurvilinearCoord3.h"
 #include "ZrResample.h"
-#include "ZrStackedLabelField3.h"
 #include "ZrUniformLabelField3.h"
 
 #include <cmath>
@@ -234,56 +232,4 @@ TEST(ZrResampleLabels, KnownMajoritiesAndTies) {
     for (size_t i = 0; i < c.out.size(); i++)
       EXPECT_EQ(out->getValue(int(i), 0, 0), float(c.out[i])) << "case " << c.in.size() << "/" << i;
   }
-}
-
-TEST(ZrResampleCoords, StackedAndCurvilinearInputs) {
-  const int dims[3] = {9, 7, 5};
-  const float xy[4] = {0.0f, 8.0f, -3.0f, 3.0f};
-  const float z[5] = {0.0f, 1.0f, 2.0f, 4.0f, 8.0f};
-  ZrStackedScalarField3 st(dims, QB_FLOAT, xy, z);
-  fill(st, [](float x, float y, float zz) { return x + y + zz; });
-  const int target[3] = {5, 4, 3};
-  FieldPtr out(ZrResample::resampleGrey(&st, target, ZrResample::FILTER_LANCZOS));
-  ASSERT_NE(out, nullptr);
-  auto* so = dynamic_cast<ZrStackedScalarField3*>(out.get());
-  ASSERT_NE(so, nullptr);
-  expectBox(*out, st);
-  // Slice positions are interpolated in index space: the middle output slice
-  // sits at input index 2.
-  EXPECT_EQ(so->stackedCoords()->getZ()[0], 0.0f);
-  EXPECT_EQ(so->stackedCoords()->getZ()[1], 2.0f);
-  EXPECT_EQ(so->stackedCoords()->getZ()[2], 8.0f);
-
-  ZrStackedLabelField3 sl(dims, QB_UINT8, xy, z);
-  const int factors[3] = {2, 2, 2};
-  FieldPtr lo(ZrResample::reduceLabels(&sl, factors));
-  ASSERT_NE(lo, nullptr);
-  EXPECT_NE(dynamic_cast<ZrStackedLabelField3*>(lo.get()), nullptr);
-
-  // Curvilinear nodes on an affine image of the index grid: the result's
-  // nodes are that map at the output nodes' index positions.
-  auto map = [](double i, double j, double k, float p[3]) {
-    p[0] = float(1.0 + 2.0 * i + 0.5 * j);
-    p[1] = float(-1.0 + 0.25 * i + 1.5 * j - 0.5 * k);
-    p[2] = float(3.0 + 0.75 * k + 0.1 * i);
-  };
-  ZrCurvilinearCoord3* cc = new ZrCurvilinearCoord3(dims);
-  float* pp = cc->getPositions();
-  for (int k = 0; k < 5; k++)
-    for (int j = 0; j < 7; j++)
-      for (int i = 0; i < 9; i++, pp += 3)
-        map(i, j, k, pp);
-  ZrRegScalarField3 cu(dims, QB_INT16, cc);
-  FieldPtr co(ZrResample::resampleGrey(&cu, target, ZrResample::FILTER_BOX));
-  ASSERT_NE(co, nullptr);
-  ASSERT_EQ(co->coordType(), ZR_COORD_CURVILINEAR);
-  for (int k = 0; k < 3; k++)
-    for (int j = 0; j < 4; j++)
-      for (int i = 0; i < 5; i++) {
-        float p[3], q[3];
-        co->lattice.coords()->pos(i, j, k, p);
-        map(i * 8.0 / 4.0, j * 6.0 / 3.0, k * 4.0 / 2.0, q);
-        for (int a = 0; a < 3; a++)
-          EXPECT_NEAR(p[a], q[a], 1e-5);
-      }
 }

@@ -258,10 +258,8 @@ ZrLandmarkSet* addLandmarks(const std::vector<QbVec3f>& model, const std::vector
 }
 } // namespace
 
-// The first level starts from the identity, whether the lattice was made for
-// the run or before landmarks widened the run's box; and the landmark check
-// straight after a run measures the final lattice: a lattice shifted by s
-// maps model marker q onto q - s exactly.
+// Level 0 starts at the identity (also when landmarks widened the box), and
+// the landmark check after a run sees the final lattice: shift s maps q to q - s.
 TEST_F(ElasticModuleTest, RunStartsAtRestAndValidatesItsResult) {
   const int dims[3] = {32, 32, 24};
   for (bool madeBefore : {false, true}) {

@@ -39,11 +39,9 @@ public:
   std::vector<double> steps;
 };
 
-// Evaluates `objective` on the transform's parameters; the gradient form
-// probes each parameter by plus and minus step times its natural step, with
-// the keepAll rule of the registration functionals, unless `forged` supplies
-// it. Every call is logged: 'E' evaluate(), 'I' evaluateIncremental(), 'G'
-// the gradient form.
+// `objective` of the parameters; the gradient by central differences with the
+// keepAll rule (or `forged`). Calls are logged: 'E' evaluate(), 'I'
+// evaluateIncremental(), 'G' the gradient form.
 class AnalyticFunctional : public RegFunctional {
 public:
   AnalyticFunctional(RegParametricTransform* t, Objective objective)
