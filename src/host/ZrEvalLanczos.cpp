@@ -1,5 +1,6 @@
 #include "ZrEvalLanczos.h"
 #include "ZrField3.h"
+#include "ZrSeparableKernel.h"
 #include "ZrVoxelValue.h"
 #include <cmath>
 
@@ -59,39 +60,8 @@ inline void axisTaps(int cell, float frac, int dim, ptrdiff_t stride, Taps& t) {
     t.w[q] /= sum;
 }
 
-template <class T, int NC, bool Native> struct LanczosKernel {
-  static void run(const ZrLatticeLocation3& loc, const void* raw, void* result) {
-    typedef ZrVoxelOut<T, Native> Out;
-    typename Out::Type* out = static_cast<typename Out::Type*>(result);
-    const int nc = NC > 0 ? NC : loc.nDataVar();
-    if (!loc.inside) {
-      for (int c = 0; c < nc; c++)
-        out[c] = typename Out::Type(0);
-      return;
-    }
-    const int* dims = loc.getDims();
-    Taps tx, ty, tz;
-    axisTaps(loc.cell[0], loc.frac[0], dims[0], 1, tx);
-    axisTaps(loc.cell[1], loc.frac[1], dims[1], ptrdiff_t(dims[0]), ty);
-    axisTaps(loc.cell[2], loc.frac[2], dims[2], ptrdiff_t(dims[0]) * dims[1], tz);
-    const T* d = static_cast<const T*>(raw);
-    for (int c = 0; c < nc; c++) {
-      double acc = 0.0;
-      for (int z = 0; z < tz.n; z++) {
-        double accY = 0.0;
-        for (int y = 0; y < ty.n; y++) {
-          const T* row = d + (tz.off[z] + ty.off[y]) * nc + c;
-          double accX = 0.0;
-          for (int x = 0; x < tx.n; x++)
-            accX += tx.w[x] * double(row[tx.off[x] * nc]);
-          accY += ty.w[y] * accX;
-        }
-        acc += tz.w[z] * accY;
-      }
-      out[c] = Out::put(typename ZrVoxelValue<T>::Acc(acc));
-    }
-  }
-};
+template <class T, int NC, bool Native>
+using LanczosKernel = ZrSeparableKernel<T, NC, Native, Taps, axisTaps>;
 } // namespace
 
 ZrFieldEvaluator* ZrEvalLanczos::createEval(ZrField3* field) {
