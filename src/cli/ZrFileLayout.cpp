@@ -2,6 +2,8 @@
 
 #include "SbMatrixd.h"
 
+#include <itkImageIOBase.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -139,4 +141,23 @@ void ZrFileLayout::toFileOrder(const void* field, void* file, size_t nodeBytes) 
       for (int i = 0; i < dims[0]; i++, at += step[0], dst += nodeBytes)
         std::memcpy(dst, src + size_t(at) * nodeBytes, nodeBytes);
     }
+}
+
+void ZrFileLayout::describe(itk::ImageIOBase* io) const {
+  const unsigned nd = unsigned(dimension);
+  io->SetNumberOfDimensions(nd);
+  itk::ImageIORegion region(nd);
+  for (unsigned a = 0; a < nd; a++) {
+    io->SetDimensions(a, dims[a]);
+    io->SetSpacing(a, spacing[a]);
+    io->SetOrigin(a, origin[a]);
+    std::vector<double> d;
+    for (unsigned r = 0; r < nd; r++)
+      d.push_back(direction[r][a]);
+    io->SetDirection(a, d);
+    region.SetIndex(a, 0);
+    region.SetSize(a, dims[a]);
+  }
+  io->SetUseCompression(true);
+  io->SetIORegion(region);
 }

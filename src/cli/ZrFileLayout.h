@@ -15,6 +15,9 @@
 #include <string>
 
 class SbMatrixd;
+namespace itk {
+class ImageIOBase;
+}
 
 class ZrFileLayout {
 public:
@@ -38,6 +41,11 @@ public:
   // Copies the nodes of the field (x fastest, nodeBytes each) into file
   // order.
   void toFileOrder(const void* field, void* file, size_t nodeBytes) const;
+
+  // Puts the geometry into a writer's header (dimension, sizes, spacing,
+  // origin, direction), asks for compression where the format has it, and
+  // sets the region to the whole image.
+  void describe(itk::ImageIOBase* io) const;
 
 private:
   int fieldDims[3] = {1, 1, 1};

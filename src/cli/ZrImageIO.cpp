@@ -573,25 +573,10 @@ bool ZrImageIO::write(const ZrRegScalarField3* field, const std::string& path, s
   if (notice && !notes.empty())
     *notice = "'" + path + "': " + notes;
 
-  const unsigned nd = unsigned(layout.dimension);
-  io->SetNumberOfDimensions(nd);
   io->SetPixelType(itk::IOPixelEnum::SCALAR);
   io->SetNumberOfComponents(1);
   io->SetComponentType(itkComponent(field->primType()));
-  itk::ImageIORegion region(nd);
-  for (unsigned a = 0; a < nd; a++) {
-    io->SetDimensions(a, layout.dims[a]);
-    io->SetSpacing(a, layout.spacing[a]);
-    io->SetOrigin(a, layout.origin[a]);
-    std::vector<double> d;
-    for (unsigned r = 0; r < nd; r++)
-      d.push_back(layout.direction[r][a]);
-    io->SetDirection(a, d);
-    region.SetIndex(a, 0);
-    region.SetSize(a, layout.dims[a]);
-  }
-  io->SetUseCompression(true);
-  io->SetIORegion(region);
+  layout.describe(io);
 
   // The voxels in the file's order; the field's own memory when that is it.
   const size_t bytes = field->lattice.numNodes() * qbPrimTypeSize(field->primType());

@@ -70,24 +70,10 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
       vectors[2 * i + 1] = ordered[3 * i + 1];
     }
   }
-  io->SetNumberOfDimensions(nd);
   io->SetPixelType(itk::IOPixelEnum::VECTOR);
   io->SetNumberOfComponents(nc);
   io->SetComponentType(itk::IOComponentEnum::FLOAT);
-  itk::ImageIORegion region(nd);
-  for (unsigned a = 0; a < nd; a++) {
-    io->SetDimensions(a, layout.dims[a]);
-    io->SetSpacing(a, layout.spacing[a]);
-    io->SetOrigin(a, layout.origin[a]);
-    std::vector<double> d;
-    for (unsigned r = 0; r < nd; r++)
-      d.push_back(layout.direction[r][a]);
-    io->SetDirection(a, d);
-    region.SetIndex(a, 0);
-    region.SetSize(a, layout.dims[a]);
-  }
-  io->SetUseCompression(true);
-  io->SetIORegion(region);
+  layout.describe(io);
   std::string tmp = ZrGzipFile::writeName(path);
   bool detached = ZrAtomicFile::isDetachedFormat(path);
   std::string target = detached ? path : tmp;
