@@ -87,10 +87,8 @@ struct Comparison {
   double anisotropy = 0;
 };
 
-// ITK's resampling of `model` through the transform file `tfm` onto the grid
-// of `reference`, against zrreg's resampled image `resampled`. Voxels whose
-// point maps within half a voxel of the model's border are left out: there
-// the two tools may treat the outside differently.
+// ITK's resampling of `model` through `tfm` onto `reference`'s grid against
+// zrreg's `resampled`, leaving out voxels within half a voxel of the border.
 template <unsigned D>
 Comparison compare(const std::string& reference, const std::string& model,
                    const std::string& resampled, const std::string& tfm) {

@@ -75,10 +75,8 @@ TEST_P(ElasticConsistency, ProbeEqualsFullEvaluation) {
   EXPECT_GT(changed, 0);
 }
 
-// The gradient entry is (f(p + d) - f(p - d)) / d, that is twice the central
-// difference quotient, with d the step in single precision; the parameters
-// come back as they were (they are float values here), and the value is that
-// of the caching pass.
+// Entry = (f(p + d) - f(p - d)) / d with d in single precision; parameters
+// come back unchanged, and the value is the caching pass's.
 TEST_P(ElasticConsistency, GradientMatchesCentralDifferences) {
   const Case c = GetParam();
   ElasticSetup s;
@@ -276,10 +274,8 @@ RegMetric* makeOpaque(MetricKind k) {
 
 } // namespace
 
-// The probes of the known metric classes bind increment and decrement at
-// compile time, and swap a sample in one call; the gradient and the value are
-// the same to the last bit as through the virtual calls, with and without the
-// penalties, in three and two dimensions.
+// Probes bound at compile time give the gradient and value of the virtual
+// calls to the last bit, with and without penalties, in 3-D and 2-D.
 TEST(ElasticRegular, BoundMetricCallsChangeNoBit) {
   struct Run {
     bool twoD;
