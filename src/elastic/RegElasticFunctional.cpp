@@ -177,6 +177,7 @@ void RegElasticFunctional::init() {
   delete metricBoxOut;
   metricBoxOut = nullptr;
   metricBoxOut = metric->clone();
+  probeMetrics.reset(metric);
   boxOutPoint = -1;
   delete evaluator;
   evaluator = nullptr;
@@ -264,7 +265,9 @@ void RegElasticFunctional::init() {
     reallocBuffer(gridPartialY, (size_t)nx * cp[1] * cp[2]);
     reallocBuffer(gridPartialZ, (size_t)nx * ny * cp[2]);
     reallocBuffer(incPlane0, planeFloats);
-    reallocBuffer(incLine0, lineFloats);
+    // Also the rows of the unregularised probes of one point.
+    reallocBuffer(incLine0, std::max(lineFloats,
+                                     RegElasticPointProbes::kRowFloats * (size_t)maxInfluence[0]));
     // The unregularised probes form the box's positions in their walk; only
     // the two-dimensional regularised probe keeps them in a buffer.
     if (is2D && regularizerMode != 0) {
@@ -333,34 +336,42 @@ double RegElasticFunctional::evaluateIncremental(int index, float delta) {
 }
 
 double RegElasticFunctional::evaluateProbe(int index, float delta) {
+  runProbes(RegElasticPointProbes(index, delta));
+  return getWeightedResult(probeMetrics[0]->getResult());
+}
+
+void RegElasticFunctional::runProbes(const RegElasticPointProbes& probes) {
+  const int index = probes.index[0];
   if (boxOutPoint != index / 3) {
     reg_restoreCachedState(metric, metricBoxOut);
     takeOutBox(index);
     boxOutPoint = index / 3;
   }
-  reg_restoreCachedState(metricBoxOut, metricWork);
-  return addProbe(index, delta);
+  probeMetrics.restore(metricBoxOut, probes.count);
+  addProbes(probes);
 }
 
 void RegElasticFunctional::takeOutBox(int index) {
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
   const RegElasticFieldSampler sampler{metricBoxOut, evaluator->location, evaluator->eval};
   double result = 0.0;
-  REG_ELASTIC_DISPATCH((
-      reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, index, influenceBoxes[index],
-                                               cachedSamples, sampler, cubic, grid, incLine0, 0.0f),
-      0.0));
+  REG_ELASTIC_DISPATCH((reg_walkElasticBox<RegElasticBoxTakeOut>(
+                            ref, dims, RegElasticPointProbes(index, 0.0f), influenceBoxes[index],
+                            cachedSamples, &sampler, cubic, grid, incLine0),
+                        0.0));
 }
 
-double RegElasticFunctional::addProbe(int index, float delta) {
+void RegElasticFunctional::addProbes(const RegElasticPointProbes& probes) {
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
-  const RegElasticFieldSampler sampler{metricWork, evaluator->location, evaluator->eval};
+  RegElasticFieldSampler samplers[RegElasticPointProbes::kMax];
+  reg_probeSamplers(RegElasticFieldSampler{nullptr, evaluator->location, evaluator->eval},
+                    probeMetrics, probes.count, samplers);
+  const int index = probes.index[0];
   double result = 0.0;
   REG_ELASTIC_DISPATCH(
-      (reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, influenceBoxes[index], cachedSamples,
-                                            sampler, cubic, grid, incLine0, delta),
+      (reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, probes, influenceBoxes[index], cachedSamples,
+                                            samplers, cubic, grid, incLine0),
        0.0));
-  return getWeightedResult(metricWork->getResult());
 }
 
 double RegElasticFunctional::evaluateWithRegularizer() {
@@ -422,31 +433,18 @@ double RegElasticFunctional::evaluate(QbDVector<double>& gradient, double step, 
   }
   QbDVector<double>& params = transform->paramVector;
   boxOutPoint = -1;
-  for (int i = 0; i < n; i++) {
-    const float s = paramSteps[i];
-    if (!(s > 0) && !std::isnan(s)) {
-      gradient[i] = 0.0;
-      continue;
-    }
-    // Each probe moves the parameter by a single-precision step, and the
-    // parameter is left at its former value rounded to float.
-    const float saved = (float)params[i];
-    const float d = (float)((double)s * step);
-    params[i] += (double)d;
-    const double upper = regularized ? evaluateIncrementalWithRegularizer(i) : evaluateProbe(i, d);
-    params[i] = (double)(saved - d);
-    const double lower = regularized ? evaluateIncrementalWithRegularizer(i) : evaluateProbe(i, -d);
-    params[i] = (double)saved;
-    if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE) {
-      gradient[i] = 0.0;
-      continue;
-    }
-    // Divided by d, not 2 d: the entry is twice the central difference
-    // quotient, which is the scale the optimizers are tuned to.
-    if (keepAll != 0 || upper > base || lower > base)
-      gradient[i] = (upper - lower) / d;
-    else
-      gradient[i] = 0.0;
+  for (int point = 0; 3 * point < n; point++) {
+    // A folded probe leaves its entry at 0.
+    reg_centralDifferencesOfPoint(
+        point, n, paramSteps, step, keepAll, base, 0.0, params, gradient.data(),
+        [&](const RegElasticPointProbes& probes) {
+          if (!regularized)
+            runProbes(probes);
+        },
+        [&](int k, int index, float) {
+          return regularized ? evaluateIncrementalWithRegularizer(index)
+                             : getWeightedResult(probeMetrics[k]->getResult());
+        });
     if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
       return REG_INVALID_VALUE;
   }

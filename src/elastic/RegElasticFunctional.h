@@ -19,6 +19,8 @@
 #include "QbVec3d.h"
 #include "QbVec3f.h"
 #include "RegDataClass.h"
+#include "RegElasticPointProbes.h"
+#include "RegElasticProbeMetrics.h"
 #include "RegFunctional.h"
 #include "RegInterpolator.h"
 
@@ -57,6 +59,8 @@ public:
   // probes of that point, up to six, start from it and only add their new
   // samples, so that the box is taken out once rather than in every probe.
   RegMetric* metricBoxOut = nullptr;
+  // The metrics of those probes, filled together by one walk of the box.
+  RegElasticProbeMetrics probeMetrics;
   int boxOutPoint = -1;
   bool is2D = false;
   int dims[3] = {0, 0, 0};
@@ -171,6 +175,9 @@ public:
   // evaluateIncremental(index, delta), up to rounding, from the box of the
   // parameter's control point taken out once for all its probes.
   double evaluateProbe(int index, float delta);
+  // The unregularised probes of one control point, from the box taken out
+  // once: their values after the call are probeMetrics[k]'s results.
+  void runProbes(const RegElasticPointProbes& probes);
   // One regularised probe at the transform's present parameters.
   virtual double evaluateIncrementalWithRegularizer(int index);
   virtual double evaluateWithRegularizer();
@@ -200,10 +207,11 @@ public:
                                bool regularClass);
 
 protected:
-  // The two halves of evaluateProbe(): takes the box of parameter `index`
-  // out of metricBoxOut, and adds the samples of one probe to metricWork.
+  // The two halves of the unregularised probes: takes the box of parameter
+  // `index` out of metricBoxOut, and adds the samples of the probes of its
+  // control point, probe k to probeMetrics[k], in one walk.
   virtual void takeOutBox(int index);
-  virtual double addProbe(int index, float delta);
+  virtual void addProbes(const RegElasticPointProbes& probes);
   // The gradient loop of the worker threads (numThreads above 1). False when
   // the user stopped the run.
   bool runThreads(QbDVector<double>& gradient, double step, int keepAll, double base);

@@ -11,6 +11,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <type_traits>
 
 RegElasticFunctionalRegular::RegElasticFunctionalRegular(
     QbDArray<ZrSpatialData*>& references, QbDArray<ZrSpatialData*>& models,
@@ -94,6 +95,8 @@ void RegElasticFunctionalRegular::resetEval() {
   setSamplingState(metric);
   setSamplingState(metricWork);
   setSamplingState(metricBoxOut);
+  for (RegMetric* m : probeMetrics)
+    setSamplingState(m);
 }
 
 // Runs `call` with the C++ type of the voxel type of reference and model;
@@ -146,21 +149,24 @@ void RegElasticFunctionalRegular::takeOutBox(int index) {
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
   double result = 0.0;
   REG_REGULAR_DISPATCH(reg_withElasticVoxelSampler(metricBoxOut, model, [&](const auto& sampler) {
-    reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, index, influenceBoxes[index], cachedSamples,
-                                             sampler, cubic, grid, incLine0, 0.0f);
+    reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, RegElasticPointProbes(index, 0.0f),
+                                             influenceBoxes[index], cachedSamples, &sampler, cubic,
+                                             grid, incLine0);
     return 0.0;
   }));
 }
 
-double RegElasticFunctionalRegular::addProbe(int index, float delta) {
+void RegElasticFunctionalRegular::addProbes(const RegElasticPointProbes& probes) {
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
+  const int index = probes.index[0];
   double result = 0.0;
-  REG_REGULAR_DISPATCH(reg_withElasticVoxelSampler(metricWork, model, [&](const auto& sampler) {
-    reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, influenceBoxes[index], cachedSamples,
-                                         sampler, cubic, grid, incLine0, delta);
+  REG_REGULAR_DISPATCH(reg_withElasticVoxelSampler(probeMetrics[0], model, [&](const auto& in) {
+    std::decay_t<decltype(in)> samplers[RegElasticPointProbes::kMax] = {in, in, in, in, in, in};
+    reg_probeSamplers(in, probeMetrics, probes.count, samplers);
+    reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, probes, influenceBoxes[index], cachedSamples,
+                                         samplers, cubic, grid, incLine0);
     return 0.0;
   }));
-  return getWeightedResult(metricWork->getResult());
 }
 
 double RegElasticFunctionalRegular::evaluateWithRegularizer() {
@@ -222,29 +228,17 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
   }
   QbDVector<double>& params = transform->paramVector;
   boxOutPoint = -1;
-  for (int i = 0; i < n; i++) {
-    const float s = paramSteps[i];
-    if (!(s > 0) && !std::isnan(s)) {
-      gradient[i] = 0.0;
-      continue;
-    }
-    const float saved = (float)params[i];
-    const float d = (float)((double)s * step);
-    params[i] += (double)d;
-    const double upper =
-        regularized ? evaluateIncrementalWithRegularizer(i, d) : evaluateProbe(i, d);
-    params[i] = (double)(saved - d);
-    const double lower =
-        regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateProbe(i, -d);
-    params[i] = (double)saved;
-    if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE) {
-      gradient[i] = REG_INVALID_VALUE;
-      continue;
-    }
-    if (keepAll != 0 || upper > base || lower > base)
-      gradient[i] = (upper - lower) / d;
-    else
-      gradient[i] = 0.0;
+  for (int point = 0; 3 * point < n; point++) {
+    reg_centralDifferencesOfPoint(
+        point, n, paramSteps, step, keepAll, base, REG_INVALID_VALUE, params, gradient.data(),
+        [&](const RegElasticPointProbes& probes) {
+          if (!regularized)
+            runProbes(probes);
+        },
+        [&](int k, int index, float delta) {
+          return regularized ? evaluateIncrementalWithRegularizer(index, delta)
+                             : getWeightedResult(probeMetrics[k]->getResult());
+        });
     if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
       return REG_INVALID_VALUE;
   }

@@ -58,7 +58,7 @@ public:
 
 protected:
   void takeOutBox(int index) override;
-  double addProbe(int index, float delta) override;
+  void addProbes(const RegElasticPointProbes& probes) override;
   // False when the user stopped the run.
   bool runRegularThreads(QbDVector<double>& gradient, double& step, int& keepAll, double& base);
   // Gives the entries whose probes folded (the invalid value) the entry of

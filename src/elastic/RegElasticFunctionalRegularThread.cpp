@@ -8,8 +8,10 @@
 #include "qbmalloc.h"
 #include "reg_evaluate_thread.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <type_traits>
 
 RegElasticFunctionalRegularThread::RegElasticFunctionalRegularThread(
     RegElasticFunctionalRegular* functional, int threadIndex, float* paramSteps,
@@ -87,6 +89,9 @@ void RegElasticFunctionalRegularThread::init(
     metric->boxSize[a] = modelBox[2 * a + 1] - modelBox[2 * a];
   metric->inside = 1;
   functional->setSamplingState(metricBoxOut);
+  probeMetrics.reset(functional->metric);
+  for (RegMetric* m : probeMetrics)
+    functional->setSamplingState(m);
 
   this->params = params;
   localParams = functional->localParams;
@@ -130,7 +135,9 @@ void RegElasticFunctionalRegularThread::init(
     } else {
       this->grid = grid;
       incPlane = (float*)qbmalloc(planeBytes);
-      incLine = (float*)qbmalloc(lineBytes);
+      // Also the rows of the unregularised probes of one point.
+      incLine = (float*)qbmalloc(
+          std::max(lineBytes, RegElasticPointProbes::kRowFloats * sizeof(float) * maxInfluence[0]));
       // Only the two-dimensional regularised probe keeps the box's positions
       // in a buffer; the others form them in their walk.
       if (regularized) {
@@ -177,27 +184,30 @@ double RegElasticFunctionalRegularThread::evaluateIncremental(int index, float d
   return result;
 }
 
-double RegElasticFunctionalRegularThread::evaluateProbe(int index, float delta) {
+void RegElasticFunctionalRegularThread::runProbes(const RegElasticPointProbes& probes) {
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(transform);
+  const int index = probes.index[0];
   const int* box = influenceBoxes[index];
   double result = 0.0;
   if (boxOutPoint != index / 3) {
     reg_restoreCachedState(functional->metric, metricBoxOut);
     REG_REGULAR_THREAD_DISPATCH(
         reg_withElasticVoxelSampler(metricBoxOut, model, [&](const auto& out) {
-          reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, index, box, cachedSamples, out, cubic,
-                                                   grid, incLine, 0.0f);
+          reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, probes, box, cachedSamples, &out,
+                                                   cubic, grid, incLine);
           return 0.0;
         }));
     boxOutPoint = index / 3;
   }
-  reg_restoreCachedState(metricBoxOut, metric);
-  REG_REGULAR_THREAD_DISPATCH(reg_withElasticVoxelSampler(metric, model, [&](const auto& in) {
-    reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, box, cachedSamples, in, cubic, grid,
-                                         incLine, delta);
-    return 0.0;
-  }));
-  return getWeightedResult(metric->getResult());
+  probeMetrics.restore(metricBoxOut, probes.count);
+  REG_REGULAR_THREAD_DISPATCH(
+      reg_withElasticVoxelSampler(probeMetrics[0], model, [&](const auto& in) {
+        std::decay_t<decltype(in)> samplers[RegElasticPointProbes::kMax] = {in, in, in, in, in, in};
+        reg_probeSamplers(in, probeMetrics, probes.count, samplers);
+        reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, probes, box, cachedSamples, samplers, cubic,
+                                             grid, incLine);
+        return 0.0;
+      }));
 }
 
 double RegElasticFunctionalRegularThread::evaluateIncrementalWithRegularizer(int index,
@@ -250,32 +260,20 @@ void RegElasticFunctionalRegularThread::run() {
   // their box out once for all their probes; the points are dealt
   // round-robin.
   for (int point = threadIndex; 3 * point < n; point += functional->numThreads) {
-    for (int i = 3 * point; i < 3 * point + 3 && i < n; i++) {
-      // A stop ends every worker; the caller sees it after the join.
-      if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
-        return;
-      const float s = paramSteps[i];
-      if (!(s > 0) && !std::isnan(s)) {
-        gradient[i] = 0.0;
-        continue;
-      }
-      const float saved = (float)params[i];
-      const float d = s * step;
-      params[i] += (double)d;
-      const double upper =
-          regularized ? evaluateIncrementalWithRegularizer(i, d) : evaluateProbe(i, d);
-      params[i] = (double)(saved - d);
-      const double lower =
-          regularized ? evaluateIncrementalWithRegularizer(i, -d) : evaluateProbe(i, -d);
-      params[i] = (double)saved;
-      // A folded probe leaves the invalid value, which the functional replaces
-      // after the join as the serial loop does.
-      if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE)
-        gradient[i] = REG_INVALID_VALUE;
-      else if (keepAll == 0 && !(upper > base) && !(lower > base))
-        gradient[i] = 0.0;
-      else
-        gradient[i] = (upper - lower) / d;
-    }
+    // A stop ends every worker; the caller sees it after the join.
+    if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
+      return;
+    // A folded probe leaves the invalid value, which the functional replaces
+    // after the join as the serial loop does.
+    reg_centralDifferencesOfPoint(
+        point, n, paramSteps, step, keepAll, base, REG_INVALID_VALUE, params, gradient,
+        [&](const RegElasticPointProbes& probes) {
+          if (!regularized)
+            runProbes(probes);
+        },
+        [&](int k, int index, float delta) {
+          return regularized ? evaluateIncrementalWithRegularizer(index, delta)
+                             : getWeightedResult(probeMetrics[k]->getResult());
+        });
   }
 }

@@ -9,6 +9,7 @@
 #include "QbPrimType.h"
 #include "QbVec3d.h"
 #include "QbVec3f.h"
+#include "RegElasticProbeMetrics.h"
 #include "ZrThread.h"
 
 #include <cstdint>
@@ -93,10 +94,12 @@ public:
   // point boxOutPoint taken out (-1: none), as in the functional; owned.
   RegMetric* metricBoxOut = nullptr;
   int boxOutPoint = -1;
+  // The metrics of the probes of one point, as in the functional.
+  RegElasticProbeMetrics probeMetrics;
 
   double evaluateIncremental(int index, float delta);
-  // The functional's evaluateProbe() on this worker's state.
-  double evaluateProbe(int index, float delta);
+  // The functional's runProbes() on this worker's state.
+  void runProbes(const RegElasticPointProbes& probes);
   double evaluateIncrementalWithRegularizer(int index, float delta);
   double getWeightedResult(double result) const;
   double evaluateLandmarks() const;

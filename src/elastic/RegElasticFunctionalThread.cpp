@@ -59,6 +59,7 @@ void RegElasticFunctionalThread::init(QbDVector<double> params, double* gradient
   delete metricBoxOut;
   metricBoxOut = nullptr;
   metricBoxOut = functional->metric->clone();
+  probeMetrics.reset(functional->metric);
   boxOutPoint = -1;
   this->params = params;
   localParams = functional->localParams;
@@ -94,7 +95,9 @@ void RegElasticFunctionalThread::init(QbDVector<double> params, double* gradient
       // The probes form the box's positions in their walk: no incGrid.
       this->grid = grid;
       incPlane = (float*)qbmalloc(3 * sizeof(float) * maxInfluence[0] * maxInfluence[1]);
-      incLine = (float*)qbmalloc(3 * sizeof(float) * maxInfluence[0]);
+      // Also the rows of the probes of one point.
+      incLine =
+          (float*)qbmalloc(RegElasticPointProbes::kRowFloats * sizeof(float) * maxInfluence[0]);
     }
   } catch (QbMemoryException& e) {
     ZrMessage::getTheMsg()->printf("Error: Allocation of %d bytes failed!", (int)e.getNumBytes());
@@ -122,26 +125,28 @@ double RegElasticFunctionalThread::evaluateIncremental(int index, float delta) {
   return result;
 }
 
-double RegElasticFunctionalThread::evaluateProbe(int index, float delta) {
+void RegElasticFunctionalThread::runProbes(const RegElasticPointProbes& probes) {
   RegVoxelCubicSplineTransform* cubic =
       static_cast<RegVoxelCubicSplineTransform*>(functional->splineTransform);
+  const int index = probes.index[0];
   const int* box = functional->influenceBoxes[index];
   const float* cached = functional->cachedSamples;
   double result = 0.0;
   if (boxOutPoint != index / 3) {
     reg_restoreCachedState(functional->metric, metricBoxOut);
     const RegElasticFieldSampler out{metricBoxOut, location, evaluator};
-    REG_THREAD_DISPATCH((reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, index, box, cached,
-                                                                  out, cubic, grid, incLine, 0.0f),
+    REG_THREAD_DISPATCH((reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, probes, box, cached,
+                                                                  &out, cubic, grid, incLine),
                          0.0));
     boxOutPoint = index / 3;
   }
-  reg_restoreCachedState(metricBoxOut, metric);
-  const RegElasticFieldSampler in{metric, location, evaluator};
-  REG_THREAD_DISPATCH((reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, index, box, cached, in,
-                                                            cubic, grid, incLine, delta),
+  probeMetrics.restore(metricBoxOut, probes.count);
+  RegElasticFieldSampler in[RegElasticPointProbes::kMax];
+  reg_probeSamplers(RegElasticFieldSampler{nullptr, location, evaluator}, probeMetrics,
+                    probes.count, in);
+  REG_THREAD_DISPATCH((reg_walkElasticBox<RegElasticBoxAdd>(ref, dims, probes, box, cached, in,
+                                                            cubic, grid, incLine),
                        0.0));
-  return getWeightedResult(metric->getResult());
 }
 
 double RegElasticFunctionalThread::evaluateIncrementalWithRegularizer(int index) {
@@ -182,30 +187,19 @@ void RegElasticFunctionalThread::run() {
   // their box out once for all their probes; the points are dealt
   // round-robin.
   for (int point = threadIndex; 3 * point < n; point += functional->numThreads) {
-    for (int i = 3 * point; i < 3 * point + 3 && i < n; i++) {
-      // A stop ends every worker; the caller sees it after the join.
-      if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
-        return;
-      const float s = paramSteps[i];
-      if (!(s > 0) && !std::isnan(s)) {
-        gradient[i] = 0.0;
-        continue;
-      }
-      const float saved = (float)params[i];
-      const float d = s * step;
-      params[i] += (double)d;
-      const double upper =
-          regularized ? evaluateIncrementalWithRegularizer(i) : evaluateProbe(i, d);
-      params[i] = (double)(saved - d);
-      const double lower =
-          regularized ? evaluateIncrementalWithRegularizer(i) : evaluateProbe(i, -d);
-      params[i] = (double)saved;
-      if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE)
-        gradient[i] = 0.0;
-      else if (keepAll == 0 && !(upper > base) && !(lower > base))
-        gradient[i] = 0.0;
-      else
-        gradient[i] = (upper - lower) / d;
-    }
+    // A stop ends every worker; the caller sees it after the join.
+    if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
+      return;
+    // A folded probe leaves its entry at 0.
+    reg_centralDifferencesOfPoint(
+        point, n, paramSteps, step, keepAll, base, 0.0, params, gradient,
+        [&](const RegElasticPointProbes& probes) {
+          if (!regularized)
+            runProbes(probes);
+        },
+        [&](int k, int index, float) {
+          return regularized ? evaluateIncrementalWithRegularizer(index)
+                             : getWeightedResult(probeMetrics[k]->getResult());
+        });
   }
 }

@@ -13,6 +13,8 @@
 #include "QbVec3d.h"
 #include "QbVec3f.h"
 #include "RegCorrelationRatio.h"
+#include "RegElasticFunctional.h"
+#include "RegElasticPointProbes.h"
 #include "RegLabelDifference.h"
 #include "RegMeanSquaredDifference.h"
 #include "RegMetric.h"
@@ -26,6 +28,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 #include <typeinfo>
 
 // Restores `work` to the statistics that `cache` holds. The correlation
@@ -299,55 +302,58 @@ enum RegElasticBoxMode {
   RegElasticBoxSwap,
   // The cached samples out, once for all probes of the point.
   RegElasticBoxTakeOut,
-  // One probe after RegElasticBoxTakeOut: the new samples in only.
+  // The probes of the point after RegElasticBoxTakeOut: their new samples
+  // in only.
   RegElasticBoxAdd
 };
 
-// One probe of the unregularised forms, or the taking out that its probes
-// share (see the modes): each voxel of the box of parameter `index` swaps its
-// cached sample for one at its new position. The move is separable, delta
-// times the product of the point's x, y and z weights along the parameter's
-// local direction, so the new positions are formed in the walk from the
-// cached grid, with the arithmetic of getTransformedGridIncremental and
-// without a buffer of the box. `row` holds at least twice the box's width in
-// floats. The parameters are not read, and with a model transformation the
-// move follows the local direction of the world parameter: no mapping into
-// local coordinates is needed.
-//
-// Voxels where the point's weight is 0 (on the faces of its box) are not
-// touched in any mode; in a swap, voxels that the move leaves in place (tiny
-// moves vanish in single precision) keep their samples, and after a taking
-// out they get their cached sample back without sampling.
-template <int Mode, class T, class S>
-inline void reg_walkElasticBox(const T* ref, const int* dims, int index, const int* box,
-                               const float* cachedSamples, const S& sampler,
-                               RegVoxelCubicSplineTransform* transform, const QbVec3f* grid,
-                               float* row, float delta) {
-  // A control point whose cells hold no voxel changes nothing.
-  if (reg_boxIsEmpty(box))
-    return;
+// The new position of a voxel at `g` when component `c` of its control point
+// moves by `inc` times the point's y weight, and `fz` its z weight, along the
+// local direction `dir` (only read when not `along` the axis).
+inline QbVec3f reg_elasticProbePosition(const QbVec3f& g, float inc, double fz, int c,
+                                        const double* dir, bool along, bool flat) {
+  QbVec3f p = g;
+  if (!flat) {
+    if (along) {
+      p[c] = (float)(p[c] + inc * fz);
+    } else {
+      const double m = inc * fz;
+      p.x = (float)(p.x + m * dir[0]);
+      p.y = (float)(p.y + m * dir[1]);
+      p.z = (float)(p.z + m * dir[2]);
+    }
+  } else if (along) {
+    // z is not deformed in two dimensions.
+    if (c < 2)
+      p[c] += inc;
+  } else {
+    p.x = (float)(p.x + inc * dir[0]);
+    p.y = (float)(p.y + inc * dir[1]);
+  }
+  if (flat)
+    p.z = 0.0f;
+  return p;
+}
+
+// Calls visit(v, x, fy, fz) for every voxel v of `box`, the box of control
+// point `cp`, where the point's weight is not 0, in voxel order: x is the
+// voxel's column in the box, unit[x] the point's x weight, fy and fz its y
+// and z weights.
+template <class Visit>
+inline void reg_forElasticBoxVoxels(const int* dims, const int* box, int cp,
+                                    const RegVoxelCubicSplineTransform* transform,
+                                    const float* unit, Visit&& visit) {
   const int nx = dims[0], ny = dims[1];
   const int x0 = box[0], x1 = box[1], y0 = box[2], y1 = box[3], z0 = box[4], z1 = box[5];
   const int w = x1 - x0 + 1;
-  // The voxels reached are those of a non-zero x weight in `unit`, the same
-  // for every probe of the point whatever its delta.
-  float* unit = row + w;
-  transform->getIncrementalRow(index, box, 1.0f, unit);
-  if (Mode != RegElasticBoxTakeOut)
-    transform->getIncrementalRow(index, box, delta, row);
-  const int c = index % 3, cp = index / 3;
   const int gx = transform->gridSize[0], gy = transform->gridSize[1];
   const int firstY = std::min(3, (cp / gx) % gy), firstZ = std::min(3, cp / (gx * gy));
-  double dir[3];
-  transform->getLocalDirection(c, dir);
-  const bool along = !transform->modelTransformed;
   const bool flat = transform->is2D;
   const RegSplineInterpolant* iy = transform->interpolantsY;
   const RegSplineInterpolant* iz = transform->interpolantsZ;
   size_t v = ((size_t)z0 * ny + y0) * nx + x0;
   const size_t rowSkip = (size_t)(nx - w);
   const size_t planeSkip = (size_t)(ny - 1 + y0 - y1) * nx;
-  float sample = 0.0f;
   int columnZ = firstZ;
   for (int z = z0; z <= z1; z++, v += planeSkip) {
     const double fz =
@@ -359,47 +365,237 @@ inline void reg_walkElasticBox(const T* ref, const int* dims, int index, const i
         v += w;
         continue;
       }
-      for (int x = 0; x < w; x++, v++) {
-        if (unit[x] == 0.0f)
-          continue;
-        const double r = (double)ref[v];
-        if (Mode == RegElasticBoxTakeOut) {
-          sampler.remove(r, (double)cachedSamples[v]);
-          continue;
-        }
-        const float inc = (float)(row[x] * fy);
-        QbVec3f p = grid[v];
-        if (!flat) {
-          if (along) {
-            p[c] = (float)(p[c] + inc * fz);
-          } else {
-            const double m = inc * fz;
-            p.x = (float)(p.x + m * dir[0]);
-            p.y = (float)(p.y + m * dir[1]);
-            p.z = (float)(p.z + m * dir[2]);
-          }
-        } else if (along) {
-          // z is not deformed in two dimensions.
-          if (c < 2)
-            p[c] += inc;
-        } else {
-          p.x = (float)(p.x + inc * dir[0]);
-          p.y = (float)(p.y + inc * dir[1]);
-        }
-        if (flat)
-          p.z = 0.0f;
-        const QbVec3f& g = grid[v];
-        const bool moved = !(p.x == g.x && p.y == g.y && p.z == g.z);
-        if (Mode == RegElasticBoxSwap) {
-          if (moved)
-            sampler.replace(r, (double)cachedSamples[v], sample, p);
-        } else if (moved) {
-          sampler(r, sample, p);
-        } else {
-          sampler.addCached(r, (double)cachedSamples[v]);
-        }
-      }
+      for (int x = 0; x < w; x++, v++)
+        if (unit[x] != 0.0f)
+          visit(v, x, fy, fz);
     }
+  }
+}
+
+// The probes of a RegElasticBoxAdd walk (see reg_walkElasticBox) for mutual
+// information in three dimensions on a model without a transformation, where
+// a probe moves one coordinate of the position: the reference bin, the model
+// cell, its corners and interpolation steps are found once per voxel for all
+// probes, and a probe that stays in the cell redoes only the steps along its
+// axis and after it. The steps are those of sampleGrey() and increment(), so
+// every metric ends as in the general walk, to the last bit.
+template <class T>
+inline void reg_walkElasticBoxAddMI(const T* ref, const int* dims,
+                                    const RegElasticPointProbes& probes, const int* box,
+                                    const float* cachedSamples,
+                                    const RegElasticVoxelSampler<T, RegMutualInformation>* samplers,
+                                    RegVoxelCubicSplineTransform* transform, const QbVec3f* grid,
+                                    const float* unit, const float* const* row, const int* c) {
+  const int count = probes.count;
+  RegMutualInformation* mi[RegElasticPointProbes::kMax];
+  double* hist[RegElasticPointProbes::kMax];
+  int64_t added[RegElasticPointProbes::kMax] = {};
+  for (int k = 0; k < count; k++) {
+    mi[k] = static_cast<RegMutualInformation*>(samplers[k].metric);
+    hist[k] = mi[k]->histogram.data();
+  }
+  // The bin parameters, alike in every clone, are read once: the histogram
+  // stores could otherwise alias them.
+  const RegMutualInformation* m = mi[0];
+  const double refMin = m->refMin, refScale = m->refScale;
+  const double modelMin = m->modelMin, modelScale = m->modelScale;
+  const int nRef = m->numBinsRef, nMod = m->numBinsMod;
+  const T* model = samplers[0].model;
+  reg_forElasticBoxVoxels(
+      dims, box, probes.index[0] / 3, transform, unit, [&](size_t v, int x, double fy, double fz) {
+        int i, j;
+        double a0, a1, b0, b1;
+        RegMutualInformation::binOf((double)(float)ref[v], refMin, refScale, nRef, i, a0, a1);
+        // increment(ref, value) of probe k with the reference bin found above.
+        auto add = [&](int k, double value) {
+          RegMutualInformation::binOf(value, modelMin, modelScale, nMod, j, b0, b1);
+          RegMutualInformation::addWeights(hist[k], nMod, i, j, a0, a1, b0, b1, 1.0);
+          added[k]++;
+        };
+        const double cached = (double)cachedSamples[v];
+        const QbVec3f& g = grid[v];
+        int vs[3];
+        float fr[3], ps[3];
+        for (int a = 0; a < 3; a++)
+          m->locateGrey(a, g[a], vs[a], fr[a], ps[a]);
+        int64_t sx, sy, sz;
+        const int64_t off = m->greyCorners(vs, sx, sy, sz);
+        float corners[8], e[6];
+        RegMetric::loadCorners(model + off, sx, sy, sz, corners);
+        RegMetric::lerpX(corners, fr[0], e);
+        RegMetric::lerpY(e, fr[1]);
+        for (int k = 0; k < count; k++) {
+          const int a = c[k];
+          const float inc = (float)(row[k][x] * fy);
+          const float pa = (float)(g[a] + inc * fz);
+          if (pa == g[a]) {
+            add(k, cached);
+            continue;
+          }
+          int va;
+          float fa, unused;
+          m->locateGrey(a, pa, va, fa, unused);
+          float value;
+          if (va != vs[a]) {
+            QbVec3f p = g;
+            p[a] = pa;
+            value = mi[k]->sampleGrey<T, false>(model, &p);
+          } else if (a == 2) {
+            value = RegMetric::lerpZ(e, fa);
+          } else {
+            float f[6] = {e[0], e[1], e[2], e[3], e[4], e[5]};
+            if (a == 0)
+              RegMetric::lerpX(corners, fa, f);
+            RegMetric::lerpY(f, a == 1 ? fa : fr[1]);
+            value = RegMetric::lerpZ(f, fr[2]);
+          }
+          add(k, (double)value);
+        }
+      });
+  for (int k = 0; k < count; k++) {
+    mi[k]->numTotal += added[k];
+    mi[k]->numInside += added[k];
+  }
+}
+
+// The unregularised probes of one control point, or the taking out that they
+// share (see the modes): each voxel of the box swaps or adds its sample at
+// its new position, through samplers[k] for probe k. The move is separable,
+// delta times the product of the point's x, y and z weights along the
+// parameter's local direction, so the new positions are formed in the walk
+// from the cached grid, with the arithmetic of getTransformedGridIncremental
+// and without a buffer of the box. `rows` holds kRowFloats times the box's
+// width. The parameters are not read, and with a model transformation the
+// move follows the local direction of the world parameter: no mapping into
+// local coordinates is needed.
+//
+// The walk visits the box once for all its probes, and each probe's sampler
+// sees its voxels in the same order as in a walk of its own, so every metric
+// ends as that walk would leave it, to the last bit; the voxel's reference
+// value, cached position and weights are read once for all. For mutual
+// information without a model transformation in three dimensions the probes
+// also share the model cell (reg_walkElasticBoxAddMI).
+//
+// Voxels where the point's weight is 0 (on the faces of its box) are not
+// touched in any mode; in a swap, voxels that the move leaves in place (tiny
+// moves vanish in single precision) keep their samples, and after a taking
+// out they get their cached sample back without sampling.
+template <int Mode, class T, class S>
+inline void reg_walkElasticBox(const T* ref, const int* dims, const RegElasticPointProbes& probes,
+                               const int* box, const float* cachedSamples, const S* samplers,
+                               RegVoxelCubicSplineTransform* transform, const QbVec3f* grid,
+                               float* rows) {
+  // A control point whose cells hold no voxel changes nothing.
+  if (reg_boxIsEmpty(box) || probes.count < 1)
+    return;
+  const int w = box[1] - box[0] + 1;
+  const int count = Mode == RegElasticBoxTakeOut ? 0 : probes.count;
+  // The voxels reached are those of a non-zero x weight in `unit`, the same
+  // for every probe of the point whatever its delta.
+  float* unit = rows;
+  transform->getIncrementalRow(probes.index[0], box, 1.0f, unit);
+  const float* row[RegElasticPointProbes::kMax];
+  int c[RegElasticPointProbes::kMax];
+  double dir[RegElasticPointProbes::kMax][3];
+  for (int k = 0; k < count; k++) {
+    float* r = rows + (size_t)(k + 1) * w;
+    transform->getIncrementalRow(probes.index[k], box, probes.delta[k], r);
+    row[k] = r;
+    c[k] = probes.index[k] % 3;
+    transform->getLocalDirection(c[k], dir[k]);
+  }
+  const bool along = !transform->modelTransformed;
+  const bool flat = transform->is2D;
+  if constexpr (Mode == RegElasticBoxAdd &&
+                std::is_same<S, RegElasticVoxelSampler<T, RegMutualInformation>>::value) {
+    if (along && !flat && !samplers[0].label) {
+      reg_walkElasticBoxAddMI(ref, dims, probes, box, cachedSamples, samplers, transform, grid,
+                              unit, row, c);
+      return;
+    }
+  }
+  float sample = 0.0f;
+  reg_forElasticBoxVoxels(
+      dims, box, probes.index[0] / 3, transform, unit, [&](size_t v, int x, double fy, double fz) {
+        const double r = (double)ref[v];
+        const double cached = (double)cachedSamples[v];
+        if (Mode == RegElasticBoxTakeOut) {
+          samplers[0].remove(r, cached);
+          return;
+        }
+        const QbVec3f& g = grid[v];
+        for (int k = 0; k < count; k++) {
+          const float inc = (float)(row[k][x] * fy);
+          QbVec3f p = reg_elasticProbePosition(g, inc, fz, c[k], dir[k], along, flat);
+          const bool moved = !(p.x == g.x && p.y == g.y && p.z == g.z);
+          if (Mode == RegElasticBoxSwap) {
+            if (moved)
+              samplers[k].replace(r, cached, sample, p);
+          } else if (moved) {
+            samplers[k](r, sample, p);
+          } else {
+            samplers[k].addCached(r, cached);
+          }
+        }
+      });
+}
+
+// Samplers for the probes of one point: copies of `sampler` that add to
+// metrics[k] instead.
+template <class S, class Metrics>
+inline void reg_probeSamplers(const S& sampler, const Metrics& metrics, int count, S* out) {
+  for (int k = 0; k < count; k++) {
+    out[k] = sampler;
+    out[k].metric = metrics[k];
+  }
+}
+
+// Central differences over the free parameters of control point `point`,
+// formed as the loop of one probe at a time forms them: each parameter is
+// moved by +d and then -d (d its step times `step`, in single precision),
+// left at its former value rounded to float, and its entry is
+// (upper - lower) / d; 0 where keepAll is 0 and neither probe rises above
+// `base`, `invalidEntry` where a probe gives the invalid value, and 0 for a
+// fixed parameter. `walk(probes)` runs the walks that the point's probes
+// share (none for the regularised probes); `value(k, index, delta)` gives
+// the value of probe k, parameter `index` moved by `delta`, with the
+// parameters as they stand.
+template <class Walk, class Value>
+inline void reg_centralDifferencesOfPoint(int point, int n, const float* paramSteps, double step,
+                                          int keepAll, double base, double invalidEntry,
+                                          QbDVector<double>& params, double* gradient, Walk&& walk,
+                                          Value&& value) {
+  RegElasticPointProbes probes;
+  for (int i = 3 * point; i < 3 * point + 3 && i < n; i++) {
+    const float s = paramSteps[i];
+    if (!(s > 0) && !std::isnan(s)) {
+      gradient[i] = 0.0;
+      continue;
+    }
+    const float d = (float)((double)s * step);
+    probes.add(i, d);
+    probes.add(i, -d);
+  }
+  if (probes.count == 0)
+    return;
+  walk(probes);
+  for (int k = 0; k < probes.count; k += 2) {
+    const int i = probes.index[k];
+    const float d = probes.delta[k];
+    const float saved = (float)params[i];
+    params[i] += (double)d;
+    const double upper = value(k, i, d);
+    params[i] = (double)(saved - d);
+    const double lower = value(k + 1, i, -d);
+    params[i] = (double)saved;
+    if (lower == REG_INVALID_VALUE || upper == REG_INVALID_VALUE)
+      gradient[i] = invalidEntry;
+    else if (keepAll == 0 && !(upper > base) && !(lower > base))
+      gradient[i] = 0.0;
+    else
+      // Divided by d, not 2 d: the entry is twice the central difference
+      // quotient, which is the scale the optimizers are tuned to.
+      gradient[i] = (upper - lower) / d;
   }
 }
 
@@ -410,8 +606,8 @@ inline void reg_evaluateElasticBox(const T* ref, const int* dims, int index, con
                                    RegVoxelCubicSplineTransform* transform,
                                    QbDVector<double>& params, const QbVec3f* grid, float* row,
                                    float delta) {
-  reg_walkElasticBox<RegElasticBoxSwap>(ref, dims, index, box, cachedSamples, sampler, transform,
-                                        grid, row, delta);
+  reg_walkElasticBox<RegElasticBoxSwap>(ref, dims, RegElasticPointProbes(index, delta), box,
+                                        cachedSamples, &sampler, transform, grid, row);
 }
 
 // Full three-dimensional regularised pass, line by line. With Cache set the

@@ -92,6 +92,62 @@ public:
   template <class T, bool KeepState = true> float sampleGrey(const T* data, const QbVec3f* point);
   template <class T, bool KeepState = true> float sampleLabel(const T* data, const QbVec3f* point);
 
+  // The steps of sampleGrey(), for walks that sample near one position many
+  // times and reuse what a move leaves alone. Axis a of the world coordinate
+  // `x`: the voxel `v` (clamped to the lattice), the fraction `fr` inside it
+  // and the position `p` in voxel units; true where the sample lies more
+  // than half a voxel outside on an axis with extent.
+  inline bool locateGrey(int a, float x, int& v, float& fr, float& p) const {
+    p = (x - box[2 * a]) * scale[a];
+    v = (int)p;
+    const int dim = dims[a];
+    bool out = false;
+    if (p < 0) {
+      v = 0;
+      out = boxSize[a] > 0 && p < -0.5f;
+      p = 0;
+    } else if (v + 1 >= dim) {
+      v = dim - 1;
+      out = boxSize[a] > 0 && p - (float)(dim - 1) > 0.5f;
+      p = (float)v;
+    }
+    fr = p - (float)v;
+    return out;
+  }
+  // Linear index of the corner voxel `v` and the offsets to its neighbours
+  // (0 at the top edge of the lattice).
+  inline int64_t greyCorners(const int* v, int64_t& sx, int64_t& sy, int64_t& sz) const {
+    const int64_t nx = dims[0], ny = dims[1], nz = dims[2];
+    sx = v[0] + 1 < nx ? 1 : 0;
+    sy = v[1] + 1 < ny ? nx : 0;
+    sz = v[2] + 1 < nz ? nx * ny : 0;
+    return ((int64_t)v[2] * ny + v[1]) * nx + v[0];
+  }
+  // The eight corners, in the order of `corner`.
+  template <class T>
+  static inline void loadCorners(const T* p, int64_t sx, int64_t sy, int64_t sz, float* c) {
+    c[0] = (float)p[0];
+    c[1] = (float)p[sx];
+    c[2] = (float)p[sy];
+    c[3] = (float)p[sy + sx];
+    c[4] = (float)p[sy + sz];
+    c[5] = (float)p[sy + sz + sx];
+    c[6] = (float)p[sz];
+    c[7] = (float)p[sz + sx];
+  }
+  // e0..e3 along x, e4 and e5 along y, and the value along z.
+  static inline void lerpX(const float* c, float fx, float* e) {
+    e[0] = c[0] + (c[1] - c[0]) * fx; // c000 - c100
+    e[1] = c[6] + (c[7] - c[6]) * fx; // c001 - c101
+    e[2] = c[2] + (c[3] - c[2]) * fx; // c010 - c110
+    e[3] = c[4] + (c[5] - c[4]) * fx; // c011 - c111
+  }
+  static inline void lerpY(float* e, float fy) {
+    e[4] = e[0] + (e[2] - e[0]) * fy;
+    e[5] = e[1] + (e[3] - e[1]) * fy;
+  }
+  static inline float lerpZ(const float* e, float fz) { return e[4] + (e[5] - e[4]) * fz; }
+
 protected:
   RegMetric(const RegMetric&) = default;
   RegMetric& operator=(const RegMetric&) = default;
@@ -108,50 +164,15 @@ template <class T, bool KeepState>
 inline float RegMetric::sampleGrey(const T* data, const QbVec3f* point) {
   float ps[3], fr[3];
   int vs[3];
-  for (int a = 0; a < 3; a++) {
-    float p = ((*point)[a] - box[2 * a]) * scale[a];
-    int v = (int)p;
-    const int dim = dims[a];
-    if (p < 0) {
-      v = 0;
-      if (boxSize[a] > 0 && p < -0.5f)
-        inside = 0;
-      p = 0;
-    } else if (v + 1 >= dim) {
-      v = dim - 1;
-      if (inside && boxSize[a] > 0 && p - (float)(dim - 1) > 0.5f)
-        inside = 0;
-      p = (float)v;
-    }
-    ps[a] = p;
-    vs[a] = v;
-    fr[a] = p - (float)v;
-  }
-  const int64_t nx = dims[0], ny = dims[1], nz = dims[2];
-  const int64_t off = ((int64_t)vs[2] * ny + vs[1]) * nx + vs[0];
-  const int64_t sx = vs[0] + 1 < nx ? 1 : 0;
-  const int64_t sy = vs[1] + 1 < ny ? nx : 0;
-  const int64_t sz = vs[2] + 1 < nz ? nx * ny : 0;
-
-  const T* p = data + off;
-  const float c[8] = {
-      (float)p[0],            // c000
-      (float)p[sx],           // c100
-      (float)p[sy],           // c010
-      (float)p[sy + sx],      // c110
-      (float)p[sy + sz],      // c011
-      (float)p[sy + sz + sx], // c111
-      (float)p[sz],           // c001
-      (float)p[sz + sx],      // c101
-  };
-  const float fx = fr[0], fy = fr[1], fz = fr[2];
-  float e[6];
-  e[0] = c[0] + (c[1] - c[0]) * fx; // c000 - c100
-  e[1] = c[6] + (c[7] - c[6]) * fx; // c001 - c101
-  e[2] = c[2] + (c[3] - c[2]) * fx; // c010 - c110
-  e[3] = c[4] + (c[5] - c[4]) * fx; // c011 - c111
-  e[4] = e[0] + (e[2] - e[0]) * fy;
-  e[5] = e[1] + (e[3] - e[1]) * fy;
+  for (int a = 0; a < 3; a++)
+    if (locateGrey(a, (*point)[a], vs[a], fr[a], ps[a]))
+      inside = 0;
+  int64_t sx, sy, sz;
+  const int64_t off = greyCorners(vs, sx, sy, sz);
+  float c[8], e[6];
+  loadCorners(data + off, sx, sy, sz, c);
+  lerpX(c, fr[0], e);
+  lerpY(e, fr[1]);
   if (KeepState) {
     for (int a = 0; a < 3; a++) {
       pos[a] = ps[a];
@@ -167,7 +188,7 @@ inline float RegMetric::sampleGrey(const T* data, const QbVec3f* point) {
     for (int k = 0; k < 6; k++)
       edge[k] = e[k];
   }
-  return e[4] + (e[5] - e[4]) * fz;
+  return lerpZ(e, fr[2]);
 }
 
 template <class T, bool KeepState>

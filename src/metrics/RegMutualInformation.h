@@ -41,6 +41,16 @@ public:
   // compile time can inline them.
   void increment(double ref, double model) override;
   void decrement(double ref, double model) override;
+  // increment(ref, model) with the reference's bin and weights from binOf()
+  // given, for walks that add one reference value with several model values.
+  inline void incrementBinned(int i, double a0, double a1, double model) {
+    numTotal++;
+    int j;
+    double b0, b1;
+    binOf(model, modelMin, modelScale, numBinsMod, j, b0, b1);
+    addWeights(histogram.data(), numBinsMod, i, j, a0, a1, b0, b1, 1.0);
+    numInside++;
+  }
   // decrement(refOut, modelOut) followed by increment(refIn, modelIn), with
   // the same result to the last bit; the reference bin is found once when the
   // two reference values are equal.

@@ -274,7 +274,8 @@ RegMetric* makeOpaque(MetricKind k) {
 
 } // namespace
 
-// Probes bound at compile time give the gradient and value of the virtual
+// Probes bound at compile time (for mutual information in 3-D, the walk whose
+// probes share the model cell) give the gradient and value of the virtual
 // calls to the last bit, with and without penalties, in 3-D and 2-D.
 TEST(ElasticRegular, BoundMetricCallsChangeNoBit) {
   struct Run {
