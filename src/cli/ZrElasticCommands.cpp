@@ -421,20 +421,26 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
       write(false, "");
       std::fprintf(stderr, "zrreg: the module made no vector field on the reference grid\n");
     } else {
-      std::vector<float> d = displacementFrom(vf, frame.toWorld());
-      if (!get("--displacement").empty())
-        write(
-            ZrVectorImageIO::writeOnLattice(ref, d.data(), get("--displacement"), error, refOrder),
-            get("--displacement"));
-      if (!get("--vector-field").empty()) {
-        std::vector<float> back(d.size());
-        for (size_t i = 0; i < d.size(); i++)
-          back[i] = -d[i];
-        write(ZrVectorImageIO::writeOnLattice(ref, back.data(), get("--vector-field"), error,
-                                              refOrder),
-              get("--vector-field"));
+      if (!get("--displacement").empty() || !get("--vector-field").empty()) {
+        std::vector<float> d = displacementFrom(vf, frame.toWorld());
+        if (!get("--displacement").empty())
+          write(ZrVectorImageIO::writeOnLattice(ref, d.data(), get("--displacement"), error,
+                                                refOrder),
+                get("--displacement"));
+        if (!get("--vector-field").empty()) {
+          std::vector<float> back(d.size());
+          for (size_t i = 0; i < d.size(); i++)
+            back[i] = -d[i];
+          write(ZrVectorImageIO::writeOnLattice(ref, back.data(), get("--vector-field"), error,
+                                                refOrder),
+                get("--vector-field"));
+        }
       }
-      std::unique_ptr<ZrUniformScalarField3> j(jacobianOf(displacementFrom(vf, SbMatrixd()), ref));
+      // The determinant only where a file shows it: on a fine grid it costs a
+      // pass and a field of its own.
+      std::unique_ptr<ZrUniformScalarField3> j;
+      if (!get("--jacobian").empty() || !get("--snapshot").empty())
+        j.reset(jacobianOf(displacementFrom(vf, SbMatrixd()), ref));
       if (!get("--jacobian").empty())
         write(ZrImageIO::write(j.get(), get("--jacobian"), error, nullptr, refOrder),
               get("--jacobian"));
