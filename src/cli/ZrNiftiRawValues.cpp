@@ -81,9 +81,27 @@ bool ZrNiftiRawValues::isNiftiName(const std::string& path) {
   return false;
 }
 
-long ZrNiftiRawValues::restoreNonFinite(const std::string& path, void* buffer, size_t numVoxels,
-                                        int components, int valueSize, std::string& error) {
-  if (!isNiftiName(path) || components < 1 || (valueSize != 4 && valueSize != 8))
+namespace {
+
+// The voxel values of a NIfTI file as it stores them, opened at the first
+// value: one component after the other, each a whole volume.
+struct VoxelStream {
+  std::unique_ptr<GzFile> file;
+  bool swap = false;
+  int datatype = 0;
+  // Bytes per value, from the header.
+  int valueBytes = 0;
+  // Values as stored are values as read (no scaling).
+  bool unscaled = true;
+};
+
+// Opens the voxels of `path` when its header says it holds numVoxels x
+// components values: 1, -1 when a file cannot be opened or read (error says
+// why), 0 when it is no NIfTI file this reader understands or holds another
+// number of values.
+int openVoxels(const std::string& path, size_t numVoxels, int components, VoxelStream& out,
+               std::string& error) {
+  if (!ZrNiftiRawValues::isNiftiName(path) || components < 1)
     return 0;
   const std::string l = lower(path);
   std::string headerPath = path;
@@ -113,10 +131,12 @@ long ZrNiftiRawValues::restoreNonFinite(const std::string& path, void* buffer, s
       return 0;
   }
   const bool two = size == 540;
-  const int datatype = two ? readAt<int16_t>(h, 12, swap) : readAt<int16_t>(h, 70, swap);
-  // 16: 32-bit float, 64: 64-bit float. Anything else holds no NaN.
-  if (!((datatype == 16 && valueSize == 4) || (datatype == 64 && valueSize == 8)))
-    return 0;
+  out.swap = swap;
+  out.datatype = two ? readAt<int16_t>(h, 12, swap) : readAt<int16_t>(h, 70, swap);
+  out.valueBytes = (two ? readAt<int16_t>(h, 14, swap) : readAt<int16_t>(h, 72, swap)) / 8;
+  const double slope = two ? readAt<double>(h, 176, swap) : readAt<float>(h, 112, swap);
+  const double inter = two ? readAt<double>(h, 184, swap) : readAt<float>(h, 116, swap);
+  out.unscaled = (slope == 0 || slope == 1) && inter == 0;
   int64_t dim[8];
   for (int i = 0; i < 8; i++)
     dim[i] = two ? readAt<int64_t>(h, 16 + 8 * i, swap) : readAt<int16_t>(h, 40 + 2 * i, swap);
@@ -141,50 +161,107 @@ long ZrNiftiRawValues::restoreNonFinite(const std::string& path, void* buffer, s
   if (!(offset >= 0) || offset > 1e12)
     return 0;
 
-  GzFile g(dataPath);
-  if (!g.f) {
+  out.file.reset(new GzFile(dataPath));
+  if (!out.file->f) {
     error = "cannot open '" + dataPath + "'";
     return -1;
   }
-  if (offset > 0 && gzseek(g.f, z_off_t(offset), SEEK_SET) < 0) {
+  if (offset > 0 && gzseek(out.file->f, z_off_t(offset), SEEK_SET) < 0) {
     error = "cannot read the voxels of '" + dataPath + "'";
     return -1;
   }
-  // The file holds one component after the other, each a whole volume; the
-  // buffer holds the components of a voxel side by side.
-  const size_t total = numVoxels * size_t(components);
+  return 1;
+}
+
+// Calls visit(values, first, count) for the stored values in chunks of 1 MB,
+// `first` the index of the chunk's first value in storage order; false when
+// the file ends early.
+template <class Visit>
+bool forStoredValues(VoxelStream& s, size_t total, int valueSize, Visit&& visit) {
   const size_t chunkValues = (size_t(1) << 20) / size_t(valueSize);
   std::vector<unsigned char> chunk(chunkValues * size_t(valueSize));
-  unsigned char* out = static_cast<unsigned char*>(buffer);
-  long restored = 0;
   for (size_t done = 0; done < total;) {
     const size_t want = std::min(chunkValues, total - done);
-    const int got = gzread(g.f, chunk.data(), unsigned(want * size_t(valueSize)));
-    if (got < int(want * size_t(valueSize))) {
-      // ITK read the file, so a short read here is not worth a failure: what
-      // was checked stays checked.
-      break;
-    }
-    for (size_t k = 0; k < want; k++) {
-      unsigned char* v = chunk.data() + k * size_t(valueSize);
-      if (swap)
-        swapBytes(v, valueSize);
-      double x;
-      if (valueSize == 4) {
-        float f;
-        std::memcpy(&f, v, 4);
-        x = f;
-      } else {
-        std::memcpy(&x, v, 8);
-      }
-      if (std::isfinite(x))
-        continue;
-      const size_t r = done + k;
-      const size_t at = (r % numVoxels) * size_t(components) + r / numVoxels;
-      std::memcpy(out + at * size_t(valueSize), v, size_t(valueSize));
-      restored++;
-    }
+    const int got = gzread(s.file->f, chunk.data(), unsigned(want * size_t(valueSize)));
+    if (got < int(want * size_t(valueSize)))
+      return false;
+    if (s.swap)
+      for (size_t k = 0; k < want; k++)
+        swapBytes(chunk.data() + k * size_t(valueSize), valueSize);
+    visit(chunk.data(), done, want);
     done += want;
   }
+  return true;
+}
+
+} // namespace
+
+long ZrNiftiRawValues::restoreNonFinite(const std::string& path, void* buffer, size_t numVoxels,
+                                        int components, int valueSize, std::string& error) {
+  if (valueSize != 4 && valueSize != 8)
+    return 0;
+  VoxelStream s;
+  const int opened = openVoxels(path, numVoxels, components, s, error);
+  if (opened <= 0)
+    return opened;
+  // 16: 32-bit float, 64: 64-bit float. Anything else holds no NaN.
+  if (!((s.datatype == 16 && valueSize == 4) || (s.datatype == 64 && valueSize == 8)))
+    return 0;
+  // The buffer holds the components of a voxel side by side.
+  unsigned char* out = static_cast<unsigned char*>(buffer);
+  long restored = 0;
+  // ITK read the file, so a short read here is not worth a failure: what
+  // was checked stays checked.
+  forStoredValues(s, numVoxels * size_t(components), valueSize,
+                  [&](const unsigned char* values, size_t first, size_t count) {
+                    for (size_t k = 0; k < count; k++) {
+                      const unsigned char* v = values + k * size_t(valueSize);
+                      double x;
+                      if (valueSize == 4) {
+                        float f;
+                        std::memcpy(&f, v, 4);
+                        x = f;
+                      } else {
+                        std::memcpy(&x, v, 8);
+                      }
+                      if (std::isfinite(x))
+                        continue;
+                      const size_t r = first + k;
+                      const size_t at = (r % numVoxels) * size_t(components) + r / numVoxels;
+                      std::memcpy(out + at * size_t(valueSize), v, size_t(valueSize));
+                      restored++;
+                    }
+                  });
   return restored;
+}
+
+int ZrNiftiRawValues::compare(const std::string& path, const void* data, size_t numVoxels,
+                              int components, int valueSize) {
+  VoxelStream s;
+  std::string ignored;
+  const int opened = openVoxels(path, numVoxels, components, s, ignored);
+  if (opened == 0 || (opened > 0 && (s.valueBytes != valueSize || !s.unscaled)))
+    return -1;
+  if (opened < 0)
+    return 0;
+  const unsigned char* in = static_cast<const unsigned char*>(data);
+  bool same = true;
+  const bool whole =
+      forStoredValues(s, numVoxels * size_t(components), valueSize,
+                      [&](const unsigned char* values, size_t first, size_t count) {
+                        if (!same)
+                          return;
+                        if (components == 1) {
+                          same = std::memcmp(values, in + first * size_t(valueSize),
+                                             count * size_t(valueSize)) == 0;
+                          return;
+                        }
+                        for (size_t k = 0; k < count && same; k++) {
+                          const size_t r = first + k;
+                          const size_t at = (r % numVoxels) * size_t(components) + r / numVoxels;
+                          same = std::memcmp(values + k * size_t(valueSize),
+                                             in + at * size_t(valueSize), size_t(valueSize)) == 0;
+                        }
+                      });
+  return whole && same ? 1 : 0;
 }

@@ -20,6 +20,15 @@ public:
   static long restoreNonFinite(const std::string& path, void* buffer, size_t numVoxels,
                                int components, int valueSize, std::string& error);
 
+  // Compares the values of the NIfTI file `path`, as the file holds them,
+  // with `data` (laid out as restoreNonFinite's buffer), bit for bit and a
+  // chunk at a time, so that no second copy of a large image is needed:
+  // 1 when they agree, 0 when they differ or the file is short or cannot be
+  // read, -1 when the file is no NIfTI file of that size and value width
+  // without scaling (the caller then checks another way).
+  static int compare(const std::string& path, const void* data, size_t numVoxels, int components,
+                     int valueSize);
+
   // True for the file names ITK's NIfTI reader takes (.nii, .nii.gz, .hdr,
   // .img and their compressed forms).
   static bool isNiftiName(const std::string& path);
