@@ -1,6 +1,7 @@
 // The elastic functionals on a 181 x 217 x 181 byte pair with an 11^3 cubic
 // lattice (8 cells per axis, boxes of influence up to 4 cells wide): one
-// caching pass, one probe of an interior parameter, and one whole gradient by
+// caching pass, one probe of an interior parameter, the six probes of an
+// interior control point in one walk of its box, and one whole gradient by
 // finite differences for each thread count of --threads, for the regular and
 // the general class, without and with both regularisers.
 //
