@@ -335,6 +335,14 @@ inline QbVec3f reg_elasticProbePosition(const QbVec3f& g, float inc, double fz, 
   return p;
 }
 
+// The per-voxel bodies of the box walks are lambdas that the compiler must
+// inline into the walk's loop: a call per voxel costs a fifth of a probe.
+#if defined(__GNUC__)
+#define REG_ALWAYS_INLINE __attribute__((always_inline))
+#else
+#define REG_ALWAYS_INLINE
+#endif
+
 // Calls visit(v, x, fy, fz) for every voxel v of `box`, the box of control
 // point `cp`, where the point's weight is not 0, in voxel order: x is the
 // voxel's column in the box, unit[x] the point's x weight, fy and fz its y
@@ -402,7 +410,8 @@ inline void reg_walkElasticBoxAddMI(const T* ref, const int* dims,
   const int nRef = m->numBinsRef, nMod = m->numBinsMod;
   const T* model = samplers[0].model;
   reg_forElasticBoxVoxels(
-      dims, box, probes.index[0] / 3, transform, unit, [&](size_t v, int x, double fy, double fz) {
+      dims, box, probes.index[0] / 3, transform, unit,
+      [&](size_t v, int x, double fy, double fz) REG_ALWAYS_INLINE {
         int i, j;
         double a0, a1, b0, b1;
         RegMutualInformation::binOf((double)(float)ref[v], refMin, refScale, nRef, i, a0, a1);
@@ -515,15 +524,27 @@ inline void reg_walkElasticBox(const T* ref, const int* dims, const RegElasticPo
     }
   }
   float sample = 0.0f;
+  const float* row0 = count > 0 ? row[0] : nullptr;
+  const int c0 = count > 0 ? c[0] : 0;
+  const double dir0[3] = {count > 0 ? dir[0][0] : 0.0, count > 0 ? dir[0][1] : 0.0,
+                          count > 0 ? dir[0][2] : 0.0};
   reg_forElasticBoxVoxels(
-      dims, box, probes.index[0] / 3, transform, unit, [&](size_t v, int x, double fy, double fz) {
+      dims, box, probes.index[0] / 3, transform, unit,
+      [&](size_t v, int x, double fy, double fz) REG_ALWAYS_INLINE {
         const double r = (double)ref[v];
-        const double cached = (double)cachedSamples[v];
         if (Mode == RegElasticBoxTakeOut) {
-          samplers[0].remove(r, cached);
+          samplers[0].remove(r, (double)cachedSamples[v]);
           return;
         }
         const QbVec3f& g = grid[v];
+        if (Mode == RegElasticBoxSwap) {
+          // One probe, its row, axis and direction in registers.
+          QbVec3f p = reg_elasticProbePosition(g, (float)(row0[x] * fy), fz, c0, dir0, along, flat);
+          if (!(p.x == g.x && p.y == g.y && p.z == g.z))
+            samplers[0].replace(r, (double)cachedSamples[v], sample, p);
+          return;
+        }
+        const double cached = (double)cachedSamples[v];
         for (int k = 0; k < count; k++) {
           const float inc = (float)(row[k][x] * fy);
           QbVec3f p = reg_elasticProbePosition(g, inc, fz, c[k], dir[k], along, flat);
