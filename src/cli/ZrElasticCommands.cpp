@@ -423,18 +423,20 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     } else {
       if (!get("--displacement").empty() || !get("--vector-field").empty()) {
         std::vector<float> d = displacementFrom(vf, frame.toWorld());
-        if (!get("--displacement").empty())
-          write(ZrVectorImageIO::writeOnLattice(ref, d.data(), get("--displacement"), error,
-                                                refOrder),
-                get("--displacement"));
         if (!get("--vector-field").empty()) {
           std::vector<float> back(d.size());
           for (size_t i = 0; i < d.size(); i++)
             back[i] = -d[i];
           write(ZrVectorImageIO::writeOnLattice(ref, back.data(), get("--vector-field"), error,
-                                                refOrder),
+                                                refOrder, &back),
                 get("--vector-field"));
         }
+        // Written last, so that its vectors can be freed once the file's copy
+        // of them is made.
+        if (!get("--displacement").empty())
+          write(ZrVectorImageIO::writeOnLattice(ref, d.data(), get("--displacement"), error,
+                                                refOrder, &d),
+                get("--displacement"));
       }
       // The determinant only where a file shows it: on a fine grid it costs a
       // pass and a field of its own.

@@ -38,7 +38,8 @@ struct Geometry {
 };
 
 bool writeImage(const Geometry& g, const float* worldVectors, const std::string& path,
-                const ZrImageIO::FileOrder* order, std::string& error) {
+                const ZrImageIO::FileOrder* order, std::string& error,
+                std::vector<float>* release = nullptr) {
   itk::ImageIOBase::Pointer io =
       itk::ImageIOFactory::CreateImageIO(path.c_str(), itk::ImageIOFactory::WriteMode);
   if (!io) {
@@ -59,10 +60,17 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
     if (planar)
       nc = 2;
   }
-  std::vector<float> vectors(nc * n);
-  if (nc == 3) {
+  // Vectors already in the file's order are written as they stand: a fine
+  // field is large.
+  std::vector<float> vectors;
+  const float* out = worldVectors;
+  if (nc == 3 && !layout.keepsFieldOrder()) {
+    vectors.resize(3 * n);
     layout.toFileOrder(worldVectors, vectors.data(), 3 * sizeof(float));
-  } else {
+    out = vectors.data();
+  } else if (nc == 2) {
+    vectors.resize(2 * n);
+    out = vectors.data();
     std::vector<float> ordered(3 * n);
     layout.toFileOrder(worldVectors, ordered.data(), 3 * sizeof(float));
     for (size_t i = 0; i < n; i++) {
@@ -70,6 +78,8 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
       vectors[2 * i + 1] = ordered[3 * i + 1];
     }
   }
+  if (release && out != worldVectors)
+    std::vector<float>().swap(*release);
   io->SetPixelType(itk::IOPixelEnum::VECTOR);
   io->SetNumberOfComponents(nc);
   io->SetComponentType(itk::IOComponentEnum::FLOAT);
@@ -81,14 +91,14 @@ bool writeImage(const Geometry& g, const float* worldVectors, const std::string&
   try {
     io->SetFileName(target);
     io->WriteImageInformation();
-    io->Write(vectors.data());
+    io->Write(out);
   } catch (const itk::ExceptionObject& e) {
     ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + e.GetDescription();
     return false;
   }
   std::string why;
-  if (!ZrImageIO::writtenIntact(target, vectors.data(), vectors.size() * sizeof(float), why)) {
+  if (!ZrImageIO::writtenIntact(target, out, nc * n * sizeof(float), why)) {
     ZrAtomicFile::removeWithData(target, freshData);
     error = "cannot write '" + path + "': " + why;
     return false;
@@ -118,12 +128,13 @@ bool ZrVectorImageIO::write(const ZrRegVectorField3* field, const std::string& p
     for (int c = 0; c < 3; c++)
       world[3 * i + c] =
           float(v[3 * i] * g.m[0][c] + v[3 * i + 1] * g.m[1][c] + v[3 * i + 2] * g.m[2][c]);
-  return writeImage(g, world.data(), path, order, error);
+  return writeImage(g, world.data(), path, order, error, &world);
 }
 
 bool ZrVectorImageIO::writeOnLattice(const ZrRegScalarField3* lattice, const float* worldVectors,
                                      const std::string& path, std::string& error,
-                                     const ZrImageIO::FileOrder* order) {
+                                     const ZrImageIO::FileOrder* order,
+                                     std::vector<float>* release) {
   if (lattice->coordType() != ZR_COORD_UNIFORM) {
     error = "the reference is not on a uniform grid";
     return false;
@@ -133,7 +144,7 @@ bool ZrVectorImageIO::writeOnLattice(const ZrRegScalarField3* lattice, const flo
     g.dims[a] = lattice->getDims()[a];
   lattice->getBoundingBox(g.box);
   lattice->getTransform(g.m);
-  return writeImage(g, worldVectors, path, order, error);
+  return writeImage(g, worldVectors, path, order, error, release);
 }
 
 ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& error) {

@@ -10,6 +10,7 @@
 #include "ZrImageIO.h"
 
 #include <string>
+#include <vector>
 
 class ZrRegVectorField3;
 class ZrRegScalarField3;
@@ -27,8 +28,11 @@ public:
   // fastest, three floats each, in world coordinates), with that field's
   // geometry, in the voxel order and dimension of order when it fits (the
   // order of the file the lattice came from). A 2-D file whose vectors all
-  // lie in its plane gets two components.
+  // lie in its plane gets two components. `release`, when given, is the
+  // vector that holds worldVectors: it is freed as soon as the file's own
+  // copy is made, so that a fine field is not held twice while it is written.
   static bool writeOnLattice(const ZrRegScalarField3* lattice, const float* worldVectors,
                              const std::string& path, std::string& error,
-                             const ZrImageIO::FileOrder* order = nullptr);
+                             const ZrImageIO::FileOrder* order = nullptr,
+                             std::vector<float>* release = nullptr);
 };
