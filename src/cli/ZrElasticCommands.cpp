@@ -423,6 +423,13 @@ int ZrElasticCommands::runElastic(int argc, char** argv) {
     } else {
       if (!get("--displacement").empty() || !get("--vector-field").empty()) {
         std::vector<float> d = displacementFrom(vf, frame.toWorld());
+        // Without a Jacobian to compute, the module's field (positions and
+        // vectors) is not read again: it goes before the files are written.
+        if (get("--jacobian").empty() && get("--snapshot").empty()) {
+          ZrObjectPool::getTheObjectPool()->removeObject(vf);
+          m->setResult(1, nullptr);
+          vf = nullptr;
+        }
         if (!get("--vector-field").empty()) {
           std::vector<float> back(d.size());
           for (size_t i = 0; i < d.size(); i++)

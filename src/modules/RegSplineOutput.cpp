@@ -63,17 +63,23 @@ void reg_evaluateWarp(T* out, int nComp, const QbVec3f* positions, size_t numNod
 void RegSplineOutput::transformGrid(RegVoxelCubicSplineTransform* t, ZrRegScalarField3* R,
                                     std::vector<QbVec3f>& out) {
   const int* d = R->getDims();
-  const size_t nx = d[0], ny = d[1], nz = d[2];
+  out.assign((size_t)d[0] * d[1] * d[2], QbVec3f());
+  transformGrid(t, R, out.data());
+}
+
+void RegSplineOutput::transformGrid(RegVoxelCubicSplineTransform* t, ZrRegScalarField3* R,
+                                    QbVec3f* out) {
+  const int* d = R->getDims();
+  const size_t nx = d[0], ny = d[1];
   const size_t cy = t->gridSize[1], cz = t->gridSize[2];
-  out.assign(nx * ny * nz, QbVec3f());
   if (t->dimension == 3) {
     std::vector<QbVec3f> first(nx * cy * cz), second(nx * ny * cz);
-    t->getTransformedGridComplete(out.data(), first.data(), second.data());
+    t->getTransformedGridComplete(out, first.data(), second.data());
   } else {
     // A flat lattice skips the third pass: the second pass writes the
     // result, which holds nx * ny * 1 positions.
     std::vector<QbVec3f> first(nx * cy * cz);
-    t->getTransformedGridComplete(nullptr, first.data(), out.data());
+    t->getTransformedGridComplete(nullptr, first.data(), out);
   }
 }
 
@@ -85,9 +91,11 @@ ZrRegVectorField3* RegSplineOutput::makeVectorField(RegVoxelCubicSplineTransform
     reportNoField();
     return nullptr;
   }
-  std::vector<QbVec3f> q;
-  transformGrid(t, R, q);
+  // The positions go straight into the field's coordinates: on a fine grid
+  // a buffer of them would be as large as the field.
+  static_assert(sizeof(QbVec3f) == 3 * sizeof(float), "positions are three packed floats");
   float* coords = static_cast<ZrCurvilinearCoord3*>(field->lattice.coords())->getPositions();
+  transformGrid(t, R, reinterpret_cast<QbVec3f*>(coords));
   float* vec = field->floatData();
   const ZrCoord3* refCoords = R->lattice.coords();
   size_t n = 0;
@@ -96,10 +104,8 @@ ZrRegVectorField3* RegSplineOutput::makeVectorField(RegVoxelCubicSplineTransform
       for (int i = 0; i < d[0]; i++, n++) {
         float p[3];
         refCoords->pos(i, j, k, p);
-        for (int c = 0; c < 3; c++) {
-          coords[3 * n + c] = q[n][c];
-          vec[3 * n + c] = sign * (p[c] - q[n][c]);
-        }
+        for (int c = 0; c < 3; c++)
+          vec[3 * n + c] = sign * (p[c] - coords[3 * n + c]);
       }
   return field;
 }

@@ -23,6 +23,8 @@ public:
   // reference and interpolants must be those of `R`.
   static void transformGrid(RegVoxelCubicSplineTransform* t, ZrRegScalarField3* R,
                             std::vector<QbVec3f>& out);
+  // The same into `out`, which holds one position per node of R.
+  static void transformGrid(RegVoxelCubicSplineTransform* t, ZrRegScalarField3* R, QbVec3f* out);
 
   // A curvilinear float field on the lattice of `R` whose node lies at the
   // transformed position q of the reference node p and holds sign * (p - q).
