@@ -196,26 +196,16 @@ template <class T> struct RegAnalyticVoxelModel {
     return data + ((int64_t)vs[2] * ny + vs[1]) * nx + vs[0];
   }
   static inline void corners(const T* p, const int64_t* st, float* c) {
-    const int64_t sx = st[0], sy = st[1], sz = st[2];
-    c[0] = (float)p[0];
-    c[1] = (float)p[sx];
-    c[2] = (float)p[sy];
-    c[3] = (float)p[sy + sx];
-    c[4] = (float)p[sy + sz];
-    c[5] = (float)p[sy + sz + sx];
-    c[6] = (float)p[sz];
-    c[7] = (float)p[sz + sx];
+    RegMetric::loadCorners(p, st[0], st[1], st[2], c);
   }
   inline float value(const QbVec3f& point) const {
-    float fr[3], c[8];
+    float fr[3], c[8], e[6];
     int64_t st[3];
     bool moves[3];
     corners(cell(point, fr, st, moves), st, c);
-    const float fx = fr[0], fy = fr[1], fz = fr[2];
-    const float e0 = c[0] + (c[1] - c[0]) * fx, e1 = c[6] + (c[7] - c[6]) * fx;
-    const float e2 = c[2] + (c[3] - c[2]) * fx, e3 = c[4] + (c[5] - c[4]) * fx;
-    const float e4 = e0 + (e2 - e0) * fy, e5 = e1 + (e3 - e1) * fy;
-    return e4 + (e5 - e4) * fz;
+    RegMetric::lerpX(c, fr[0], e);
+    RegMetric::lerpY(e, fr[1]);
+    return RegMetric::lerpZ(e, fr[2]);
   }
   inline bool slope(const QbVec3f& point, double* g) const {
     float fr[3], c[8];
