@@ -417,6 +417,21 @@ void buildLabelAxis(LabelAxis& la, int nIn, int nOut) {
 template <class T>
 bool reg_evaluateReduceLabels(const T* in, T* out, const int dIn[3], const int dOut[3],
                               const LabelAxis ax[3], bool progress) {
+  constexpr bool kCounted = std::is_integral<T>::value && sizeof(T) <= 2;
+  constexpr size_t kLabels = kCounted ? size_t(1) << (8 * sizeof(T)) : 0;
+  // Keys that order like the labels: signed labels shifted by half the range.
+  auto labelKey = [](T v) -> uint32_t {
+    if constexpr (std::is_signed<T>::value)
+      return uint32_t(int32_t(v) - int32_t(std::numeric_limits<T>::min()));
+    else
+      return uint32_t(v);
+  };
+  auto labelOfKey = [](uint32_t key) -> T {
+    if constexpr (std::is_signed<T>::value)
+      return T(int32_t(key) + int32_t(std::numeric_limits<T>::min()));
+    else
+      return T(key);
+  };
   const int numThreads = threadCount();
   size_t maxBlock = 1;
   for (int a = 0; a < 3; a++) {
@@ -435,8 +450,14 @@ bool reg_evaluateReduceLabels(const T* in, T* out, const int dIn[3], const int d
 #pragma omp parallel num_threads(numThreads) if (par)
   {
     // (label, squared distance to the node) of the block's nodes.
-    std::vector<std::pair<T, float>> block(maxBlock);
+    std::vector<std::pair<T, float>> block(kCounted ? 0 : maxBlock);
     std::pair<T, float>* b = block.data();
+    // Labels of 8 and 16 bits are counted instead of sorted: per label its
+    // count and the distance of its nearest node, and the labels the block
+    // touched, to pick from and to clear.
+    std::vector<uint32_t> counts(kCounted ? kLabels : 0);
+    std::vector<float> nearest(kCounted ? kLabels : 0);
+    std::vector<uint32_t> touched(kCounted ? maxBlock : 0);
     const bool master = omp_get_thread_num() == 0;
 #pragma omp for schedule(static)
     for (long row = 0; row < rows; row++) {
@@ -468,6 +489,38 @@ bool reg_evaluateReduceLabels(const T* in, T* out, const int dIn[3], const int d
           continue;
         }
         const double cx = ax[0].center[i];
+        if constexpr (kCounted) {
+          // The most frequent label; between equally frequent ones the one
+          // with the nearer node, and then the lower label.
+          size_t n = 0;
+          for (int z = z0; z <= z1; z++)
+            for (int y = y0; y <= y1; y++) {
+              const T* s = in + z * nxy + y * nx;
+              const double dyz = (y - cy) * (y - cy) + (z - cz) * (z - cz);
+              for (int x = x0; x <= x1; x++) {
+                const uint32_t key = labelKey(s[x]);
+                const float dist = float(dyz + (x - cx) * (x - cx));
+                if (counts[key]++ == 0) {
+                  touched[n++] = key;
+                  nearest[key] = dist;
+                } else if (dist < nearest[key]) {
+                  nearest[key] = dist;
+                }
+              }
+            }
+          uint32_t best = touched[0];
+          for (size_t t = 1; t < n; t++) {
+            const uint32_t key = touched[t];
+            if (counts[key] > counts[best] ||
+                (counts[key] == counts[best] &&
+                 (nearest[key] < nearest[best] || (nearest[key] == nearest[best] && key < best))))
+              best = key;
+          }
+          for (size_t t = 0; t < n; t++)
+            counts[touched[t]] = 0;
+          dst[i] = labelOfKey(best);
+          continue;
+        }
         size_t n = 0;
         for (int z = z0; z <= z1; z++)
           for (int y = y0; y <= y1; y++) {

@@ -233,3 +233,39 @@ TEST(ZrResampleLabels, KnownMajoritiesAndTies) {
       EXPECT_EQ(out->getValue(int(i), 0, 0), float(c.out[i])) << "case " << c.in.size() << "/" << i;
   }
 }
+
+// Labels of 8 and 16 bits are counted, wider ones sorted: both must pick the
+// same label for every block, ties included (few labels, many ties).
+TEST(ZrResampleLabels, CountedTypesAgreeWithSortedFloats) {
+  struct Case {
+    QbPrimType type;
+    std::vector<double> labels;
+  };
+  const Case cases[] = {{QB_UINT8, {0, 1, 5, 255}},
+                        {QB_INT16, {-32768, -300, -1, 0, 7}},
+                        {QB_UINT16, {0, 1, 40000, 65535}}};
+  const int dims[3] = {13, 10, 9};
+  const float box[6] = {0, 12, 0, 9, 0, 8};
+  const int factorSets[][3] = {{2, 2, 2}, {3, 2, 1}, {4, 3, 3}};
+  std::mt19937 rng(7);
+  for (const Case& c : cases) {
+    ZrUniformLabelField3 in(dims, c.type, box);
+    ZrUniformLabelField3 asFloat(dims, QB_FLOAT, box);
+    std::uniform_int_distribution<size_t> pick(0, c.labels.size() - 1);
+    for (size_t i = 0; i < in.lattice.numNodes(); i++) {
+      const double v = c.labels[pick(rng)];
+      in.lattice.setValue(i, v);
+      asFloat.lattice.setValue(i, v);
+    }
+    for (const auto& factors : factorSets) {
+      FieldPtr out(ZrResample::reduceLabels(&in, factors));
+      FieldPtr expected(ZrResample::reduceLabels(&asFloat, factors));
+      ASSERT_NE(out, nullptr);
+      ASSERT_NE(expected, nullptr);
+      ASSERT_EQ(out->lattice.numNodes(), expected->lattice.numNodes());
+      for (size_t i = 0; i < out->lattice.numNodes(); i++)
+        ASSERT_EQ(out->lattice.getValueAsDouble(i), expected->lattice.getValueAsDouble(i))
+            << "type " << c.type << ", factor " << factors[0] << ", node " << i;
+    }
+  }
+}
