@@ -1,5 +1,6 @@
 #include "ZrAffineCommand.h"
 
+#include "QbMat3d.h"
 #include "SbMatrixd.h"
 #include "SbVec3d.h"
 #include "ZrCompModule.h"
@@ -17,6 +18,7 @@
 #include "ZrSnapshot.h"
 #include "ZrTransformFiles.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -186,7 +188,9 @@ void ZrAffineCommand::printHelp() {
               "  --quiet                no progress and no module messages\n"
               "\n"
               "Ctrl-C stops the registration after the current step; the result reached so\n"
-              "far is written and the exit status is 130.\n");
+              "far is written and the exit status is 130. A search that ran away (the found\n"
+              "transform scales the model by more than 3 or less than 1/3 along some\n"
+              "direction) writes its outputs, says so and exits with status 3.\n");
 }
 
 int ZrAffineCommand::run(int argc, char** argv) {
@@ -420,5 +424,41 @@ int ZrAffineCommand::run(int argc, char** argv) {
     std::fprintf(stderr, "zrreg: interrupted; the result reached so far was written\n");
     return 130;
   }
-  return ok ? 0 : 1;
+  if (!ok)
+    return 1;
+  // A search that ran away (the metric rising as the overlap shrinks to a
+  // few voxels) ends with an absurd scale; the files are written for a
+  // look, but a script must not take them for a result.
+  double smallest, largest;
+  sizeChange(change, smallest, largest);
+  if (!(smallest >= 1.0 / kMaxSizeChange && largest <= kMaxSizeChange)) {
+    std::fprintf(stderr,
+                 "zrreg: the registration ran away: the found transform scales the model by "
+                 "%.3g to %.3g; the outputs are written but almost surely wrong (check that the "
+                 "images overlap and show the same anatomy; try --dof 6 or --align centers)\n",
+                 smallest, largest);
+    return 3;
+  }
+  return 0;
+}
+
+void ZrAffineCommand::sizeChange(const SbMatrixd& change, double& smallest, double& largest) {
+  QbMat3d a;
+  for (int i = 0; i < 3; i++)
+    for (int j = 0; j < 3; j++)
+      a[i][j] = change[i][j];
+  double values[3];
+  QbMat3d vectors;
+  (a.transpose() * a).eigenSystem(values, vectors);
+  smallest = largest = std::sqrt(std::max(0.0, values[0]));
+  for (int k = 1; k < 3; k++) {
+    const double s = std::sqrt(std::max(0.0, values[k]));
+    smallest = std::min(smallest, s);
+    largest = std::max(largest, s);
+  }
+  // A NaN anywhere is a run away too.
+  for (int i = 0; i < 3; i++)
+    for (int j = 0; j < 3; j++)
+      if (!std::isfinite(a[i][j]))
+        smallest = largest = std::nan("");
 }

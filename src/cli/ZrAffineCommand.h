@@ -1,6 +1,7 @@
 #pragma once
 // zrreg affine: rigid or affine registration of a model image onto one to
 // three reference images, through the package's affine registration module.
+class SbMatrixd;
 class ZrCompModule;
 
 class ZrAffineCommand {
@@ -12,9 +13,14 @@ public:
   // Limits of the histogram bins.
   static constexpr int kMinBins = 16, kMaxBins = 128;
 
+  // A found transform that shrinks or stretches the model beyond these
+  // factors along some direction ran away: no anatomy differs that much.
+  static constexpr double kMaxSizeChange = 3.0;
+
   // argv[0] is "affine". Returns the process exit status: 0 success, 1 bad
-  // input or failure, 2 bad usage, 130 interrupted (the result reached so far
-  // is written).
+  // input or failure, 2 bad usage, 3 the registration ran away (the outputs
+  // are written, but the transform is almost surely wrong), 130 interrupted
+  // (the result reached so far is written).
   static int run(int argc, char** argv);
   static void printHelp();
   // Starts the program again (same arguments, argv[0] the program's) with
@@ -29,4 +35,8 @@ public:
   // information. `zrreg ports ZrAffineRegistration` shows the module with
   // them.
   static void applyDefaults(ZrCompModule* module, bool quiet, int dof = kDefaultDof);
+  // The smallest and largest factor by which the linear part of `change`
+  // (row-vector convention, as SbMatrixd) scales a length: its singular
+  // values.
+  static void sizeChange(const SbMatrixd& change, double& smallest, double& largest);
 };

@@ -3,6 +3,7 @@
 // whose transform is known.
 #include "QbPrimType.h"
 #include "SbMatrixd.h"
+#include "ZrAffineCommand.h"
 #include "ZrImageIO.h"
 #include "ZrTransformFiles.h"
 #include "ZrUniformScalarField3.h"
@@ -202,4 +203,36 @@ TEST_F(ZrregCommands, PairsThatCannotRegisterAreRefused) {
           out);
   EXPECT_EQ(r.status, 0) << r.output;
   EXPECT_TRUE(exists(out));
+}
+
+// The run-away check rests on the singular values of the found change:
+// rotations and the translation row must not count, a shear must.
+TEST(ZrAffineSizeChange, SingularValuesOfTheLinearPart) {
+  const double c = std::cos(0.5), s = std::sin(0.5);
+  struct Case {
+    SbMatrixd m;
+    double smallest, largest;
+  };
+  const Case cases[] = {
+      {SbMatrixd(c, s, 0, 0, -s, c, 0, 0, 0, 0, 1, 0, 40, -30, 7, 1), 1.0, 1.0},
+      // rotation * diag(4, 1, 0.5) * rotation, row vectors
+      {SbMatrixd(c, s, 0, 0, -s, c, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1) *
+           SbMatrixd(4, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0.5, 0, 0, 0, 0, 1) *
+           SbMatrixd(1, 0, 0, 0, 0, c, s, 0, 0, -s, c, 0, 5, 5, 5, 1),
+       0.5, 4.0},
+      // shear by 2: singular values sqrt(3 -+ sqrt(8)) = sqrt(2) -+ 1
+      {SbMatrixd(1, 2, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1), std::sqrt(2.0) - 1,
+       std::sqrt(2.0) + 1},
+  };
+  for (const Case& k : cases) {
+    double smallest, largest;
+    ZrAffineCommand::sizeChange(k.m, smallest, largest);
+    EXPECT_NEAR(smallest, k.smallest, 1e-12);
+    EXPECT_NEAR(largest, k.largest, 1e-12);
+  }
+  double smallest, largest;
+  ZrAffineCommand::sizeChange(SbMatrixd(NAN, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1), smallest,
+                              largest);
+  EXPECT_FALSE(smallest >= 1.0 / ZrAffineCommand::kMaxSizeChange &&
+               largest <= ZrAffineCommand::kMaxSizeChange);
 }
