@@ -304,6 +304,22 @@ def make_affine(root):
                "what": "label atlas, header moved by rotation, anisotropic scale and shift"},
                aal, moved_header(aal, t), truth=t)
 
+    # Held out: cases added after the defaults were chosen on the ones above,
+    # to check that the choice carries over to other motions.
+    t = motion(c, (-7, 3, 5), (-4, 7, 2), (0.95, 1.07, 0.97))
+    write_case(root, "atlas-anisotropic2", {"kind": "affine", "dof": 9,
+               "what": "label atlas, header moved by another rotation, anisotropic scale and shift"},
+               aal, moved_header(aal, t), truth=t)
+    t = motion(c, (-3, 9, -6), (-8, 4, 9), (1.04, 0.97, 1.02))
+    inv = np.linalg.inv(t)
+    write_case(root, "mri1mm-anisotropic", {"kind": "affine", "dof": 9,
+               "what": "1 mm T1 resampled through a rotation, an anisotropic scale and a shift"},
+               ch2, resampled(ch2, ch2, inv, 3), aal, resampled(aal, aal, inv, 0), truth=t)
+    t = motion(c, (10, -8, 12), (10, -8, 6))
+    write_case(root, "mri1mm-rigid-large", {"kind": "affine", "dof": 6,
+               "what": "1 mm T1, header moved by a large rotation (up to 12 degrees) and a 14 mm shift"},
+               ch2, moved_header(ch2, t), truth=t)
+
     # Stored flipped in i and k, with an oblique header (12 degrees) and a motion.
     flip = np.eye(4)
     flip[0, 0], flip[0, 3] = -1, ch2.data.shape[0] - 1
