@@ -353,6 +353,32 @@ def make_affine(root):
                    ref2, model2, truth=t, two_d=True)
 
 
+    # Held out: eight slices with random in-plane motions (seeded), added
+    # after the planar defaults were chosen on the three slices above.
+    rng = np.random.default_rng(11)
+    for n in range(8):
+        src, pix = (ch2, 1.0) if n % 2 == 0 else (better, 0.8)
+        ang = float(rng.uniform(-10, 10)) if n % 4 >= 2 else 0.0
+        shift = rng.uniform(-5, 5, 2)
+        scale = 1.0 if n < 4 else float(rng.uniform(0.95, 1.05))
+        z = float(c[2]) + float(rng.uniform(-20, 20))
+        nx, ny = int(180 / pix), int(216 / pix)
+        aff = np.eye(4)
+        aff[0, 0] = aff[1, 1] = pix
+        aff[:3, 3] = (c[0] - pix * (nx - 1) / 2, c[1] - pix * (ny - 1) / 2, z)
+        grid = Image(np.zeros((nx, ny, 1), src.data.dtype), aff)
+        ref2 = resampled(src, grid, np.eye(4), 3)
+        t = np.eye(4)
+        r = rotation(0, 0, ang)[:2, :2] * scale
+        t[:2, :2] = r
+        t[:2, 3] = c[:2] - r @ c[:2] + shift
+        model2 = resampled(ref2, ref2, np.linalg.inv(t), 3)
+        what = "held-out slice at %g mm pixels: %.2f degrees, shift (%.2f, %.2f) mm, scale %.3f" % (
+            pix, ang, shift[0], shift[1], scale)
+        write_case(root, "slice-heldout%d" % n, {"kind": "affine", "dof": 6 if n < 4 else 7, "what": what},
+                   ref2, model2, truth=t, two_d=True)
+
+
 def make_elastic(root):
     ch2 = template("ch2.nii.gz")
     aal = template("aal.nii.gz", labels=True)

@@ -100,6 +100,8 @@ private:
   // that releaseLevel() removes. False, and `offGrid` empty, where the level
   // keeps its grid (a 3-D run, a coarser level, labels, a failed resampling).
   bool offGridReference(const FieldArray& referenceLevel, FieldArray& offGrid);
+  // The Gaussian (in voxels) that smooths both images of that level.
+  static constexpr float kPlanarSigma = 0.5f;
   // Frees what a run that failed in initRegistration() left behind.
   void discardLeftoverRun();
 };

@@ -577,10 +577,11 @@ inline double lerpAt(const float* v, size_t stride, int n, double c) {
 // the index positions centers[a][o] of the input. Null for coordinates of an
 // unknown kind.
 ZrRegScalarField3* createResultField(ZrRegScalarField3* field, bool label, const int dOut[3],
-                                     const std::vector<double> centers[3]) {
+                                     const std::vector<double> centers[3], int type = -1) {
   const ZrCoord3* c = field->lattice.coords();
   const int* dIn = field->getDims();
-  const int type = field->primType();
+  if (type < 0)
+    type = field->primType();
   ZrRegScalarField3* result = nullptr;
   switch (c->coordType()) {
   case ZR_COORD_UNIFORM: {
@@ -763,6 +764,63 @@ bool ZrResample::isLabelField(ZrRegScalarField3* field) {
 ZrRegScalarField3* ZrResample::resampleGrey(ZrRegScalarField3* field, const int dims[3],
                                             int filter) {
   return resampleGreyImpl(field, dims, filter, false);
+}
+
+ZrRegScalarField3* ZrResample::smoothGrey(ZrRegScalarField3* field, float sigma) {
+  if (!validInput(field) || !(sigma > 0.0f))
+    return nullptr;
+  const int* d = field->getDims();
+  std::vector<double> centers[3];
+  for (int a = 0; a < 3; a++) {
+    centers[a].resize(d[a]);
+    for (int i = 0; i < d[a]; i++)
+      centers[a][i] = i;
+  }
+  ZrRegScalarField3* result = createResultField(field, false, d, centers, QB_FLOAT);
+  if (!result)
+    return nullptr;
+  const int radius = std::max(1, int(std::ceil(4.0f * sigma - 1e-6f)));
+  std::vector<float> kernel(2 * radius + 1);
+  double sum = 0.0;
+  for (int t = -radius; t <= radius; t++)
+    sum += kernel[t + radius] = float(std::exp(-0.5 * double(t) * t / (double(sigma) * sigma)));
+  for (float& k : kernel)
+    k = float(k / sum);
+  float* out = static_cast<float*>(result->lattice.dataPtr());
+  const size_t n = size_t(d[0]) * d[1] * d[2];
+  qbDispatchVoxelType(field->primType(), [&](auto t) {
+    using T = decltype(t);
+    const T* in = static_cast<const T*>(field->lattice.dataPtr());
+    for (size_t i = 0; i < n; i++)
+      out[i] = float(in[i]);
+  });
+  // One pass per axis, each line through a copy of itself.
+  const size_t strides[3] = {1, size_t(d[0]), size_t(d[0]) * d[1]};
+  for (int a = 0; a < 3; a++) {
+    const int len = d[a];
+    if (len < 2)
+      continue;
+    const size_t stride = strides[a];
+    const long lines = long(n / len);
+    const int b = (a + 1) % 3, c = (a + 2) % 3;
+#pragma omp parallel num_threads(threadCount()) if (n >= kParallelMinWork)
+    {
+      std::vector<float> line(len);
+#pragma omp for schedule(static)
+      for (long l = 0; l < lines; l++) {
+        const size_t base = size_t(l % d[b]) * strides[b] + size_t(l / d[b]) * strides[c];
+        for (int i = 0; i < len; i++)
+          line[i] = out[base + i * stride];
+        for (int i = 0; i < len; i++) {
+          float v = 0.0f;
+          for (int t = -radius; t <= radius; t++)
+            v += kernel[t + radius] * line[std::min(std::max(i + t, 0), len - 1)];
+          out[base + i * stride] = v;
+        }
+      }
+    }
+  }
+  return result;
 }
 
 ZrRegScalarField3* ZrResample::reduceLabels(ZrRegScalarField3* field, const int factors[3]) {

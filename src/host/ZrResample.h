@@ -55,6 +55,10 @@ public:
   // Label reduction by integer factors (values below 1 count as 1); the
   // result has ceil(n / factor) nodes per axis.
   static ZrRegScalarField3* reduceLabels(ZrRegScalarField3* field, const int factors[3]);
+  // Gaussian smoothing of standard deviation `sigma` voxels along every axis
+  // with more than one node (the kernel cut at 4 sigma, the border
+  // repeated); the result has the input's grid and float voxels.
+  static ZrRegScalarField3* smoothGrey(ZrRegScalarField3* field, float sigma);
   // True if the field offers one of the two label interfaces.
   static bool isLabelField(ZrRegScalarField3* field);
 

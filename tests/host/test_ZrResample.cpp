@@ -6,6 +6,7 @@
 #include "ZrUniformLabelField3.h"
 
 #include <cmath>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
@@ -267,5 +268,45 @@ TEST(ZrResampleLabels, CountedTypesAgreeWithSortedFloats) {
         ASSERT_EQ(out->lattice.getValueAsDouble(i), expected->lattice.getValueAsDouble(i))
             << "type " << c.type << ", factor " << factors[0] << ", node " << i;
     }
+  }
+}
+
+// Gaussian smoothing against values worked out by hand: a spike spreads into
+// the normalised kernel along the axes with extent only, a constant stays,
+// and a ramp stays away from the repeated border.
+TEST(ZrResampleSmooth, SpikeConstantAndRamp) {
+  const int dims[3] = {9, 7, 1};
+  const float box[6] = {0, 8, 0, 6, 0, 0};
+  const double e = std::exp(-2.0), s = 1.0 + 2 * e + 2 * std::exp(-8.0);
+  const double k[3] = {1.0 / s, e / s, std::exp(-8.0) / s}; // sigma 0.5: offsets 0, 1, 2
+  struct Case {
+    const char* what;
+    std::function<double(int, int)> in, expected;
+  };
+  const Case cases[] = {
+      {"spike", [](int i, int j) { return i == 4 && j == 3 ? 100.0 : 0.0; },
+       [&](int i, int j) {
+         const int di = std::abs(i - 4), dj = std::abs(j - 3);
+         return di <= 2 && dj <= 2 ? 100.0 * k[di] * k[dj] : 0.0;
+       }},
+      {"constant", [](int, int) { return 37.0; }, [](int, int) { return 37.0; }},
+      {"ramp", [](int i, int) { return 10.0 * i; },
+       [](int i, int) { return i >= 2 && i <= 6 ? 10.0 * i : std::nan(""); }},
+  };
+  for (const Case& c : cases) {
+    ZrUniformScalarField3 in(dims, QB_UINT8, box);
+    for (int j = 0; j < dims[1]; j++)
+      for (int i = 0; i < dims[0]; i++)
+        in.lattice.setValue(size_t(j) * dims[0] + i, c.in(i, j));
+    FieldPtr out(ZrResample::smoothGrey(&in, 0.5f));
+    ASSERT_NE(out, nullptr);
+    EXPECT_EQ(out->primType(), QB_FLOAT);
+    expectBox(in, *out);
+    for (int j = 0; j < dims[1]; j++)
+      for (int i = 0; i < dims[0]; i++) {
+        const double want = c.expected(i, j);
+        if (!std::isnan(want))
+          EXPECT_NEAR(out->getValue(i, j, 0), want, 1e-4) << c.what << " " << i << "," << j;
+      }
   }
 }
