@@ -23,6 +23,7 @@
 #include "RegVoxelCubicSplineTransform.h"
 #include "ZrFieldEvaluator.h"
 #include "ZrLocation3.h"
+#include "reg_evaluateElasticSimd.h"
 
 #include <algorithm>
 #include <cmath>
@@ -343,6 +344,34 @@ inline QbVec3f reg_elasticProbePosition(const QbVec3f& g, float inc, double fz, 
 #define REG_ALWAYS_INLINE
 #endif
 
+// Calls row(v, fy, fz) for every row of `box`, the box of control point `cp`,
+// where the point's y and z weights fy and fz are not 0, in voxel order: v is
+// the voxel of the row's first column.
+template <class Row>
+inline void reg_forElasticBoxRows(const int* dims, const int* box, int cp,
+                                  const RegVoxelCubicSplineTransform* transform, Row&& row) {
+  const int nx = dims[0], ny = dims[1];
+  const int x0 = box[0], y0 = box[2], y1 = box[3], z0 = box[4], z1 = box[5];
+  const int gx = transform->gridSize[0], gy = transform->gridSize[1];
+  const int firstY = std::min(3, (cp / gx) % gy), firstZ = std::min(3, cp / (gx * gy));
+  const bool flat = transform->is2D;
+  const RegSplineInterpolant* iy = transform->interpolantsY;
+  const RegSplineInterpolant* iz = transform->interpolantsZ;
+  size_t v = ((size_t)z0 * ny + y0) * nx + x0;
+  const size_t planeSkip = (size_t)(ny - 1 + y0 - y1) * nx;
+  int columnZ = firstZ;
+  for (int z = z0; z <= z1; z++, v += planeSkip) {
+    const double fz =
+        flat ? 1.0 : RegVoxelCubicSplineTransform::incrementalWeight(iz, z, z0, columnZ);
+    int columnY = firstY;
+    for (int y = y0; y <= y1; y++, v += nx) {
+      const double fy = RegVoxelCubicSplineTransform::incrementalWeight(iy, y, y0, columnY);
+      if (fy * fz != 0.0)
+        row(v, fy, fz);
+    }
+  }
+}
+
 // Calls visit(v, x, fy, fz) for every voxel v of `box`, the box of control
 // point `cp`, where the point's weight is not 0, in voxel order: x is the
 // voxel's column in the box, unit[x] the point's x weight, fy and fz its y
@@ -351,33 +380,12 @@ template <class Visit>
 inline void reg_forElasticBoxVoxels(const int* dims, const int* box, int cp,
                                     const RegVoxelCubicSplineTransform* transform,
                                     const float* unit, Visit&& visit) {
-  const int nx = dims[0], ny = dims[1];
-  const int x0 = box[0], x1 = box[1], y0 = box[2], y1 = box[3], z0 = box[4], z1 = box[5];
-  const int w = x1 - x0 + 1;
-  const int gx = transform->gridSize[0], gy = transform->gridSize[1];
-  const int firstY = std::min(3, (cp / gx) % gy), firstZ = std::min(3, cp / (gx * gy));
-  const bool flat = transform->is2D;
-  const RegSplineInterpolant* iy = transform->interpolantsY;
-  const RegSplineInterpolant* iz = transform->interpolantsZ;
-  size_t v = ((size_t)z0 * ny + y0) * nx + x0;
-  const size_t rowSkip = (size_t)(nx - w);
-  const size_t planeSkip = (size_t)(ny - 1 + y0 - y1) * nx;
-  int columnZ = firstZ;
-  for (int z = z0; z <= z1; z++, v += planeSkip) {
-    const double fz =
-        flat ? 1.0 : RegVoxelCubicSplineTransform::incrementalWeight(iz, z, z0, columnZ);
-    int columnY = firstY;
-    for (int y = y0; y <= y1; y++, v += rowSkip) {
-      const double fy = RegVoxelCubicSplineTransform::incrementalWeight(iy, y, y0, columnY);
-      if (fy * fz == 0.0) {
-        v += w;
-        continue;
-      }
-      for (int x = 0; x < w; x++, v++)
-        if (unit[x] != 0.0f)
-          visit(v, x, fy, fz);
-    }
-  }
+  const int w = box[1] - box[0] + 1;
+  reg_forElasticBoxRows(dims, box, cp, transform, [&](size_t v, double fy, double fz) {
+    for (int x = 0; x < w; x++, v++)
+      if (unit[x] != 0.0f)
+        visit(v, x, fy, fz);
+  });
 }
 
 // The probes of a RegElasticBoxAdd walk (see reg_walkElasticBox) for mutual
@@ -409,58 +417,83 @@ inline void reg_walkElasticBoxAddMI(const T* ref, const int* dims,
   const double modelMin = m->modelMin, modelScale = m->modelScale;
   const int nRef = m->numBinsRef, nMod = m->numBinsMod;
   const T* model = samplers[0].model;
-  reg_forElasticBoxVoxels(
-      dims, box, probes.index[0] / 3, transform, unit,
-      [&](size_t v, int x, double fy, double fz) REG_ALWAYS_INLINE {
-        int i, j;
-        double a0, a1, b0, b1;
-        RegMutualInformation::binOf((double)(float)ref[v], refMin, refScale, nRef, i, a0, a1);
-        // increment(ref, value) of probe k with the reference bin found above.
-        auto add = [&](int k, double value) {
-          RegMutualInformation::binOf(value, modelMin, modelScale, nMod, j, b0, b1);
-          RegMutualInformation::addWeights(hist[k], nMod, i, j, a0, a1, b0, b1, 1.0);
-          added[k]++;
-        };
-        const double cached = (double)cachedSamples[v];
-        const QbVec3f& g = grid[v];
-        int vs[3];
-        float fr[3], ps[3];
-        for (int a = 0; a < 3; a++)
-          m->locateGrey(a, g[a], vs[a], fr[a], ps[a]);
-        int64_t sx, sy, sz;
-        const int64_t off = m->greyCorners(vs, sx, sy, sz);
-        float corners[8], e[6];
-        RegMetric::loadCorners(model + off, sx, sy, sz, corners);
-        RegMetric::lerpX(corners, fr[0], e);
-        RegMetric::lerpY(e, fr[1]);
-        for (int k = 0; k < count; k++) {
-          const int a = c[k];
-          const float inc = (float)(row[k][x] * fy);
-          const float pa = (float)(g[a] + inc * fz);
-          if (pa == g[a]) {
-            add(k, cached);
-            continue;
-          }
-          int va;
-          float fa, unused;
-          m->locateGrey(a, pa, va, fa, unused);
-          float value;
-          if (va != vs[a]) {
-            QbVec3f p = g;
-            p[a] = pa;
-            value = mi[k]->sampleGrey<T, false>(model, &p);
-          } else if (a == 2) {
-            value = RegMetric::lerpZ(e, fa);
-          } else {
-            float f[6] = {e[0], e[1], e[2], e[3], e[4], e[5]};
-            if (a == 0)
-              RegMetric::lerpX(corners, fa, f);
-            RegMetric::lerpY(f, a == 1 ? fa : fr[1]);
-            value = RegMetric::lerpZ(f, fr[2]);
-          }
-          add(k, (double)value);
-        }
-      });
+  auto voxel = [&](size_t v, int x, double fy, double fz) REG_ALWAYS_INLINE {
+    int i, j;
+    double a0, a1, b0, b1;
+    RegMutualInformation::binOf((double)(float)ref[v], refMin, refScale, nRef, i, a0, a1);
+    // increment(ref, value) of probe k with the reference bin found above.
+    auto add = [&](int k, double value) {
+      RegMutualInformation::binOf(value, modelMin, modelScale, nMod, j, b0, b1);
+      RegMutualInformation::addWeights(hist[k], nMod, i, j, a0, a1, b0, b1, 1.0);
+      added[k]++;
+    };
+    const double cached = (double)cachedSamples[v];
+    const QbVec3f& g = grid[v];
+    int vs[3];
+    float fr[3], ps[3];
+    for (int a = 0; a < 3; a++)
+      m->locateGrey(a, g[a], vs[a], fr[a], ps[a]);
+    int64_t sx, sy, sz;
+    const int64_t off = m->greyCorners(vs, sx, sy, sz);
+    float corners[8], e[6];
+    RegMetric::loadCorners(model + off, sx, sy, sz, corners);
+    RegMetric::lerpX(corners, fr[0], e);
+    RegMetric::lerpY(e, fr[1]);
+    for (int k = 0; k < count; k++) {
+      const int a = c[k];
+      const float inc = (float)(row[k][x] * fy);
+      const float pa = (float)(g[a] + inc * fz);
+      if (pa == g[a]) {
+        add(k, cached);
+        continue;
+      }
+      int va;
+      float fa, unused;
+      m->locateGrey(a, pa, va, fa, unused);
+      float value;
+      if (va != vs[a]) {
+        QbVec3f p = g;
+        p[a] = pa;
+        value = mi[k]->sampleGrey<T, false>(model, &p);
+      } else if (a == 2) {
+        value = RegMetric::lerpZ(e, fa);
+      } else {
+        float f[6] = {e[0], e[1], e[2], e[3], e[4], e[5]};
+        if (a == 0)
+          RegMetric::lerpX(corners, fa, f);
+        RegMetric::lerpY(f, a == 1 ? fa : fr[1]);
+        value = RegMetric::lerpZ(f, fr[2]);
+      }
+      add(k, (double)value);
+    }
+  };
+  const int cp = probes.index[0] / 3;
+#ifdef ZR_UNIFORM_AVX2
+  // The columns of non-zero weight: one run in the middle of the box, which
+  // the AVX2 form takes eight at a time.
+  const int w = box[1] - box[0] + 1;
+  int xa = 0, xb = w - 1;
+  while (xa < w && unit[xa] == 0.0f)
+    xa++;
+  while (xb > xa && unit[xb] == 0.0f)
+    xb--;
+  bool run = xb - xa + 1 >= 8;
+  for (int x = xa; x <= xb && run; x++)
+    run = unit[x] != 0.0f;
+  if (run && reg_evaluateUniformSimd()) {
+    const RegElasticMIProbes shared = {m,      mi,       hist,     row,        c,    count,
+                                       refMin, refScale, modelMin, modelScale, nRef, nMod};
+    reg_forElasticBoxRows(dims, box, cp, transform, [&](size_t v, double fy, double fz) {
+      int x = xa;
+      for (; x + 8 <= xb + 1; x += 8)
+        reg_evaluateElasticProbesAvx2<T>(shared, ref, model, cachedSamples, grid, v + x, x, fy, fz,
+                                         added);
+      for (; x <= xb; x++)
+        voxel(v + x, x, fy, fz);
+    });
+  } else
+#endif
+    reg_forElasticBoxVoxels(dims, box, cp, transform, unit, voxel);
   for (int k = 0; k < count; k++) {
     mi[k]->numTotal += added[k];
     mi[k]->numInside += added[k];

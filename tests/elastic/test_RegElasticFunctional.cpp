@@ -3,6 +3,7 @@
 // the keepAll rule, the landmark term, and the refusal of a two-dimensional
 // regularised run on the general class.
 #include "ElasticTestSupport.h"
+#include "reg_evaluateUniformSimd.h"
 
 #include <gtest/gtest.h>
 
@@ -286,29 +287,35 @@ TEST(ElasticRegular, BoundMetricCallsChangeNoBit) {
   const Run runs[] = {{false, NMI, 0, 0},      {false, MI, 0, 0},      {false, MSD, 0, 0},
                       {false, LABEL, 0, 0},    {true, NMI, 0, 0},      {false, NMI, 0.5f, 0.1f},
                       {true, MSD, 0.5f, 0.1f}, {false, LABEL, 0.2f, 0}};
-  for (const Run& r : runs) {
-    const std::string what = std::string(metricName(r.kind)) + (r.twoD ? " 2D" : " 3D") +
-                             (r.energy > 0 ? " penalised" : "");
-    QbDVector<double> g[2];
-    double value[2];
-    for (int opaque = 0; opaque < 2; opaque++) {
-      ElasticSetup s;
-      s.makeData(r.twoD, r.kind);
-      s.makeTransform(6, r.twoD);
-      s.perturb(0.2);
-      s.makeFunctional(true, r.kind, r.energy, r.jacobian, RegDataClassGrey, false, 0,
-                       opaque ? makeOpaque(r.kind) : makeMetric(r.kind));
-      g[opaque].resize(s.transform->paramVector.size());
-      value[opaque] = s.functional->evaluate(g[opaque], r.kind == LABEL ? 3.0 : 0.3, 1);
+  // The bound walk in its AVX2 form (where the processor has it) and in
+  // its scalar form.
+  const bool simd = reg_evaluateUniformSimd();
+  for (int form = 0; form < (simd ? 2 : 1); form++)
+    for (const Run& r : runs) {
+      reg_evaluateUniformSimd() = simd && form == 0;
+      const std::string what = std::string(metricName(r.kind)) + (r.twoD ? " 2D" : " 3D") +
+                               (r.energy > 0 ? " penalised" : "") + (form ? " scalar" : "");
+      QbDVector<double> g[2];
+      double value[2];
+      for (int opaque = 0; opaque < 2; opaque++) {
+        ElasticSetup s;
+        s.makeData(r.twoD, r.kind);
+        s.makeTransform(6, r.twoD);
+        s.perturb(0.2);
+        s.makeFunctional(true, r.kind, r.energy, r.jacobian, RegDataClassGrey, false, 0,
+                         opaque ? makeOpaque(r.kind) : makeMetric(r.kind));
+        g[opaque].resize(s.transform->paramVector.size());
+        value[opaque] = s.functional->evaluate(g[opaque], r.kind == LABEL ? 3.0 : 0.3, 1);
+      }
+      EXPECT_EQ(value[0], value[1]) << what;
+      int nonZero = 0;
+      for (int i = 0; i < g[0].size(); i++) {
+        ASSERT_EQ(g[0][i], g[1][i]) << what << " parameter " << i;
+        nonZero += g[0][i] != 0.0;
+      }
+      EXPECT_GT(nonZero, g[0].size() / 4) << what;
     }
-    EXPECT_EQ(value[0], value[1]) << what;
-    int nonZero = 0;
-    for (int i = 0; i < g[0].size(); i++) {
-      ASSERT_EQ(g[0][i], g[1][i]) << what << " parameter " << i;
-      nonZero += g[0][i] != 0.0;
-    }
-    EXPECT_GT(nonZero, g[0].size() / 4) << what;
-  }
+  reg_evaluateUniformSimd() = simd;
 }
 
 // A float reference with a byte model (a pair a script may connect): the
