@@ -469,18 +469,10 @@ inline void reg_walkElasticBoxAddMI(const T* ref, const int* dims,
   };
   const int cp = probes.index[0] / 3;
 #ifdef ZR_UNIFORM_AVX2
-  // The columns of non-zero weight: one run in the middle of the box, which
-  // the AVX2 form takes eight at a time.
-  const int w = box[1] - box[0] + 1;
-  int xa = 0, xb = w - 1;
-  while (xa < w && unit[xa] == 0.0f)
-    xa++;
-  while (xb > xa && unit[xb] == 0.0f)
-    xb--;
-  bool run = xb - xa + 1 >= 8;
-  for (int x = xa; x <= xb && run; x++)
-    run = unit[x] != 0.0f;
-  if (run && reg_evaluateUniformSimd()) {
+  // The columns of non-zero weight, which the AVX2 form takes eight at a
+  // time.
+  int xa, xb;
+  if (reg_evaluateUniformSimd() && reg_elasticBoxRun(unit, box[1] - box[0] + 1, 8, xa, xb)) {
     const RegElasticMIProbes shared = {m,      mi,       hist,     row,        c,    count,
                                        refMin, refScale, modelMin, modelScale, nRef, nMod};
     reg_forElasticBoxRows(dims, box, cp, transform, [&](size_t v, double fy, double fz) {
@@ -548,6 +540,27 @@ inline void reg_walkElasticBox(const T* ref, const int* dims, const RegElasticPo
   }
   const bool along = !transform->modelTransformed;
   const bool flat = transform->is2D;
+#ifdef ZR_UNIFORM_AVX2
+  // Taking a box out of mutual information: four voxels at a time.
+  if constexpr (Mode == RegElasticBoxTakeOut &&
+                std::is_same<S, RegElasticVoxelSampler<T, RegMutualInformation>>::value) {
+    int xa, xb;
+    if (reg_evaluateUniformSimd() && reg_elasticBoxRun(unit, w, 4, xa, xb)) {
+      RegMutualInformation* mi = static_cast<RegMutualInformation*>(samplers[0].metric);
+      reg_forElasticBoxRows(
+          dims, box, probes.index[0] / 3, transform, [&](size_t v, double, double) {
+            int x = xa;
+            for (; x + 4 <= xb + 1; x += 4)
+              reg_evaluateElasticTakeOutAvx2<T>(mi, ref, cachedSamples, v + x);
+            mi->numTotal -= x - xa;
+            mi->numInside -= x - xa;
+            for (; x <= xb; x++)
+              samplers[0].remove((double)ref[v + x], (double)cachedSamples[v + x]);
+          });
+      return;
+    }
+  }
+#endif
   if constexpr (Mode == RegElasticBoxAdd &&
                 std::is_same<S, RegElasticVoxelSampler<T, RegMutualInformation>>::value) {
     if (along && !flat && !samplers[0].label) {

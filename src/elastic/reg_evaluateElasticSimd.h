@@ -32,6 +32,24 @@ struct RegElasticMIProbes {
   int nRef, nMod;
 };
 
+// The columns of a box row where the point's x weight `unit` is not 0: one
+// run [xa, xb] in the middle of the box. False if they are not one run of at
+// least `least` columns.
+inline bool reg_elasticBoxRun(const float* unit, int w, int least, int& xa, int& xb) {
+  xa = 0;
+  xb = w - 1;
+  while (xa < w && unit[xa] == 0.0f)
+    xa++;
+  while (xb > xa && unit[xb] == 0.0f)
+    xb--;
+  if (xb - xa + 1 < least)
+    return false;
+  for (int x = xa; x <= xb; x++)
+    if (unit[x] == 0.0f)
+      return false;
+  return true;
+}
+
 #ifdef ZR_UNIFORM_AVX2
 
 // RegMetric::locateGrey along axis a for eight coordinates.
@@ -184,6 +202,32 @@ ZR_TARGET_AVX2 void reg_evaluateElasticProbesAvx2(const RegElasticMIProbes& s, c
   }
   for (int k = 0; k < count; k++)
     added[k] += 8;
+}
+
+// RegMutualInformation::decrement(ref[v + l], cached[v + l]) for l < 4; the
+// counts are left to the caller.
+template <class T>
+ZR_TARGET_AVX2 void reg_evaluateElasticTakeOutAvx2(RegMutualInformation* mi, const T* ref,
+                                                   const float* cached, size_t v) {
+  const __m256d r =
+      _mm256_setr_pd((double)ref[v], (double)ref[v + 1], (double)ref[v + 2], (double)ref[v + 3]);
+  int i[4], j[4];
+  alignas(32) double a[8], b[8];
+  reg_evaluateUniformBinAvx2(r, _mm256_set1_pd(mi->refMin), _mm256_set1_pd(mi->refScale),
+                             mi->numBinsRef, i, a);
+  reg_evaluateUniformBinAvx2(_mm256_cvtps_pd(_mm_loadu_ps(cached + v)),
+                             _mm256_set1_pd(mi->modelMin), _mm256_set1_pd(mi->modelScale),
+                             mi->numBinsMod, j, b);
+  double* hist = mi->histogram.data();
+  const int nMod = mi->numBinsMod;
+  // row += -1 * (a b) is row - a b.
+  for (int l = 0; l < 4; l++) {
+    double* h = hist + (size_t)i[l] * nMod + j[l];
+    const __m128d bb = _mm_load_pd(b + 2 * l);
+    _mm_storeu_pd(h, _mm_sub_pd(_mm_loadu_pd(h), _mm_mul_pd(_mm_set1_pd(a[2 * l]), bb)));
+    _mm_storeu_pd(h + nMod,
+                  _mm_sub_pd(_mm_loadu_pd(h + nMod), _mm_mul_pd(_mm_set1_pd(a[2 * l + 1]), bb)));
+  }
 }
 
 #endif
