@@ -11,6 +11,7 @@
 #include "ZrUniformScalarField3.h"
 #include "qbmalloc.h"
 
+#include <exception>
 #include <itkImageIOBase.h>
 #include <itkImageIOFactory.h>
 // Included for its side effect: it registers every image I/O factory of the
@@ -254,6 +255,11 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
   } catch (const itk::ExceptionObject& e) {
     error = "cannot read '" + path + "': " + e.GetDescription();
     return nullptr;
+  } catch (const std::exception& e) {
+    // ITK's readers let some library errors through (a MetaImage data file
+    // name with a '%' in it ends in std::length_error).
+    error = "cannot read '" + path + "': its reader failed (" + e.what() + ")";
+    return nullptr;
   }
 
   unsigned nd = io->GetNumberOfDimensions();
@@ -380,6 +386,9 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     return nullptr;
   } catch (const std::bad_alloc&) {
     error = "not enough memory to read '" + path + "'";
+    return nullptr;
+  } catch (const std::exception& e) {
+    error = "cannot read the voxels of '" + path + "': its reader failed (" + e.what() + ")";
     return nullptr;
   }
   if (components > 1 && !toGrey(comp, buffer.get(), numVoxels, components, inf.notice)) {

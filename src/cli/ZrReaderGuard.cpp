@@ -2,6 +2,7 @@
 
 #include "ZrAtomicFile.h"
 
+#include <exception>
 #include <itkImageIOFactory.h>
 #include <itkObjectFactoryBase.h>
 
@@ -247,6 +248,9 @@ itk::ImageIOBase::Pointer ZrReaderGuard::createReader(const std::string& path, s
     return io;
   } catch (const itk::ExceptionObject& e) {
     error = "cannot read '" + path + "': " + e.GetDescription();
+    return nullptr;
+  } catch (const std::exception& e) {
+    error = "cannot read '" + path + "': its reader failed (" + e.what() + ")";
     return nullptr;
   }
 }

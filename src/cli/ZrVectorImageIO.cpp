@@ -11,6 +11,7 @@
 #include "ZrRegVectorField3.h"
 #include "ZrUniformCoord3.h"
 
+#include <exception>
 #include <itkImageIOBase.h>
 #include <itkImageIOFactory.h>
 // Included for its side effect: it registers ITK's image I/O factories here.
@@ -250,6 +251,12 @@ ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& e
   } catch (const QbMemoryException& e) {
     error =
         "not enough memory to read '" + path + "' (" + std::to_string(e.getNumBytes()) + " bytes)";
+    return nullptr;
+  } catch (const std::bad_alloc&) {
+    error = "not enough memory to read '" + path + "'";
+    return nullptr;
+  } catch (const std::exception& e) {
+    error = "cannot read '" + path + "': its reader failed (" + e.what() + ")";
     return nullptr;
   }
   // Local coordinates: world = D * local with the box at D^T * origin, as for
