@@ -337,21 +337,7 @@ def make_affine(root):
             ("slice1mm-rigid", ch2, 1.0, 9, (-3.2, 5.4), 1.0, "axial 1 mm slice, rotated 9 degrees and shifted"),
             ("slice08mm-similarity", better, 0.8, -7, (3.5, 2.5), 1.05,
              "axial slice at 0.8 mm pixels, rotated, shifted and scaled by 5 %")):
-        z = float(c[2])
-        nx, ny = int(180 / pix), int(216 / pix)
-        aff = np.eye(4)
-        aff[0, 0] = aff[1, 1] = pix
-        aff[:3, 3] = (c[0] - pix * (nx - 1) / 2, c[1] - pix * (ny - 1) / 2, z)
-        grid = Image(np.zeros((nx, ny, 1), src.data.dtype), aff)
-        ref2 = resampled(src, grid, np.eye(4), 3)
-        t = np.eye(4)
-        r = rotation(0, 0, ang)[:2, :2] * scale
-        t[:2, :2] = r
-        t[:2, 3] = c[:2] - r @ c[:2] + np.asarray(shift)
-        model2 = resampled(ref2, ref2, np.linalg.inv(t), 3)
-        write_case(root, name, {"kind": "affine", "dof": 7 if scale != 1 else 6, "what": what},
-                   ref2, model2, truth=t, two_d=True)
-
+        write_slice_case(root, name, what, src, pix, float(c[2]), c, ang, shift, scale)
 
     # Held out: eight slices with random in-plane motions (seeded), added
     # after the planar defaults were chosen on the three slices above.
@@ -362,21 +348,28 @@ def make_affine(root):
         shift = rng.uniform(-5, 5, 2)
         scale = 1.0 if n < 4 else float(rng.uniform(0.95, 1.05))
         z = float(c[2]) + float(rng.uniform(-20, 20))
-        nx, ny = int(180 / pix), int(216 / pix)
-        aff = np.eye(4)
-        aff[0, 0] = aff[1, 1] = pix
-        aff[:3, 3] = (c[0] - pix * (nx - 1) / 2, c[1] - pix * (ny - 1) / 2, z)
-        grid = Image(np.zeros((nx, ny, 1), src.data.dtype), aff)
-        ref2 = resampled(src, grid, np.eye(4), 3)
-        t = np.eye(4)
-        r = rotation(0, 0, ang)[:2, :2] * scale
-        t[:2, :2] = r
-        t[:2, 3] = c[:2] - r @ c[:2] + shift
-        model2 = resampled(ref2, ref2, np.linalg.inv(t), 3)
         what = "held-out slice at %g mm pixels: %.2f degrees, shift (%.2f, %.2f) mm, scale %.3f" % (
             pix, ang, shift[0], shift[1], scale)
-        write_case(root, "slice-heldout%d" % n, {"kind": "affine", "dof": 6 if n < 4 else 7, "what": what},
-                   ref2, model2, truth=t, two_d=True)
+        write_slice_case(root, "slice-heldout%d" % n, what, src, pix, z, c, ang, shift, scale)
+
+
+def write_slice_case(root, name, what, src, pix, z, c, ang, shift, scale):
+    """An axial slice of src at height z (pix mm pixels, centred on c) as the
+    reference, and the slice moved in plane about c (rotation ang degrees,
+    scale, shift in mm) as the model."""
+    nx, ny = int(180 / pix), int(216 / pix)
+    aff = np.eye(4)
+    aff[0, 0] = aff[1, 1] = pix
+    aff[:3, 3] = (c[0] - pix * (nx - 1) / 2, c[1] - pix * (ny - 1) / 2, z)
+    grid = Image(np.zeros((nx, ny, 1), src.data.dtype), aff)
+    ref2 = resampled(src, grid, np.eye(4), 3)
+    t = np.eye(4)
+    r = rotation(0, 0, ang)[:2, :2] * scale
+    t[:2, :2] = r
+    t[:2, 3] = c[:2] - r @ c[:2] + np.asarray(shift)
+    model2 = resampled(ref2, ref2, np.linalg.inv(t), 3)
+    write_case(root, name, {"kind": "affine", "dof": 7 if scale != 1 else 6, "what": what},
+               ref2, model2, truth=t, two_d=True)
 
 
 def make_elastic(root):
