@@ -766,6 +766,44 @@ ZrRegScalarField3* ZrResample::resampleGrey(ZrRegScalarField3* field, const int 
   return resampleGreyImpl(field, dims, filter, false);
 }
 
+ZrRegScalarField3* ZrResample::resampleLabelsNearest(ZrRegScalarField3* field, const int dims[3]) {
+  if (!validInput(field) || dims[0] < 1 || dims[1] < 1 || dims[2] < 1)
+    return nullptr;
+  const int* dIn = field->getDims();
+  std::vector<double> centers[3];
+  std::vector<size_t> offset[3];
+  const size_t strides[3] = {1, size_t(dIn[0]), size_t(dIn[0]) * dIn[1]};
+  for (int a = 0; a < 3; a++) {
+    centers[a].resize(dims[a]);
+    offset[a].resize(dims[a]);
+    for (int o = 0; o < dims[a]; o++) {
+      centers[a][o] = nodeCenter(o, dIn[a], dims[a]);
+      const long i = std::lround(centers[a][o]);
+      offset[a][o] = size_t(std::min(std::max(i, 0L), long(dIn[a] - 1))) * strides[a];
+    }
+  }
+  ZrRegScalarField3* result = createResultField(field, isLabelField(field), dims, centers);
+  if (!result)
+    return nullptr;
+  qbDispatchVoxelType(field->primType(), [&](auto t) {
+    using T = decltype(t);
+    const T* in = static_cast<const T*>(field->lattice.dataPtr());
+    T* out = static_cast<T*>(result->lattice.dataPtr());
+    const long slices = dims[2];
+#pragma omp parallel for num_threads(threadCount())                                                \
+    schedule(static) if (size_t(dims[0]) * dims[1] * dims[2] >= kParallelMinWork)
+    for (long k = 0; k < slices; k++) {
+      T* row = out + size_t(k) * dims[0] * dims[1];
+      for (int j = 0; j < dims[1]; j++, row += dims[0]) {
+        const T* line = in + offset[2][k] + offset[1][j];
+        for (int i = 0; i < dims[0]; i++)
+          row[i] = line[offset[0][i]];
+      }
+    }
+  });
+  return result;
+}
+
 ZrRegScalarField3* ZrResample::smoothGrey(ZrRegScalarField3* field, float sigma) {
   if (!validInput(field) || !(sigma > 0.0f))
     return nullptr;

@@ -55,6 +55,10 @@ public:
   // Label reduction by integer factors (values below 1 count as 1); the
   // result has ceil(n / factor) nodes per axis.
   static ZrRegScalarField3* reduceLabels(ZrRegScalarField3* field, const int factors[3]);
+  // Label resampling to dims (each at least 1) by the nearest node: every
+  // output node, placed as resampleGrey() places it, takes the label of the
+  // input node nearest to it, so that no label value is invented.
+  static ZrRegScalarField3* resampleLabelsNearest(ZrRegScalarField3* field, const int dims[3]);
   // Gaussian smoothing of standard deviation `sigma` voxels along every axis
   // with more than one node (the kernel cut at 4 sigma, the border
   // repeated); the result has the input's grid and float voxels.

@@ -235,6 +235,44 @@ TEST(ZrResampleLabels, KnownMajoritiesAndTies) {
   }
 }
 
+// Nearest-label resampling: every output node, at the position the grey
+// resampling gives it, holds the label of the input node nearest to it, on
+// a coarser and on a finer grid, in 3-D, with the box and the label
+// interface kept.
+TEST(ZrResampleLabels, NearestLabelOnOtherGrids) {
+  const int dIn[3] = {11, 7, 5};
+  const float box[6] = {-5.0f, 5.0f, 0.0f, 3.0f, 2.0f, 4.0f};
+  ZrUniformLabelField3 in(dIn, QB_INT16, box);
+  auto label = [&](int i, int j, int k) { return float(i - 3 * j + 20 * k - 40); };
+  for (int k = 0; k < dIn[2]; k++)
+    for (int j = 0; j < dIn[1]; j++)
+      for (int i = 0; i < dIn[0]; i++)
+        in.lattice.setValue((size_t(k) * dIn[1] + j) * dIn[0] + i, label(i, j, k));
+  const int sizes[][3] = {{10, 6, 5}, {15, 9, 4}, {1, 7, 2}};
+  for (const auto& d : sizes) {
+    FieldPtr out(ZrResample::resampleLabelsNearest(&in, d));
+    ASSERT_NE(out, nullptr);
+    EXPECT_TRUE(ZrResample::isLabelField(out.get()));
+    EXPECT_EQ(out->primType(), QB_INT16);
+    expectBox(in, *out);
+    for (int k = 0; k < d[2]; k++)
+      for (int j = 0; j < d[1]; j++)
+        for (int i = 0; i < d[0]; i++) {
+          // Node o of n spans the input's n - 1 intervals; a single node
+          // stands at the middle of its axis.
+          int near[3];
+          const int o[3] = {i, j, k};
+          for (int a = 0; a < 3; a++) {
+            const double c =
+                d[a] > 1 ? double(o[a]) * (dIn[a] - 1) / (d[a] - 1) : 0.5 * (dIn[a] - 1);
+            near[a] = int(std::lround(c));
+          }
+          EXPECT_EQ(out->getValue(i, j, k), label(near[0], near[1], near[2]))
+              << d[0] << "x" << d[1] << "x" << d[2] << " at " << i << "," << j << "," << k;
+        }
+  }
+}
+
 // Labels of 8 and 16 bits are counted, wider ones sorted: both must pick the
 // same label for every block, ties included (few labels, many ties).
 TEST(ZrResampleLabels, CountedTypesAgreeWithSortedFloats) {
