@@ -100,6 +100,15 @@ private:
   // that releaseLevel() removes. False, and `offGrid` empty, where the level
   // keeps its grid (a 3-D run, a coarser level, labels, a failed resampling).
   bool offGridReference(const FieldArray& referenceLevel, FieldArray& offGrid);
+  // For a level of a label pair: the reference channels resampled by the
+  // nearest label on a grid coarser by kLabelGridFactor, as hidden objects
+  // of the pool, the level's own reduced copies being removed from it. False,
+  // and `offGrid` empty, where the level keeps its grid.
+  bool offGridLabels(FieldArray& referenceLevel, ZrRegScalarField3* model, FieldArray& offGrid);
+  // True if the first reference and model have the same lattice, box and
+  // transform: every reference node starts on a model node.
+  bool inputGridsCoincide();
+  static constexpr double kLabelGridFactor = 0.9;
   // The Gaussian (in voxels) that smooths both images of that level.
   static constexpr float kPlanarSigma = 0.5f;
   // Frees what a run that failed in initRegistration() left behind.
