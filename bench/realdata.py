@@ -315,6 +315,19 @@ def make_affine(root):
     write_case(root, "mri1mm-anisotropic", {"kind": "affine", "dof": 9,
                "what": "1 mm T1 resampled through a rotation, an anisotropic scale and a shift"},
                ch2, resampled(ch2, ch2, inv, 3), aal, resampled(aal, aal, inv, 0), truth=t)
+    # Two other atlases of the same space: one with its header moved, one
+    # resampled (nearest label) through a scale along rotated axes, which
+    # only 12 degrees of freedom express.
+    ho = template("HarvardOxford-cort-maxprob-thr0-1mm.nii.gz", labels=True)
+    t = motion(c, (5, -6, 3), (-3, -5, 7), (0.96, 1.05, 1.04))
+    write_case(root, "atlas-cortex-anisotropic", {"kind": "affine", "dof": 9,
+               "what": "cortical label atlas, header moved by rotation, anisotropic scale and shift"},
+               ho, moved_header(ho, t), truth=t)
+    ba = template("brodmann.nii.gz", labels=True)
+    t = motion(c, (6, 4, -5), (4, -6, 3), (1.05, 0.95, 1.02))
+    write_case(root, "atlas-areas-affine", {"kind": "affine", "dof": 12,
+               "what": "area label atlas resampled (nearest label) through a rotation, a scale per axis and a shift"},
+               ba, resampled(ba, ba, np.linalg.inv(t), 0), truth=t)
     t = motion(c, (10, -8, 12), (10, -8, 6))
     write_case(root, "mri1mm-rigid-large", {"kind": "affine", "dof": 6,
                "what": "1 mm T1, header moved by a large rotation (up to 12 degrees) and a 14 mm shift"},
