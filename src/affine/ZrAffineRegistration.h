@@ -100,10 +100,11 @@ private:
   // that releaseLevel() removes. False, and `offGrid` empty, where the level
   // keeps its grid (a 3-D run, a coarser level, labels, a failed resampling).
   bool offGridReference(const FieldArray& referenceLevel, FieldArray& offGrid);
-  // For a level of a label pair: the reference channels resampled by the
-  // nearest label on a grid coarser by kLabelGridFactor, as hidden objects
-  // of the pool, the level's own reduced copies being removed from it. False,
-  // and `offGrid` empty, where the level keeps its grid.
+  // For a level of two label images on one grid: the reference channels
+  // taken by their nearest label on the level's grid made coarser by
+  // kLabelGridFactor, as hidden objects of the pool, the level's own reduced
+  // copies being removed from it. False, and `offGrid` empty, where the
+  // level keeps its grid.
   bool offGridLabels(FieldArray& referenceLevel, ZrRegScalarField3* model, FieldArray& offGrid);
   // True if the first reference and model have the same lattice, box and
   // transform: every reference node starts on a model node.
