@@ -7,9 +7,11 @@ class ZrCompModule;
 class ZrAffineCommand {
 public:
   // Degrees of freedom without --dof.
-  static constexpr int kDefaultDof = 9;
+  static constexpr int kDefaultDof = 12;
   // The finest level is optimised for references of at most this many voxels.
   static constexpr double kFinestLevelVoxels = 1 << 20;
+  // The module's final step (a sixth of the finest voxel) is divided by this.
+  static constexpr float kFinalStepDivisor = 8.0f;
   // Limits of the histogram bins.
   static constexpr int kMinBins = 16, kMaxBins = 128;
 
@@ -30,9 +32,9 @@ public:
   // where the new start fails; the run then goes on as it is.
   static void waitPassively(char** argv);
   // The settings the command gives a connected and updated module before the
-  // user's --set: the stages up to `dof` and, from the inputs, the levels to
-  // optimise, the histogram bins and, for two label images, mutual
-  // information. `zrreg ports ZrAffineRegistration` shows the module with
+  // user's --set: the stages up to `dof`, the final step and, from the
+  // inputs, the levels to optimise, the histogram bins and, for two label
+  // images, mutual information. `zrreg ports ZrAffineRegistration` shows the module with
   // them.
   static void applyDefaults(ZrCompModule* module, bool quiet, int dof = kDefaultDof);
   // The smallest and largest factor by which the linear part of `change`
