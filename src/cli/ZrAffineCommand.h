@@ -6,8 +6,10 @@ class ZrCompModule;
 
 class ZrAffineCommand {
 public:
-  // Degrees of freedom without --dof.
+  // Degrees of freedom without --dof, and without --dof when -o is written
+  // (an image header holds no shear).
   static constexpr int kDefaultDof = 12;
+  static constexpr int kHeaderDof = 9;
   // The finest level is optimised for references of at most this many voxels.
   static constexpr double kFinestLevelVoxels = 1 << 20;
   // The module's final step (a sixth of the finest voxel) is divided by this.

@@ -80,6 +80,36 @@ template <class ImageT> typename ImageT::Pointer read(const std::string& path) {
   return r->GetOutput();
 }
 
+// The largest distance, over the corners of the model's grid, between a
+// voxel's position in `model` and where `tfm` takes its position in `moved`
+// (the same voxels with a new header).
+double headerAgainstTransform(const std::string& model, const std::string& moved,
+                              const std::string& tfm) {
+  auto reader = itk::TransformFileReaderTemplate<double>::New();
+  reader->SetFileName(tfm);
+  reader->Update();
+  auto* transform = dynamic_cast<itk::AffineTransform<double, 3>*>(
+      reader->GetTransformList()->front().GetPointer());
+  if (!transform) {
+    ADD_FAILURE() << tfm << " is no 3-D affine transform";
+    return 1e9;
+  }
+  auto before = read<Image<3>>(model);
+  auto after = read<Image<3>>(moved);
+  const auto size = before->GetLargestPossibleRegion().GetSize();
+  double worst = 0;
+  for (int corner = 0; corner < 8; corner++) {
+    Image<3>::IndexType idx;
+    for (unsigned a = 0; a < 3; a++)
+      idx[a] = corner >> a & 1 ? (long)size[a] - 1 : 0;
+    Image<3>::PointType old, now;
+    before->TransformIndexToPhysicalPoint(idx, old);
+    after->TransformIndexToPhysicalPoint(idx, now);
+    worst = std::max(worst, transform->TransformPoint(now).EuclideanDistanceTo(old));
+  }
+  return worst;
+}
+
 struct Comparison {
   double worst = 0;    // largest difference where both sample the model
   int compared = 0;    // voxels compared
@@ -220,17 +250,27 @@ TEST_F(ZrregItkTransform, ItkResamplesAsZrregDoesForEveryDegreeOfFreedom) {
             .GetPointer(),
         model);
 
-  for (int dof : {6, 7, 9, 12}) {
+  // 0: no --dof, which with -o must leave out the shears a header cannot hold.
+  for (int dof : {6, 7, 9, 12, 0}) {
     const std::string tfm = dir + "/t" + std::to_string(dof) + ".tfm";
     const std::string resampled = dir + "/r" + std::to_string(dof) + ".nii.gz";
+    const std::string out = dir + "/o" + std::to_string(dof) + ".nii.gz";
     std::string output;
-    ASSERT_EQ(run("affine --quiet --dof " + std::to_string(dof) + " --reference " + reference +
-                      " --model " + model + " -o " + dir + "/o.nii.gz --itk-transform " + tfm +
-                      " --resampled " + resampled,
+    ASSERT_EQ(run("affine --quiet" + (dof ? " --dof " + std::to_string(dof) : std::string()) +
+                      " --reference " + reference + " --model " + model + " -o " + out +
+                      " --itk-transform " + tfm + " --resampled " + resampled,
                   &output),
               0)
         << output;
     const Comparison c = compare<3>(reference, model, resampled, tfm);
+    // The header of -o places every model voxel where the transform file
+    // takes it from: the file maps the voxel's new position to its old one.
+    // With 12 the header keeps only the orthogonal part of the shear.
+    const double headerMiss = headerAgainstTransform(model, out, tfm);
+    if (dof != 12)
+      EXPECT_LT(headerMiss, 1e-3) << dof;
+    else
+      EXPECT_GT(headerMiss, 0.01);
     // Most of the reference sees the model, the transform moved it by more
     // than a voxel, and from 9 degrees of freedom on its axes differ in scale.
     EXPECT_GT(c.compared, 34 * 30 * 26 / 2) << dof;
