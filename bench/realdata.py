@@ -328,6 +328,15 @@ def make_affine(root):
     write_case(root, "atlas-areas-affine", {"kind": "affine", "dof": 12,
                "what": "area label atlas resampled (nearest label) through a rotation, a scale per axis and a shift"},
                ba, resampled(ba, ba, np.linalg.inv(t), 0), truth=t)
+    # Motions of about a millimetre and half a degree, resampled onto the
+    # reference's own grid, as between two frames of one session.
+    for name, ang, sh in (("mri1mm-small-motion", (0.5, -0.3, 0.4), (0.4, -0.3, 0.2)),
+                          ("mri1mm-small-motion2", (1.0, 0.0, -0.5), (0.3, 0.7, -0.2))):
+        t = motion(c, ang, sh)
+        inv = np.linalg.inv(t)
+        write_case(root, name, {"kind": "affine", "dof": 6,
+                   "what": "1 mm T1 resampled onto its own grid through a motion of about 1 mm and 0.5 degrees"},
+                   ch2, resampled(ch2, ch2, inv, 3), aal, resampled(aal, aal, inv, 0), truth=t)
     t = motion(c, (10, -8, 12), (10, -8, 6))
     write_case(root, "mri1mm-rigid-large", {"kind": "affine", "dof": 6,
                "what": "1 mm T1, header moved by a large rotation (up to 12 degrees) and a 14 mm shift"},

@@ -87,6 +87,11 @@ public:
   // reference's transform, on top of the model's present transform.
   void rotateModelAroundPrincipalAxis(int axis, SbVec3d& center, QbMat3d& axes, double angle);
 
+  // True if every node of `reference` falls on a node of `model` as they
+  // stand (boxes and transforms): the same grid, perhaps shifted by whole
+  // nodes, its axes perhaps swapped or reversed. Uniform lattices only.
+  static bool gridsCoincide(ZrRegScalarField3* reference, ZrRegScalarField3* model);
+
 protected:
   // "Align centers".
   void alignCenters();
@@ -100,16 +105,16 @@ private:
   // that releaseLevel() removes. False, and `offGrid` empty, where the level
   // keeps its grid (a 3-D run, a coarser level, labels, a failed resampling).
   bool offGridReference(const FieldArray& referenceLevel, FieldArray& offGrid);
-  // For a level of two label images on one grid: the reference channels
-  // taken by their nearest label on the level's grid made coarser by
-  // kLabelGridFactor, as hidden objects of the pool, the level's own reduced
-  // copies being removed from it. False, and `offGrid` empty, where the
-  // level keeps its grid.
-  bool offGridLabels(FieldArray& referenceLevel, ZrRegScalarField3* model, FieldArray& offGrid);
-  // True if the first reference and model have the same lattice, box and
-  // transform: every reference node starts on a model node.
+  // For a level of an image pair whose grids coincide at the start (see
+  // inputGridsCoincide): the reference channels on the level's grid made
+  // coarser by kStartGridFactor (labels by their nearest label from the
+  // input, grey values interpolated), as hidden objects of the pool, the
+  // level's own reduced copies being removed from it. False, and `offGrid`
+  // empty, where the level keeps its grid.
+  bool offGridStart(FieldArray& referenceLevel, ZrRegScalarField3* model, FieldArray& offGrid);
+  // gridsCoincide() for the first reference and the model.
   bool inputGridsCoincide();
-  static constexpr double kLabelGridFactor = 0.9;
+  static constexpr double kStartGridFactor = 0.9;
   // The Gaussian (in voxels) that smooths both images of that level.
   static constexpr float kPlanarSigma = 0.5f;
   // Frees what a run that failed in initRegistration() left behind.

@@ -361,3 +361,47 @@ TEST(ZrAffineRegistration, PlanarRegistrationStaysInItsPlane) {
     EXPECT_EQ(found[3][2], 0.0) << c.toggles;
   }
 }
+
+// Which pairs of grids have every reference node on a model node: the same
+// grid, one shifted by whole voxels, reversed or with its axes swapped do;
+// half a voxel, another spacing or a slight turn do not.
+TEST(ZrAffineRegistration, GridsCoincideUpToWholeVoxelsAndAxisOrder) {
+  // Reference: 10 x 8 x 6 nodes of 1 x 2 x 2 mm, placed obliquely.
+  const int dims[3] = {10, 8, 6};
+  const float box[6] = {0, 9, 0, 14, 0, 10};
+  const SbMatrixd placed = rotationAbout(SbVec3d(1, 2, 3), 17.0, SbVec3d(4, 5, 6));
+  ZrUniformScalarField3 reference(dims, QB_FLOAT, box);
+  reference.setTransform(placed);
+  // Model-local coordinates from reference-local ones, row vectors.
+  SbMatrixd reverseX; // x -> 9 - x
+  reverseX.setValue(SbMatrix(-1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 9, 0, 0, 1));
+  SbMatrixd swapXY; // (x, y) -> (y, x)
+  swapXY.setValue(SbMatrix(0, 1, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1));
+  const int swapped[3] = {8, 10, 6};
+  struct Case {
+    const char* what;
+    const int* dims;
+    float box[6];
+    SbMatrixd toModel; // model-local from reference-local
+    bool coincide;
+  };
+  const Case cases[] = {
+      {"same grid", dims, {0, 9, 0, 14, 0, 10}, SbMatrixd(), true},
+      {"shifted by 3 and 2 voxels", dims, {3, 12, 4, 18, 0, 10}, SbMatrixd(), true},
+      {"reversed along x", dims, {0, 9, 0, 14, 0, 10}, reverseX, true},
+      {"x and y swapped", swapped, {0, 14, 0, 9, 0, 10}, swapXY, true},
+      {"half a voxel along y", dims, {0, 9, 1, 15, 0, 10}, SbMatrixd(), false},
+      {"spacing 1.1 along x", dims, {0, 9.9f, 0, 14, 0, 10}, SbMatrixd(), false},
+      {"turned by 0.1 degree",
+       dims,
+       {0, 9, 0, 14, 0, 10},
+       rotationAbout(SbVec3d(0, 0, 1), 0.1, SbVec3d(4, 7, 5)),
+       false},
+  };
+  for (const Case& c : cases) {
+    ZrUniformScalarField3 model(c.dims, QB_FLOAT, c.box);
+    // A model-local point q = p * toModel lies where the reference's p does.
+    model.setTransform(c.toModel.inverse() * placed);
+    EXPECT_EQ(ZrAffineRegistration::gridsCoincide(&reference, &model), c.coincide) << c.what;
+  }
+}
