@@ -99,9 +99,11 @@ struct VoxelStream {
 // components values: 1, -1 when a file cannot be opened or read (error says
 // why), 0 when it is no NIfTI file this reader understands or holds another
 // number of values.
-int openVoxels(const std::string& path, size_t numVoxels, int components, VoxelStream& out,
-               std::string& error) {
-  if (!ZrNiftiRawValues::isNiftiName(path) || components < 1)
+// Reads the header of the NIfTI (or Analyze) file `path` into h: its size
+// (348 or 540), or 0 when it is no such header, -1 when the file cannot be
+// opened (error says why). swap tells whether its bytes are swapped.
+int readHeader(const std::string& path, unsigned char (&h)[540], bool& swap, std::string& error) {
+  if (!ZrNiftiRawValues::isNiftiName(path))
     return 0;
   const std::string l = lower(path);
   std::string headerPath = path;
@@ -109,8 +111,6 @@ int openVoxels(const std::string& path, size_t numVoxels, int components, VoxelS
     headerPath = companion(path, ".img", ".hdr");
   if (headerPath.empty())
     return 0;
-
-  unsigned char h[540];
   {
     GzFile g(headerPath);
     if (!g.f) {
@@ -123,13 +123,26 @@ int openVoxels(const std::string& path, size_t numVoxels, int components, VoxelS
   }
   int32_t size;
   std::memcpy(&size, h, 4);
-  bool swap = false;
+  swap = false;
   if (size != 348 && size != 540) {
     swapBytes(reinterpret_cast<unsigned char*>(&size), 4);
     swap = true;
     if (size != 348 && size != 540)
       return 0;
   }
+  return size;
+}
+
+int openVoxels(const std::string& path, size_t numVoxels, int components, VoxelStream& out,
+               std::string& error) {
+  if (components < 1)
+    return 0;
+  const std::string l = lower(path);
+  unsigned char h[540];
+  bool swap = false;
+  const int size = readHeader(path, h, swap, error);
+  if (size <= 0)
+    return size;
   const bool two = size == 540;
   out.swap = swap;
   out.datatype = two ? readAt<int16_t>(h, 12, swap) : readAt<int16_t>(h, 70, swap);
@@ -264,4 +277,13 @@ int ZrNiftiRawValues::compare(const std::string& path, const void* data, size_t 
                         }
                       });
   return whole && same ? 1 : 0;
+}
+
+int ZrNiftiRawValues::datatype(const std::string& path, std::string& error) {
+  unsigned char h[540];
+  bool swap = false;
+  const int size = readHeader(path, h, swap, error);
+  if (size <= 0)
+    return size;
+  return size == 540 ? readAt<int16_t>(h, 12, swap) : readAt<int16_t>(h, 70, swap);
 }

@@ -29,6 +29,12 @@ public:
   static int compare(const std::string& path, const void* data, size_t numVoxels, int components,
                      int valueSize);
 
+  // The datatype code of the NIfTI (or Analyze) file's header (16 for single
+  // and 64 for double precision floats), 0 when the file's name or header is
+  // no NIfTI one (a damaged header size, for one), -1 when it cannot be read
+  // (error then says why).
+  static int datatype(const std::string& path, std::string& error);
+
   // True for the file names ITK's NIfTI reader takes (.nii, .nii.gz, .hdr,
   // .img and their compressed forms).
   static bool isNiftiName(const std::string& path);

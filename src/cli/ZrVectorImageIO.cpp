@@ -167,6 +167,25 @@ ZrRegVectorField3* ZrVectorImageIO::read(const std::string& path, std::string& e
       error = "'" + path + "' is not a 2-D or 3-D image of three-component vectors";
       return nullptr;
     }
+    // ITK's NIfTI reader takes a header of the wrong size for an old
+    // Analyze one, and on some such files (complex values; the fuzzer found
+    // one) it leaves its image pointing into the caller's buffer and frees
+    // that pointer when it is destroyed. The vector images zrreg reads are
+    // floats under a sound header: anything else is refused before ITK reads
+    // its voxels.
+    if (ZrNiftiRawValues::isNiftiName(path)) {
+      const int type = ZrNiftiRawValues::datatype(path, error);
+      if (type < 0)
+        return nullptr;
+      if (type == 0) {
+        error = "'" + path + "' is no NIfTI file: its header is damaged";
+        return nullptr;
+      }
+      if (type != 16 && type != 64) {
+        error = "'" + path + "' does not hold float vectors";
+        return nullptr;
+      }
+    }
     for (unsigned a = 0; a < nd; a++) {
       dims[a] = int(io->GetDimensions(a));
       spacing[a] = io->GetSpacing(a);
