@@ -287,3 +287,38 @@ int ZrNiftiRawValues::datatype(const std::string& path, std::string& error) {
     return size;
   return size == 540 ? readAt<int16_t>(h, 12, swap) : readAt<int16_t>(h, 70, swap);
 }
+
+bool ZrNiftiRawValues::orientationSane(const std::string& path, std::string& error) {
+  unsigned char h[540];
+  bool swap = false;
+  std::string ignored;
+  const int size = readHeader(path, h, swap, ignored);
+  if (size <= 0)
+    return true; // not a header this reader knows: ITK decides
+  const bool two = size == 540;
+  auto value = [&](size_t one, size_t twoAt) {
+    return two ? readAt<double>(h, twoAt, swap) : double(readAt<float>(h, one, swap));
+  };
+  bool finite = true;
+  // pixdim[0 .. 3], the quaternion and its offset, the three rows of the
+  // affine.
+  for (int i = 0; i < 4; i++)
+    finite = finite && std::isfinite(value(76 + 4 * i, 104 + 8 * i));
+  for (int i = 0; i < 6; i++)
+    finite = finite && std::isfinite(value(256 + 4 * i, 352 + 8 * i));
+  double row[3][4];
+  for (int r = 0; r < 3; r++)
+    for (int c = 0; c < 4; c++) {
+      row[r][c] = value(280 + 16 * r + 4 * c, 400 + 32 * r + 8 * c);
+      finite = finite && std::isfinite(row[r][c]);
+    }
+  const int sformCode = two ? readAt<int32_t>(h, 348, swap) : readAt<int16_t>(h, 254, swap);
+  const double det = row[0][0] * (row[1][1] * row[2][2] - row[1][2] * row[2][1]) -
+                     row[0][1] * (row[1][0] * row[2][2] - row[1][2] * row[2][0]) +
+                     row[0][2] * (row[1][0] * row[2][1] - row[1][1] * row[2][0]);
+  if (finite && (sformCode == 0 || (std::isfinite(det) && det != 0)))
+    return true;
+  error = "'" + path + "' has an impossible orientation in its header (" +
+          (finite ? "a singular affine" : "values that are not finite") + ")";
+  return false;
+}

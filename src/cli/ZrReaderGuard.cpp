@@ -1,4 +1,5 @@
 #include "ZrReaderGuard.h"
+#include "ZrNiftiRawValues.h"
 
 #include "ZrAtomicFile.h"
 
@@ -257,7 +258,9 @@ itk::ImageIOBase::Pointer ZrReaderGuard::createReader(const std::string& path, s
 
 bool ZrReaderGuard::survives(const std::string& path, itk::ImageIOBase* io, std::string& error) {
   const std::string kind = io->GetNameOfClass();
-  if (kind == "NiftiImageIO" || kind == "NrrdImageIO" || kind == "VTKImageIO")
+  if (kind == "NiftiImageIO")
+    return ZrNiftiRawValues::orientationSane(path, error);
+  if (kind == "NrrdImageIO" || kind == "VTKImageIO")
     return true;
   if (kind == "MetaImageIO" && !metaHeaderSane(path, error))
     return false;
