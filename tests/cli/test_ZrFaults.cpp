@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -283,6 +284,54 @@ TEST_F(ZrFaults, AHeaderClaimingTerabytesIsRefused) {
   EXPECT_TRUE(contains(error, "is truncated or its header is wrong")) << error;
   EXPECT_TRUE(contains(error, "32767x32767x1000")) << error;
   EXPECT_TRUE(contains(error, "liar.nii")) << error;
+}
+
+// Orientations ITK's NIfTI reader cannot take (it aborts the process while
+// working them out) get a message; a plain header with the affine unused,
+// and a sound affine, read as before.
+TEST_F(ZrFaults, ImpossibleNiftiOrientationsAreRefused) {
+  struct Case {
+    const char* what;
+    int16_t sformCode;
+    float row0[4];
+    float quatB;
+    bool readable;
+  };
+  const float nan = std::nanf("");
+  const Case cases[] = {
+      {"no affine in use", 0, {0, 0, 0, 0}, 0, true},
+      {"a sound affine", 1, {2, 0, 0, -3}, 0, true},
+      {"a NaN in the affine", 1, {nan, 0, 0, 0}, 0, false},
+      {"a singular affine in use", 1, {0, 0, 0, 0}, 0, false},
+      {"an infinite quaternion", 0, {0, 0, 0, 0}, INFINITY, false},
+  };
+  for (const Case& c : cases) {
+    unsigned char h[352 + 8] = {};
+    int32_t hdrSize = 348;
+    std::memcpy(h, &hdrSize, 4);
+    int16_t dim[8] = {3, 2, 2, 2, 1, 1, 1, 1};
+    std::memcpy(h + 40, dim, sizeof dim);
+    int16_t type[2] = {2, 8}; // unsigned bytes
+    std::memcpy(h + 70, type, sizeof type);
+    float pixdim[8] = {1, 2, 2, 2, 1, 1, 1, 1};
+    std::memcpy(h + 76, pixdim, sizeof pixdim);
+    float voxOffset = 352;
+    std::memcpy(h + 108, &voxOffset, 4);
+    std::memcpy(h + 254, &c.sformCode, 2);
+    std::memcpy(h + 256, &c.quatB, 4);
+    const float rows[12] = {c.row0[0], c.row0[1], c.row0[2], c.row0[3], 0, 2, 0, 0, 0, 0, 2, 0};
+    std::memcpy(h + 280, rows, sizeof rows);
+    std::memcpy(h + 344, "n+1\0", 4);
+    for (int v = 0; v < 8; v++)
+      h[352 + v] = (unsigned char)(10 * v);
+    const std::string path = dir + "/orientation.nii";
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<char*>(h), sizeof h);
+    std::string error;
+    std::unique_ptr<ZrRegScalarField3> f(ZrImageIO::read(path, {}, nullptr, error));
+    EXPECT_EQ(f != nullptr, c.readable) << c.what << ": " << error;
+    if (!c.readable)
+      EXPECT_TRUE(contains(error, "impossible orientation")) << c.what << ": " << error;
+  }
 }
 
 TEST_F(ZrFaults, ZrregWriteFaultsEndWithAMessageAndNoFile) {
