@@ -99,9 +99,12 @@ struct VoxelStream {
 // components values: 1, -1 when a file cannot be opened or read (error says
 // why), 0 when it is no NIfTI file this reader understands or holds another
 // number of values.
+const int kDamagedHeader = -2;
+
 // Reads the header of the NIfTI (or Analyze) file `path` into h: its size
-// (348 or 540), or 0 when it is no such header, -1 when the file cannot be
-// opened (error says why). swap tells whether its bytes are swapped.
+// (348 or 540), 0 when the file is no such file or too short for a header,
+// kDamagedHeader when its header size field is wrong, -1 when the file cannot
+// be opened (error says why). swap tells whether its bytes are swapped.
 int readHeader(const std::string& path, unsigned char (&h)[540], bool& swap, std::string& error) {
   if (!ZrNiftiRawValues::isNiftiName(path))
     return 0;
@@ -128,7 +131,7 @@ int readHeader(const std::string& path, unsigned char (&h)[540], bool& swap, std
     swapBytes(reinterpret_cast<unsigned char*>(&size), 4);
     swap = true;
     if (size != 348 && size != 540)
-      return 0;
+      return kDamagedHeader;
   }
   return size;
 }
@@ -142,7 +145,7 @@ int openVoxels(const std::string& path, size_t numVoxels, int components, VoxelS
   bool swap = false;
   const int size = readHeader(path, h, swap, error);
   if (size <= 0)
-    return size;
+    return size == -1 ? -1 : 0;
   const bool two = size == 540;
   out.swap = swap;
   out.datatype = two ? readAt<int16_t>(h, 12, swap) : readAt<int16_t>(h, 70, swap);
@@ -284,7 +287,7 @@ int ZrNiftiRawValues::datatype(const std::string& path, std::string& error) {
   bool swap = false;
   const int size = readHeader(path, h, swap, error);
   if (size <= 0)
-    return size;
+    return size == -1 ? -1 : 0;
   return size == 540 ? readAt<int16_t>(h, 12, swap) : readAt<int16_t>(h, 70, swap);
 }
 
@@ -293,8 +296,14 @@ bool ZrNiftiRawValues::orientationSane(const std::string& path, std::string& err
   bool swap = false;
   std::string ignored;
   const int size = readHeader(path, h, swap, ignored);
+  // ITK's reader takes a header of the wrong size for an old Analyze one and
+  // goes on with the same fields.
+  if (size == kDamagedHeader) {
+    error = "'" + path + "' is no NIfTI file: its header is damaged";
+    return false;
+  }
   if (size <= 0)
-    return true; // not a header this reader knows: ITK decides
+    return true; // no header this reader knows, or none to read: ITK decides
   const bool two = size == 540;
   auto value = [&](size_t one, size_t twoAt) {
     return two ? readAt<double>(h, twoAt, swap) : double(readAt<float>(h, one, swap));

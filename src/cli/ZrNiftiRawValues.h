@@ -35,10 +35,11 @@ public:
   // (error then says why).
   static int datatype(const std::string& path, std::string& error);
 
-  // False, with a message, when the header of the NIfTI file `path` holds a
-  // pixel size, quaternion or affine that is not finite, or an affine in use
-  // that is singular: ITK's reader then aborts the process while it works
-  // out the orientation. True for every other file.
+  // False, with a message, when the header of the NIfTI file `path` has the
+  // wrong size, or holds a pixel size, quaternion or affine that is not
+  // finite, or an affine in use that is singular: ITK's reader then aborts
+  // the process while it works out the orientation. True for every other
+  // file.
   static bool orientationSane(const std::string& path, std::string& error);
 
   // True for the file names ITK's NIfTI reader takes (.nii, .nii.gz, .hdr,
