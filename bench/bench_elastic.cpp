@@ -185,6 +185,11 @@ void gradient(benchmark::State& state, bool regular, bool regularized, int threa
   // CPU seconds of all threads per gradient: on a loaded machine the wall
   // time says little, and this shows what the threads cost together.
   state.counters["cpu_s"] = (processSeconds() - cpu0) / (double)state.iterations();
+  // The share of voxels that the probes skipped as still (regular class).
+  if (auto* r = dynamic_cast<RegElasticFunctionalRegular*>(run.functional.get()))
+    if (r->stillVoxels)
+      state.counters["still"] =
+          (double)std::count(r->stillMap.begin(), r->stillMap.end(), 1) / (double)kVoxels;
 }
 
 // "1,2,4" to {1, 2, 4}; nothing for a malformed list.

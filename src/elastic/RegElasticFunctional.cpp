@@ -342,16 +342,18 @@ double RegElasticFunctional::evaluateProbe(int index, float delta) {
 
 void RegElasticFunctional::runProbes(const RegElasticPointProbes& probes) {
   const int index = probes.index[0];
-  if (boxOutPoint != index / 3) {
+  if (boxOutPoint != index / 3 || boxOutStill != probes.still) {
     reg_restoreCachedState(metric, metricBoxOut);
-    takeOutBox(index);
+    takeOutBox(probes);
     boxOutPoint = index / 3;
+    boxOutStill = probes.still;
   }
   probeMetrics.restore(metricBoxOut, probes.count);
   addProbes(probes);
 }
 
-void RegElasticFunctional::takeOutBox(int index) {
+void RegElasticFunctional::takeOutBox(const RegElasticPointProbes& probes) {
+  const int index = probes.index[0];
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
   const RegElasticFieldSampler sampler{metricBoxOut, evaluator->location, evaluator->eval};
   double result = 0.0;

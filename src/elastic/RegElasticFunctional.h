@@ -62,6 +62,8 @@ public:
   // The metrics of those probes, filled together by one walk of the box.
   RegElasticProbeMetrics probeMetrics;
   int boxOutPoint = -1;
+  // The still-voxel map that taking out saw (see RegElasticPointProbes).
+  const uint8_t* boxOutStill = nullptr;
   bool is2D = false;
   int dims[3] = {0, 0, 0};
   // Largest extent of any box of influence per axis.
@@ -207,10 +209,10 @@ public:
                                bool regularClass);
 
 protected:
-  // The two halves of the unregularised probes: takes the box of parameter
-  // `index` out of metricBoxOut, and adds the samples of the probes of its
-  // control point, probe k to probeMetrics[k], in one walk.
-  virtual void takeOutBox(int index);
+  // The two halves of the unregularised probes: takes the box of the probes'
+  // control point out of metricBoxOut, and adds the samples of the probes,
+  // probe k to probeMetrics[k], in one walk.
+  virtual void takeOutBox(const RegElasticPointProbes& probes);
   virtual void addProbes(const RegElasticPointProbes& probes);
   // The gradient loop of the worker threads (numThreads above 1). False when
   // the user stopped the run.

@@ -145,13 +145,12 @@ double RegElasticFunctionalRegular::evaluateIncremental(int index, float delta) 
   return result;
 }
 
-void RegElasticFunctionalRegular::takeOutBox(int index) {
+void RegElasticFunctionalRegular::takeOutBox(const RegElasticPointProbes& probes) {
   RegVoxelCubicSplineTransform* cubic = static_cast<RegVoxelCubicSplineTransform*>(splineTransform);
   double result = 0.0;
   REG_REGULAR_DISPATCH(reg_withElasticVoxelSampler(metricBoxOut, model, [&](const auto& sampler) {
-    reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, RegElasticPointProbes(index, 0.0f),
-                                             influenceBoxes[index], cachedSamples, &sampler, cubic,
-                                             grid, incLine0);
+    reg_walkElasticBox<RegElasticBoxTakeOut>(ref, dims, probes, influenceBoxes[probes.index[0]],
+                                             cachedSamples, &sampler, cubic, grid, incLine0);
     return 0.0;
   }));
 }
@@ -217,6 +216,7 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
     return REG_INVALID_VALUE;
   if (fixLowEntropy && fixPending)
     updateFixedControlPoints();
+  stillVoxels = regularized ? nullptr : markStillVoxels(step);
   const int n = transform->getParamVectorDim();
   if (gradient.size() < n)
     gradient.resize(n);
@@ -232,8 +232,11 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
     reg_centralDifferencesOfPoint(
         point, n, paramSteps, step, keepAll, base, REG_INVALID_VALUE, params, gradient.data(),
         [&](const RegElasticPointProbes& probes) {
-          if (!regularized)
-            runProbes(probes);
+          if (!regularized) {
+            RegElasticPointProbes p = probes;
+            p.still = stillVoxels;
+            runProbes(p);
+          }
         },
         [&](int k, int index, float delta) {
           return regularized ? evaluateIncrementalWithRegularizer(index, delta)
@@ -245,6 +248,43 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
   replaceFoldedEntries(gradient, keepAll);
   // No landmark term is added again here: `base` has it once.
   return base;
+}
+
+const uint8_t* RegElasticFunctionalRegular::markStillVoxels(double step) {
+  const RegVoxelCubicSplineTransform* cubic =
+      static_cast<const RegVoxelCubicSplineTransform*>(splineTransform);
+  const std::type_info& t = typeid(*metric);
+  if (is2D || cubic->modelTransformed ||
+      !(t == typeid(RegNormMutualInformation) || t == typeid(RegSimpleMutualInformation)))
+    return nullptr;
+  const float scale[3] = {scaleX, scaleY, scaleZ};
+  const int n = transform->getParamVectorDim();
+  for (int i = 0; i < n; i++) {
+    const float s = paramSteps[i];
+    if (!(s > 0) && !std::isnan(s))
+      continue;
+    const float d = (float)((double)s * step);
+    if (!(std::fabs((double)d) * scale[i % 3] <= kRegElasticStillReach))
+      return nullptr;
+  }
+  const size_t numModel = (size_t)modelDims[0] * modelDims[1] * modelDims[2];
+  const size_t numRef = (size_t)dims[0] * dims[1] * dims[2];
+  const bool known = qbDispatchVoxelType(primType, [&](auto tag) {
+    typedef decltype(tag) T;
+    const T* model = (const T*)modelVoxels;
+    if (blocksModel != modelVoxels || modelBlocks.size() != numModel) {
+      modelBlocks.assign(numModel, 0);
+      std::vector<uint8_t> scratch(numModel);
+      reg_evaluateElasticConstantBlocks(model, modelDims, modelBlocks.data(), scratch.data());
+      blocksModel = modelVoxels;
+    }
+    stillMap.resize(numRef);
+    reg_evaluateElasticStillVoxels(*metric, model, modelBlocks.data(), grid, cachedSamples, numRef,
+                                   stillMap.data());
+  });
+  if (!known)
+    return nullptr;
+  return stillMap.data();
 }
 
 void RegElasticFunctionalRegular::replaceFoldedEntries(QbDVector<double>& gradient,

@@ -8,6 +8,9 @@
 // a box.
 #include "RegElasticFunctional.h"
 
+#include <cstdint>
+#include <vector>
+
 class RegElasticFunctionalRegularThread;
 
 class RegElasticFunctionalRegular : public RegElasticFunctional {
@@ -30,6 +33,11 @@ public:
   // (see the constructor); null otherwise.
   float* floatReference = nullptr;
   float* floatModel = nullptr;
+  // The gradient's still voxels, or null (markStillVoxels()); the model's
+  // constant blocks they are read from, found once for `blocksModel`.
+  const uint8_t* stillVoxels = nullptr;
+  std::vector<uint8_t> stillMap, modelBlocks;
+  const void* blocksModel = nullptr;
 
   RegElasticFunctionalRegular(QbDArray<ZrSpatialData*>& references,
                               QbDArray<ZrSpatialData*>& models, RegInterpolator interpolator,
@@ -57,7 +65,13 @@ public:
   void setSamplingState(RegMetric* m) const;
 
 protected:
-  void takeOutBox(int index) override;
+  void takeOutBox(const RegElasticPointProbes& probes) override;
+  // The still voxels of the gradient about to run with `step` (see
+  // reg_evaluateElasticStill.h), marked from the caching pass; null where the
+  // probes' walk does not skip them (penalties, two dimensions, a model
+  // transformation, a metric other than mutual information) or a probe may
+  // move a voxel too far for the map.
+  const uint8_t* markStillVoxels(double step);
   void addProbes(const RegElasticPointProbes& probes) override;
   // False when the user stopped the run.
   bool runRegularThreads(QbDVector<double>& gradient, double& step, int& keepAll, double& base);

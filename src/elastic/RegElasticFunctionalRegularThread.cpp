@@ -189,7 +189,7 @@ void RegElasticFunctionalRegularThread::runProbes(const RegElasticPointProbes& p
   const int index = probes.index[0];
   const int* box = influenceBoxes[index];
   double result = 0.0;
-  if (boxOutPoint != index / 3) {
+  if (boxOutPoint != index / 3 || boxOutStill != probes.still) {
     reg_restoreCachedState(functional->metric, metricBoxOut);
     REG_REGULAR_THREAD_DISPATCH(
         reg_withElasticVoxelSampler(metricBoxOut, model, [&](const auto& out) {
@@ -198,6 +198,7 @@ void RegElasticFunctionalRegularThread::runProbes(const RegElasticPointProbes& p
           return 0.0;
         }));
     boxOutPoint = index / 3;
+    boxOutStill = probes.still;
   }
   probeMetrics.restore(metricBoxOut, probes.count);
   REG_REGULAR_THREAD_DISPATCH(
@@ -268,8 +269,11 @@ void RegElasticFunctionalRegularThread::run() {
     reg_centralDifferencesOfPoint(
         point, n, paramSteps, step, keepAll, base, REG_INVALID_VALUE, params, gradient,
         [&](const RegElasticPointProbes& probes) {
-          if (!regularized)
-            runProbes(probes);
+          if (!regularized) {
+            RegElasticPointProbes p = probes;
+            p.still = functional->stillVoxels;
+            runProbes(p);
+          }
         },
         [&](int k, int index, float delta) {
           return regularized ? evaluateIncrementalWithRegularizer(index, delta)

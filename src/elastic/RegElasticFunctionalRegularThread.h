@@ -94,6 +94,7 @@ public:
   // point boxOutPoint taken out (-1: none), as in the functional; owned.
   RegMetric* metricBoxOut = nullptr;
   int boxOutPoint = -1;
+  const uint8_t* boxOutStill = nullptr;
   // The metrics of the probes of one point, as in the functional.
   RegElasticProbeMetrics probeMetrics;
 

@@ -24,6 +24,7 @@
 #include "ZrFieldEvaluator.h"
 #include "ZrLocation3.h"
 #include "reg_evaluateElasticSimd.h"
+#include "reg_evaluateElasticStill.h"
 
 #include <algorithm>
 #include <cmath>
@@ -401,7 +402,8 @@ inline void reg_walkElasticBoxAddMI(const T* ref, const int* dims,
                                     const float* cachedSamples,
                                     const RegElasticVoxelSampler<T, RegMutualInformation>* samplers,
                                     RegVoxelCubicSplineTransform* transform, const QbVec3f* grid,
-                                    const float* unit, const float* const* row, const int* c) {
+                                    const float* unit, const float* const* row, const int* c,
+                                    const uint8_t* still) {
   const int count = probes.count;
   RegMutualInformation* mi[RegElasticPointProbes::kMax];
   double* hist[RegElasticPointProbes::kMax];
@@ -476,16 +478,22 @@ inline void reg_walkElasticBoxAddMI(const T* ref, const int* dims,
     const RegElasticMIProbes shared = {m,      mi,       hist,     row,        c,    count,
                                        refMin, refScale, modelMin, modelScale, nRef, nMod};
     reg_forElasticBoxRows(dims, box, cp, transform, [&](size_t v, double fy, double fz) {
-      int x = xa;
-      for (; x + 8 <= xb + 1; x += 8)
-        reg_evaluateElasticProbesAvx2<T>(shared, ref, model, cachedSamples, grid, v + x, x, fy, fz,
-                                         added);
-      for (; x <= xb; x++)
-        voxel(v + x, x, fy, fz);
+      reg_forElasticLiveRuns(still ? still + v : nullptr, xa, xb, [&](int a, int b) {
+        int x = a;
+        for (; x + 8 <= b + 1; x += 8)
+          reg_evaluateElasticProbesAvx2<T>(shared, ref, model, cachedSamples, grid, v + x, x, fy,
+                                           fz, added);
+        for (; x <= b; x++)
+          voxel(v + x, x, fy, fz);
+      });
     });
   } else
 #endif
-    reg_forElasticBoxVoxels(dims, box, cp, transform, unit, voxel);
+    reg_forElasticBoxVoxels(dims, box, cp, transform, unit,
+                            [&](size_t v, int x, double fy, double fz) REG_ALWAYS_INLINE {
+                              if (!(still && still[v]))
+                                voxel(v, x, fy, fz);
+                            });
   for (int k = 0; k < count; k++) {
     mi[k]->numTotal += added[k];
     mi[k]->numInside += added[k];
@@ -540,32 +548,42 @@ inline void reg_walkElasticBox(const T* ref, const int* dims, const RegElasticPo
   }
   const bool along = !transform->modelTransformed;
   const bool flat = transform->is2D;
+  // The still voxels are skipped by the taking out and by the probes of
+  // mutual information that share the model cell, and only there: both
+  // halves of a point decide alike.
+  constexpr bool sharedCellMI =
+      Mode != RegElasticBoxSwap &&
+      std::is_same<S, RegElasticVoxelSampler<T, RegMutualInformation>>::value;
+  const uint8_t* still = nullptr;
+  if constexpr (sharedCellMI)
+    if (along && !flat && !samplers[0].label)
+      still = probes.still;
 #ifdef ZR_UNIFORM_AVX2
   // Taking a box out of mutual information: four voxels at a time.
-  if constexpr (Mode == RegElasticBoxTakeOut &&
-                std::is_same<S, RegElasticVoxelSampler<T, RegMutualInformation>>::value) {
+  if constexpr (Mode == RegElasticBoxTakeOut && sharedCellMI) {
     int xa, xb;
     if (reg_evaluateUniformSimd() && reg_elasticBoxRun(unit, w, 4, xa, xb)) {
       RegMutualInformation* mi = static_cast<RegMutualInformation*>(samplers[0].metric);
       reg_forElasticBoxRows(
           dims, box, probes.index[0] / 3, transform, [&](size_t v, double, double) {
-            int x = xa;
-            for (; x + 4 <= xb + 1; x += 4)
-              reg_evaluateElasticTakeOutAvx2<T>(mi, ref, cachedSamples, v + x);
-            mi->numTotal -= x - xa;
-            mi->numInside -= x - xa;
-            for (; x <= xb; x++)
-              samplers[0].remove((double)ref[v + x], (double)cachedSamples[v + x]);
+            reg_forElasticLiveRuns(still ? still + v : nullptr, xa, xb, [&](int a, int b) {
+              int x = a;
+              for (; x + 4 <= b + 1; x += 4)
+                reg_evaluateElasticTakeOutAvx2<T>(mi, ref, cachedSamples, v + x);
+              mi->numTotal -= x - a;
+              mi->numInside -= x - a;
+              for (; x <= b; x++)
+                samplers[0].remove((double)ref[v + x], (double)cachedSamples[v + x]);
+            });
           });
       return;
     }
   }
 #endif
-  if constexpr (Mode == RegElasticBoxAdd &&
-                std::is_same<S, RegElasticVoxelSampler<T, RegMutualInformation>>::value) {
+  if constexpr (Mode == RegElasticBoxAdd && sharedCellMI) {
     if (along && !flat && !samplers[0].label) {
       reg_walkElasticBoxAddMI(ref, dims, probes, box, cachedSamples, samplers, transform, grid,
-                              unit, row, c);
+                              unit, row, c, still);
       return;
     }
   }
@@ -579,7 +597,8 @@ inline void reg_walkElasticBox(const T* ref, const int* dims, const RegElasticPo
       [&](size_t v, int x, double fy, double fz) REG_ALWAYS_INLINE {
         const double r = (double)ref[v];
         if (Mode == RegElasticBoxTakeOut) {
-          samplers[0].remove(r, (double)cachedSamples[v]);
+          if (!(still && still[v]))
+            samplers[0].remove(r, (double)cachedSamples[v]);
           return;
         }
         const QbVec3f& g = grid[v];

@@ -134,6 +134,35 @@ struct ElasticSetup {
     models.append(model.get());
   }
 
+  // Sets reference and model to 0 outside an ellipsoid in the middle of the
+  // reference (semi-axes a third of its extents): a background of one grey
+  // value, as around a skull-stripped brain.
+  void clearBackground() {
+    for (ZrUniformScalarField3* f : {reference.get(), model.get()}) {
+      const int* d = f->getDims();
+      float box[6];
+      reference->getBoundingBox(box);
+      float fb[6];
+      f->getBoundingBox(fb);
+      size_t v = 0;
+      for (int k = 0; k < d[2]; k++)
+        for (int j = 0; j < d[1]; j++)
+          for (int i = 0; i < d[0]; i++, v++) {
+            const double p[3] = {fb[0] + i, fb[2] + j, fb[4] + k};
+            double r = 0;
+            for (int a = 0; a < 3; a++) {
+              const double half = 0.5 * (box[2 * a + 1] - box[2 * a]);
+              if (half > 0) {
+                const double t = (p[a] - (box[2 * a] + half)) / (0.66 * half);
+                r += t * t;
+              }
+            }
+            if (r > 1.0)
+              f->lattice.setValue(v, 0.0f);
+          }
+    }
+  }
+
   // Replaces the model by one whose header carries `m` (row vectors, local to
   // world) and whose voxels show in world what the plain model shows: the
   // local voxel at l holds the pattern at m(l), shifted as makeData's model.

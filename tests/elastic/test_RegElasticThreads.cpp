@@ -25,6 +25,8 @@ struct ThreadCase {
   bool landmarks;
   // Probe step in voxels: a large one folds the grid in some probes.
   double step;
+  // 0 outside an ellipsoid: the probes skip their still voxels.
+  bool background = false;
 };
 
 class ElasticThreads : public ::testing::TestWithParam<ThreadCase> {};
@@ -40,6 +42,8 @@ TEST_P(ElasticThreads, EveryThreadCountGivesTheSerialGradient) {
     settings->setNumThreads(threads);
     ElasticSetup s;
     s.makeData(c.twoD, c.kind);
+    if (c.background)
+      s.clearBackground();
     if (c.modelHeader) {
       SbMatrix m;
       m.setTransform(SbVec3f(1.5f, -1.0f, c.twoD ? 0.0f : 0.5f),
@@ -78,6 +82,8 @@ TEST_P(ElasticThreads, EveryThreadCountGivesTheSerialGradient) {
       QbDVector<double> g(p.size(), 99.0);
       const double value = f.evaluate(g, c.step, keepAll);
       EXPECT_EQ(start, p);
+      if (c.background)
+        ASSERT_NE(nullptr, r->stillVoxels);
       if (threads == 1) {
         serial[keepAll] = g;
         serialValue[keepAll] = value;
@@ -114,6 +120,7 @@ INSTANTIATE_TEST_SUITE_P(
         ThreadCase{"RegularNMILandmarks", false, true, NMI, 0, 0, false, true, 0.3},
         ThreadCase{"RegularPenalisedFrame", false, true, MSD, 1.0f, 0.5f, true, false, 0.3},
         ThreadCase{"RegularFolds", false, true, NMI, 0, 0.5f, false, false, 16.0},
+        ThreadCase{"RegularNMIBackground", false, true, NMI, 0, 0, false, false, 0.3, true},
         ThreadCase{"Regular2DLabelFrame", true, true, LABEL, 0, 0, true, false, 0.3},
         ThreadCase{"Regular2DPenalisedLandmarks", true, true, MI, 1.0f, 0.5f, false, true, 0.3},
         ThreadCase{"Regular2DFolds", true, true, MSD, 0, 0.5f, false, false, 16.0}),
