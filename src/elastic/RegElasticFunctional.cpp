@@ -435,6 +435,7 @@ double RegElasticFunctional::evaluate(QbDVector<double>& gradient, double step, 
   }
   QbDVector<double>& params = transform->paramVector;
   boxOutPoint = -1;
+  probeMetrics.setBase(regularized ? nullptr : metric);
   for (int point = 0; 3 * point < n; point++) {
     // A folded probe leaves its entry at 0.
     reg_centralDifferencesOfPoint(
@@ -445,7 +446,7 @@ double RegElasticFunctional::evaluate(QbDVector<double>& gradient, double step, 
         },
         [&](int k, int index, float) {
           return regularized ? evaluateIncrementalWithRegularizer(index)
-                             : getWeightedResult(probeMetrics[k]->getResult());
+                             : getWeightedResult(probeMetrics.result(k));
         });
     if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
       return REG_INVALID_VALUE;

@@ -228,6 +228,7 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
   }
   QbDVector<double>& params = transform->paramVector;
   boxOutPoint = -1;
+  probeMetrics.setBase(regularized ? nullptr : metric);
   for (int point = 0; 3 * point < n; point++) {
     reg_centralDifferencesOfPoint(
         point, n, paramSteps, step, keepAll, base, REG_INVALID_VALUE, params, gradient.data(),
@@ -240,7 +241,7 @@ double RegElasticFunctionalRegular::evaluate(QbDVector<double>& gradient, double
         },
         [&](int k, int index, float delta) {
           return regularized ? evaluateIncrementalWithRegularizer(index, delta)
-                             : getWeightedResult(probeMetrics[k]->getResult());
+                             : getWeightedResult(probeMetrics.result(k));
         });
     if (ZrWorkArea::getTheWorkArea()->wasInterrupted(1))
       return REG_INVALID_VALUE;

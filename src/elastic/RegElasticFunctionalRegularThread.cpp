@@ -257,6 +257,7 @@ double RegElasticFunctionalRegularThread::evaluateLandmarks() const {
 void RegElasticFunctionalRegularThread::run() {
   const int n = transform->getParamVectorDim();
   const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
+  probeMetrics.setBase(regularized ? nullptr : functional->metric);
   // The parameters of one control point go to one worker, which takes
   // their box out once for all their probes; the points are dealt
   // round-robin.
@@ -277,7 +278,7 @@ void RegElasticFunctionalRegularThread::run() {
         },
         [&](int k, int index, float delta) {
           return regularized ? evaluateIncrementalWithRegularizer(index, delta)
-                             : getWeightedResult(probeMetrics[k]->getResult());
+                             : getWeightedResult(probeMetrics.result(k));
         });
   }
 }

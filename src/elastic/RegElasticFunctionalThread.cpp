@@ -183,6 +183,7 @@ double RegElasticFunctionalThread::evaluateLandmarks() const {
 void RegElasticFunctionalThread::run() {
   const int n = functional->transform->getParamVectorDim();
   const bool regularized = regularizerMode >= 1 && regularizerMode <= 3;
+  probeMetrics.setBase(regularized ? nullptr : functional->metric);
   // The parameters of one control point go to one worker, which takes
   // their box out once for all their probes; the points are dealt
   // round-robin.
@@ -199,7 +200,7 @@ void RegElasticFunctionalThread::run() {
         },
         [&](int k, int index, float) {
           return regularized ? evaluateIncrementalWithRegularizer(index)
-                             : getWeightedResult(probeMetrics[k]->getResult());
+                             : getWeightedResult(probeMetrics.result(k));
         });
   }
 }

@@ -5,6 +5,7 @@
 // out.
 #include "RegElasticPointProbes.h"
 #include "RegMetric.h"
+#include "RegMutualInformation.h"
 
 class RegElasticProbeMetrics {
 public:
@@ -21,6 +22,14 @@ public:
   }
   // The first `count` metrics set to the statistics of `boxOut`.
   void restore(const RegMetric* boxOut, int count);
+  // The statistics the gradient's probes start from (the caching pass's,
+  // before any box is taken out), or null. For mutual information the
+  // probes' results are then found from it through the entries they changed
+  // (RegMutualInformation::getResultNear()). Set it again whenever those
+  // statistics change.
+  void setBase(const RegMetric* base);
+  // getResult() of metric k, through the base where one is set.
+  double result(int k);
   RegMetric* operator[](int k) const { return metrics[k]; }
   RegMetric* const* begin() const { return metrics; }
   RegMetric* const* end() const { return metrics + RegElasticPointProbes::kMax; }
@@ -33,4 +42,6 @@ private:
     }
   }
   RegMetric* metrics[RegElasticPointProbes::kMax] = {};
+  const RegMutualInformation* base = nullptr;
+  RegMutualInformation::EntropySums sums;
 };

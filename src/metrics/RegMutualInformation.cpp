@@ -2,6 +2,7 @@
 
 #include "ZrMessage.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -159,6 +160,73 @@ void RegMutualInformation::getJointEntropy(double& h) const {
     if (p > 0)
       h -= p * std::log(p);
   }
+}
+
+namespace {
+inline double xLogX(double x) { return x > 0 ? x * std::log(x) : 0.0; }
+} // namespace
+
+void RegMutualInformation::getEntropySums(EntropySums& s) const {
+  const int nr = numBinsRef, nm = numBinsMod;
+  const double* h = histogram.data();
+  s.rows.assign(nr, 0.0);
+  s.cols.assign(nm, 0.0);
+  s.joint = 0.0;
+  for (int i = 0; i < nr; i++)
+    for (int j = 0; j < nm; j++) {
+      const double e = h[(size_t)i * nm + j];
+      s.rows[i] += e;
+      s.cols[j] += e;
+      s.joint += xLogX(e);
+    }
+  s.ref = 0.0;
+  for (double r : s.rows)
+    s.ref += xLogX(r);
+  s.model = 0.0;
+  for (double c : s.cols)
+    s.model += xLogX(c);
+}
+
+double RegMutualInformation::getResultNear(const RegMutualInformation& base, EntropySums& s) {
+  const int nr = numBinsRef, nm = numBinsMod;
+  if (numInside <= 0 || base.histogram.size() != histogram.size() || s.rows.size() != (size_t)nr ||
+      s.cols.size() != (size_t)nm)
+    return getResult();
+  s.rowChange.assign(nr, 0.0);
+  s.colChange.assign(nm, 0.0);
+  const double* h = histogram.data();
+  const double* b = base.histogram.data();
+  double joint = 0.0;
+  for (int i = 0; i < nr; i++) {
+    const double* hr = h + (size_t)i * nm;
+    const double* br = b + (size_t)i * nm;
+    // Eight entries at a time are passed over when none differs.
+    for (int j0 = 0; j0 < nm; j0 += 8) {
+      const int j1 = std::min(j0 + 8, nm);
+      bool differ = false;
+      for (int j = j0; j < j1; j++)
+        differ |= hr[j] != br[j];
+      if (!differ)
+        continue;
+      for (int j = j0; j < j1; j++)
+        if (hr[j] != br[j]) {
+          const double d = hr[j] - br[j];
+          s.rowChange[i] += d;
+          s.colChange[j] += d;
+          joint += xLogX(hr[j]) - xLogX(br[j]);
+        }
+    }
+  }
+  double ref = s.ref, model = s.model;
+  for (int i = 0; i < nr; i++)
+    if (s.rowChange[i] != 0.0)
+      ref += xLogX(s.rows[i] + s.rowChange[i]) - xLogX(s.rows[i]);
+  for (int j = 0; j < nm; j++)
+    if (s.colChange[j] != 0.0)
+      model += xLogX(s.cols[j] + s.colChange[j]) - xLogX(s.cols[j]);
+  joint += s.joint;
+  const double n = (double)numInside, logN = std::log(n);
+  return resultOf(logN - ref / n, logN - model / n, logN - joint / n);
 }
 
 double RegMutualInformation::overlapWeight() const {

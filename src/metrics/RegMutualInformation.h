@@ -8,6 +8,8 @@
 #include "QbPrimType.h"
 #include "RegMetric.h"
 
+#include <vector>
+
 class RegMutualInformation : public RegMetric {
 public:
   // Voxel types of the two fields; they decide whether the bin rules for
@@ -59,6 +61,24 @@ public:
   void getMarginalEntropies(double& ref, double& model) override;
   // Entropy of the joint distribution (natural logarithm).
   void getJointEntropy(double& h) const;
+
+  // The sums behind the entropies of one state: s log s summed over the
+  // entries of the joint histogram, over its row sums and over its column
+  // sums (positive ones only), and the row and column sums themselves. With
+  // n samples an entropy is log n - sum / n.
+  struct EntropySums {
+    double joint = 0.0, ref = 0.0, model = 0.0;
+    std::vector<double> rows, cols;
+    // Scratch of getResultNear().
+    std::vector<double> rowChange, colChange;
+  };
+  void getEntropySums(EntropySums& s) const;
+  // getResult() of this state, found from a state `base` of the same binning
+  // and its sums `s`: only the entries where the two histograms differ are
+  // looked at closely, so a probe that changed a small part of a large
+  // histogram pays for the logarithms of that part only. Equal to getResult()
+  // up to rounding.
+  double getResultNear(const RegMutualInformation& base, EntropySums& s);
 
   // Bin of one value on one axis of n bins and the weights of that bin and
   // the next. Values below the range put their full weight into bin 0, values
@@ -127,6 +147,8 @@ protected:
   // Overlap factor: 1, or the covered fraction times 5 / maxCoverage when it
   // falls below a fifth of maxCoverage.
   double overlapWeight() const;
+  // The metric's value from the three entropies; numInside is above 0.
+  virtual double resultOf(double hRef, double hModel, double hJoint) const = 0;
 };
 
 inline void RegMutualInformation::increment(double ref, double model) {

@@ -17,7 +17,11 @@ double RegNormMutualInformation::getResult() {
   double hRef, hMod, hJoint;
   getMarginalEntropies(hRef, hMod);
   getJointEntropy(hJoint);
+  return resultOf(hRef, hMod, hJoint);
+}
+
+double RegNormMutualInformation::resultOf(double hRef, double hModel, double hJoint) const {
   // No guard against a joint entropy of 0 (two constant images): the
   // division gives infinity or NaN, which the optimizers see as such.
-  return (hRef + hMod) * overlapWeight() / hJoint;
+  return (hRef + hModel) * overlapWeight() / hJoint;
 }

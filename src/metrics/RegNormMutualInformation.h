@@ -19,4 +19,5 @@ public:
 
 protected:
   RegNormMutualInformation(const RegNormMutualInformation& other) = default;
+  double resultOf(double hRef, double hModel, double hJoint) const override;
 };

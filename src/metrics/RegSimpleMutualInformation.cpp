@@ -20,5 +20,9 @@ double RegSimpleMutualInformation::getResult() {
   double hRef, hMod, hJoint;
   getMarginalEntropies(hRef, hMod);
   getJointEntropy(hJoint);
-  return (hRef + hMod - hJoint) * overlapWeight();
+  return resultOf(hRef, hMod, hJoint);
+}
+
+double RegSimpleMutualInformation::resultOf(double hRef, double hModel, double hJoint) const {
+  return (hRef + hModel - hJoint) * overlapWeight();
 }

@@ -18,4 +18,5 @@ public:
 
 protected:
   RegSimpleMutualInformation(const RegSimpleMutualInformation& other) = default;
+  double resultOf(double hRef, double hModel, double hJoint) const override;
 };

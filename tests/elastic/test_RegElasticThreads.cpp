@@ -82,8 +82,9 @@ TEST_P(ElasticThreads, EveryThreadCountGivesTheSerialGradient) {
       QbDVector<double> g(p.size(), 99.0);
       const double value = f.evaluate(g, c.step, keepAll);
       EXPECT_EQ(start, p);
-      if (c.background)
+      if (c.background) {
         ASSERT_NE(nullptr, r->stillVoxels);
+      }
       if (threads == 1) {
         serial[keepAll] = g;
         serialValue[keepAll] = value;

@@ -248,3 +248,58 @@ TEST(RegMutualInformation, OverlapFactorMultiplies) {
     EXPECT_NEAR(mi->getResult(), full, 1e-12);
   }
 }
+
+// A state's result found from a nearby base through the entries that differ
+// equals its own getResult() up to rounding, for both forms: states that
+// share the base's histogram, differ in a few samples, differ in most, or
+// empty a row and a column the base had; no samples at all gives -1000.
+TEST(RegMutualInformation, ResultNearABaseIsTheResult) {
+  struct Change {
+    const char* what;
+    int moved;        // samples taken out and put back elsewhere
+    bool emptyGrey31; // every sample of reference grey 31 taken out
+  };
+  const Change changes[] = {
+      {"none", 0, false}, {"a few", 20, false}, {"most", 3000, false}, {"a row", 0, true}};
+  for (int normalised = 0; normalised < 2; normalised++) {
+    auto make = [&]() -> std::unique_ptr<RegMutualInformation> {
+      if (normalised)
+        return std::make_unique<RegNormMutualInformation>(QB_UINT8, QB_FLOAT, 0, 63, 0, 1, 64, 48,
+                                                          1.0);
+      return std::make_unique<RegSimpleMutualInformation>(QB_UINT8, QB_FLOAT, 0, 63, 0, 1, 64, 48,
+                                                          1.0);
+    };
+    std::unique_ptr<RegMutualInformation> base = make();
+    base->reset();
+    std::mt19937 rng(5);
+    std::uniform_int_distribution<int> grey(0, 63);
+    std::uniform_real_distribution<double> noise(-0.1, 0.1);
+    std::vector<std::pair<double, double>> samples;
+    for (int n = 0; n < 4000; n++) {
+      const int a = grey(rng);
+      samples.emplace_back(a, a / 63.0 + noise(rng));
+      base->increment(samples.back().first, samples.back().second);
+    }
+    RegMutualInformation::EntropySums sums;
+    base->getEntropySums(sums);
+    for (const Change& c : changes) {
+      std::unique_ptr<RegMutualInformation> state(
+          static_cast<RegMutualInformation*>(base->clone()));
+      for (int n = 0; n < c.moved; n++) {
+        const auto& s = samples[n];
+        state->decrement(s.first, s.second);
+        state->increment(s.first, s.second + 0.05);
+      }
+      if (c.emptyGrey31)
+        for (const auto& s : samples)
+          if (s.first == 31)
+            state->decrement(s.first, s.second);
+      const double own = state->getResult();
+      EXPECT_NEAR(state->getResultNear(*base, sums), own, 1e-12 * std::fabs(own))
+          << c.what << (normalised ? " NMI" : " MI");
+    }
+    std::unique_ptr<RegMutualInformation> empty(static_cast<RegMutualInformation*>(base->clone()));
+    empty->reset();
+    EXPECT_EQ(-1000.0, empty->getResultNear(*base, sums));
+  }
+}
