@@ -36,7 +36,8 @@
 
 namespace {
 
-const int kLattice = 11;
+// Control points per axis; --lattice=N sets it.
+int gLattice = 11;
 // Histogram bins per axis of the metric; --bins=N sets it (the module's
 // default is 256).
 int gBins = 64;
@@ -64,7 +65,7 @@ struct Run {
     Data& d = data();
     transform = std::make_unique<RegVoxelCubicSplineTransform>(3, false);
     transform->setModel(d.model.get());
-    transform->setControlGridSize(kLattice, kLattice, kLattice);
+    transform->setControlGridSize(gLattice, gLattice, gLattice);
     transform->updateInterpolatedSpaceBoundary(QbBox3f(kBox));
     transform->getGridSpacing();
     transform->createControlPoints(nullptr);
@@ -101,8 +102,8 @@ struct Run {
   }
   // The x parameter of the central control point: a full 4 x 4 x 4 cell box.
   int centralParam() const {
-    const int c = kLattice / 2;
-    return 3 * ((c * kLattice + c) * kLattice + c);
+    const int c = gLattice / 2;
+    return 3 * ((c * gLattice + c) * gLattice + c);
   }
   double probe(int i, float d) {
     RegElasticFunctionalRegular* r = dynamic_cast<RegElasticFunctionalRegular*>(functional.get());
@@ -222,7 +223,8 @@ BENCHMARK(BM_PointProbes)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->MinTim
 BENCHMARK(BM_Probe)->ArgsProduct({{1, 0}, {0, 1}})->Unit(benchmark::kMillisecond)->MinTime(1.0);
 
 // Besides the options of the benchmark library: --bins=N, the metric's bins
-// per axis (default 64), and --threads=LIST, the thread counts of the
+// per axis (default 64), --lattice=N, the control points per axis (default
+// 11), and --threads=LIST, the thread counts of the
 // gradient benchmarks BM_Gradient/regular:R/regularized:Z/threads:N
 // (default 1,2).
 int main(int argc, char** argv) {
@@ -233,6 +235,14 @@ int main(int argc, char** argv) {
       gBins = std::atoi(argv[i] + 7);
       if (gBins < 2 || gBins > 4096) {
         std::fprintf(stderr, "bench_elastic: --bins takes a count from 2 to 4096\n");
+        return 1;
+      }
+      continue;
+    }
+    if (std::strncmp(argv[i], "--lattice=", 10) == 0) {
+      gLattice = std::atoi(argv[i] + 10);
+      if (gLattice < 4 || gLattice > 64) {
+        std::fprintf(stderr, "bench_elastic: --lattice takes a count from 4 to 64\n");
         return 1;
       }
       continue;
