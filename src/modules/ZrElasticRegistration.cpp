@@ -299,6 +299,25 @@ RegFunctional* ZrElasticRegistration::createFunctional(FieldArray& referenceLeve
 // The run
 // ---------------------------------------------------------------------------
 
+int ZrElasticRegistration::finestStride(const int* dims, int64_t points) {
+  auto samples = [&](int stride) {
+    int64_t n = 1;
+    for (int a = 0; a < 3; a++)
+      n *= (dims[a] + stride - 1) / stride;
+    return n;
+  };
+  if (samples(2) < 64 * points)
+    return 1;
+  // A 0.5 mm head (301 x 370 x 316) takes every third voxel, 1.3 M samples
+  // instead of 4.4 M: measured against a known warp, it registered in 37 s
+  // instead of 54 s on two cores and ended 0.013 mm off instead of 0.015
+  // (every fourth: 34 s, 0.021 mm). A 1 mm head keeps every second voxel.
+  int stride = 2;
+  while (samples(stride) > kFinestSamples && samples(stride + 1) >= 64 * points)
+    stride++;
+  return stride;
+}
+
 int ZrElasticRegistration::initRegistration() {
   if (!splineTransform)
     createTransform();
@@ -438,12 +457,9 @@ void ZrElasticRegistration::enterResolution(int level, int numLevels, RegFunctio
       const bool finest = level == numLevels - 1;
       // The sub-lattice only where it leaves plenty of voxels per control
       // point; a small image takes all of its voxels.
-      if (finest && sparseFinest && numLevels > 1 && !f->fixLowEntropy) {
-        auto taken = [&](int a) { return (int64_t)((f->dims[a] + 1) / 2); };
-        const int64_t points = splineTransform->getParamVectorDim() / 3;
-        if (taken(0) * taken(1) * taken(2) >= 64 * points)
-          f->analyticGradient->sampleStride = 2;
-      }
+      if (finest && sparseFinest && numLevels > 1 && !f->fixLowEntropy)
+        f->analyticGradient->sampleStride =
+            finestStride(f->dims, splineTransform->getParamVectorDim() / 3);
       ZrLimitedMemoryOptimizer* search = dynamic_cast<ZrLimitedMemoryOptimizer*>(optimizer);
       if (!search) {
         delete optimizer;

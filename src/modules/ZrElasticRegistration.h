@@ -125,6 +125,12 @@ public:
   // `refinements` doublings: one to each level but the finest, then, as long
   // as any is left, rounds over every second level from the coarsest.
   static void planRefinements(QbDArray<int>& plan, int numLevels, int refinements);
+  // The stride of the sub-lattice on which the sparse finest level samples a
+  // reference of `dims` under `points` control points: 2, more where every
+  // second voxel would still give over kFinestSamples samples, and 1 (every
+  // voxel) where 2 leaves fewer than 64 samples a control point.
+  static int finestStride(const int* dims, int64_t points);
+  static const int64_t kFinestSamples = int64_t(1) << 21;
 
 private:
   // The reference and model that the present level works on, or the inputs

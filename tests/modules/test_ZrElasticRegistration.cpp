@@ -97,6 +97,26 @@ TEST(ElasticPlanning, RefinementPlansAndFinalGridSize) {
   EXPECT_EQ(m.computeFinalGridSize(2), 6);
 }
 
+// The sparse finest level's stride: every second voxel of a 1 mm head, every
+// third of a 0.5 mm one, every voxel of a small image, and for a very large
+// one the first stride that leaves at most 2^21 samples.
+TEST(ElasticPlanning, FinestStrideFollowsTheSamples) {
+  struct Case {
+    int dims[3];
+    int64_t points;
+    int stride;
+  };
+  const Case cases[] = {{{181, 217, 181}, 14 * 14 * 14, 2},
+                        {{301, 370, 316}, 14 * 14 * 14, 3},
+                        {{40, 40, 40}, 11 * 11 * 11, 1},
+                        {{600, 600, 600}, 20 * 20 * 20, 5},
+                        // 64 samples a point bound the stride first.
+                        {{600, 600, 600}, 31 * 31 * 31, 4}};
+  for (const Case& c : cases)
+    EXPECT_EQ(c.stride, ZrElasticRegistration::finestStride(c.dims, c.points))
+        << c.dims[0] << " x " << c.dims[1] << " x " << c.dims[2] << ", " << c.points << " points";
+}
+
 TEST_F(ElasticModuleTest, ScheduleOfRefinementsAndWeights) {
   const int dims[3] = {32, 32, 24};
   for (int refinements : {3, 4}) {
