@@ -5,7 +5,7 @@
 set -euo pipefail
 PACKAGES=(build-essential cmake ninja-build pkg-config git
   libgtest-dev libgmock-dev libbenchmark-dev libomp-dev
-  libinsighttoolkit5-dev libgdcm-tools zlib1g-dev python3-nibabel clang-format
+  libinsighttoolkit5-dev libgdcm-tools zlib1g-dev libdeflate-dev python3-nibabel clang-format
   clang libclang-rt-dev ccache)
 missing=()
 for p in "${PACKAGES[@]}"; do

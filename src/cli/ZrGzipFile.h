@@ -3,8 +3,8 @@
 // compresses at zlib's default level on one thread, which for a float
 // displacement field of a 1 mm head (85 MB that compress by a fifth at any
 // level) takes longer than the registration's last level. The image is
-// written uncompressed and checked, and then compressed here at the fastest
-// level, in independent blocks on all of the process's threads. The blocks
+// written uncompressed and checked, and then compressed here by libdeflate at
+// its fastest level, in independent blocks on all of the process's threads. The blocks
 // are gzip members one after the other, which zlib, ITK, nibabel and gzip
 // read as one stream.
 #include <string>
