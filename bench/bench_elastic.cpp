@@ -230,23 +230,27 @@ BENCHMARK(BM_Probe)->ArgsProduct({{1, 0}, {0, 1}})->Unit(benchmark::kMillisecond
 int main(int argc, char** argv) {
   std::vector<int> counts = {1, 2};
   int kept = 1;
+  // --NAME=N with N in [low, high] into value: 1 if taken, 0 if arg is no
+  // such option, -1 (with a message) if N is out of range.
+  auto count = [](const char* arg, const char* name, int low, int high, int& value) {
+    const size_t n = std::strlen(name);
+    if (std::strncmp(arg, name, n) != 0)
+      return 0;
+    value = std::atoi(arg + n);
+    if (value >= low && value <= high)
+      return 1;
+    std::fprintf(stderr, "bench_elastic: %.*s takes a count from %d to %d\n", (int)n - 1, name, low,
+                 high);
+    return -1;
+  };
   for (int i = 1; i < argc; i++) {
-    if (std::strncmp(argv[i], "--bins=", 7) == 0) {
-      gBins = std::atoi(argv[i] + 7);
-      if (gBins < 2 || gBins > 4096) {
-        std::fprintf(stderr, "bench_elastic: --bins takes a count from 2 to 4096\n");
-        return 1;
-      }
+    int taken = count(argv[i], "--bins=", 2, 4096, gBins);
+    if (taken == 0)
+      taken = count(argv[i], "--lattice=", 4, 64, gLattice);
+    if (taken < 0)
+      return 1;
+    if (taken > 0)
       continue;
-    }
-    if (std::strncmp(argv[i], "--lattice=", 10) == 0) {
-      gLattice = std::atoi(argv[i] + 10);
-      if (gLattice < 4 || gLattice > 64) {
-        std::fprintf(stderr, "bench_elastic: --lattice takes a count from 4 to 64\n");
-        return 1;
-      }
-      continue;
-    }
     if (std::strncmp(argv[i], "--threads=", 10) == 0) {
       counts = parseCounts(argv[i] + 10);
       if (counts.empty()) {
