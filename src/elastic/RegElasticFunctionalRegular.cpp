@@ -92,6 +92,8 @@ void RegElasticFunctionalRegular::resetEval() {
   const int b1 = extent[1] > 0 ? 1 : 0;
   const int b2 = extent[2] > 0 ? 1 : 0;
   boxFlags = (unsigned char)(b0 + 2 * b1 + 4 * b2);
+  // The model may be another now: its constant blocks are found again.
+  blocksModel = nullptr;
   setSamplingState(metric);
   setSamplingState(metricWork);
   setSamplingState(metricBoxOut);
