@@ -128,6 +128,38 @@ template <class Visit> bool walkWeightedSamples(ZrRegScalarField3* field, Visit&
   return completed;
 }
 
+// Whether every field of `level` is a uniform scalar field that `fits`.
+template <class Fits> bool allUniform(const ZrVoxelRegistration::FieldArray& level, Fits&& fits) {
+  for (int r = 0; r < level.size(); r++) {
+    ZrRegScalarField3* field = scalarField(level, r);
+    if (!field || field->lattice.coords()->coordType() != ZR_COORD_UNIFORM || !fits(field))
+      return false;
+  }
+  return true;
+}
+
+// make(field r) for every field of `level`, hidden in the pool and appended
+// to `out`. If one is not made, all are taken back out and false returned.
+template <class Make>
+bool poolEach(const ZrVoxelRegistration::FieldArray& level, ZrVoxelRegistration::FieldArray& out,
+              Make&& make) {
+  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
+  for (int r = 0; r < level.size(); r++) {
+    ZrRegScalarField3* made = make(r, scalarField(level, r));
+    if (!made)
+      break;
+    made->hideIcon();
+    pool->addObject(made);
+    out.append(made);
+  }
+  if (out.size() == level.size())
+    return true;
+  for (ZrSpatialData* f : out)
+    pool->removeObject(f);
+  out.clear();
+  return false;
+}
+
 } // namespace
 
 QB_TYPE_SOURCE(ZrAffineRegistration, ZrCompModule, ZrAffineRegistration::createInstance)
@@ -695,18 +727,12 @@ bool ZrAffineRegistration::offGridStart(FieldArray& referenceLevel, ZrRegScalarF
   // within 0.1).
   if (!labels && !ignoreFinest)
     return false;
-  for (int r = 0; r < referenceLevel.size(); r++) {
-    ZrRegScalarField3* field = scalarField(referenceLevel, r);
-    if (!field || ZrResample::isLabelField(field) != labels ||
-        field->lattice.coords()->coordType() != ZR_COORD_UNIFORM)
-      return false;
-  }
-  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-  for (int r = 0; r < referenceLevel.size(); r++) {
-    ZrRegScalarField3* field = scalarField(referenceLevel, r);
+  if (!allUniform(referenceLevel,
+                  [&](ZrRegScalarField3* f) { return ZrResample::isLabelField(f) == labels; }))
+    return false;
+  const bool made = poolEach(referenceLevel, offGrid, [&](int r, ZrRegScalarField3* field) {
     int dims[3];
     scaledGrid(field->getDims(), kStartGridFactor, dims);
-    ZrRegScalarField3* coarser = nullptr;
     if (labels) {
       // Taken from the input, the nearest label is at most half an input
       // voxel away rather than half a voxel of the level (on the atlas,
@@ -722,24 +748,15 @@ bool ZrAffineRegistration::offGridStart(FieldArray& referenceLevel, ZrRegScalarF
         if (sameBox && ZrResample::isLabelField(input))
           source = input;
       }
-      coarser = ZrResample::resampleLabelsNearest(source, dims);
-    } else {
-      coarser = ZrResample::resampleGrey(field, dims, ZrResample::FILTER_TRIANGLE);
+      return ZrResample::resampleLabelsNearest(source, dims);
     }
-    if (!coarser)
-      break;
-    coarser->hideIcon();
-    pool->addObject(coarser);
-    offGrid.append(coarser);
-  }
-  if (offGrid.size() != referenceLevel.size()) {
-    for (ZrSpatialData* f : offGrid)
-      pool->removeObject(f);
-    offGrid.clear();
+    return ZrResample::resampleGrey(field, dims, ZrResample::FILTER_TRIANGLE);
+  });
+  if (!made)
     return false;
-  }
   // The functional holds the new grids only; the reduced copies of this
   // level would otherwise stay in the pool until the program ends.
+  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
   for (int r = 0; r < referenceLevel.size(); r++) {
     ZrSpatialData* field = referenceLevel[r];
     if (field && references.index(field) < 0) {
@@ -774,32 +791,17 @@ bool ZrAffineRegistration::offGridReference(const FieldArray& referenceLevel, Fi
   // slices less.
   if (dimensionMode < 0 || dimensionMode > 2 || ignoreFinest || referenceLevel.size() == 0)
     return false;
-  for (int r = 0; r < referenceLevel.size(); r++) {
-    ZrRegScalarField3* field = scalarField(referenceLevel, r);
-    if (!field || references.index(field) < 0 || ZrResample::isLabelField(field) ||
-        field->lattice.coords()->coordType() != ZR_COORD_UNIFORM)
-      return false;
-  }
-  ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
-  for (int r = 0; r < referenceLevel.size(); r++) {
-    ZrRegScalarField3* field = scalarField(referenceLevel, r);
+  if (!allUniform(referenceLevel, [&](ZrRegScalarField3* f) {
+        return references.index(f) >= 0 && !ZrResample::isLabelField(f);
+      }))
+    return false;
+  return poolEach(referenceLevel, offGrid, [&](int, ZrRegScalarField3* field) {
     int dims[3];
     scaledGrid(field->getDims(), M_SQRT2, dims);
     std::unique_ptr<ZrRegScalarField3> smooth(ZrResample::smoothGrey(field, kPlanarSigma));
-    ZrRegScalarField3* fine =
-        ZrResample::resampleGrey(smooth ? smooth.get() : field, dims, ZrResample::FILTER_TRIANGLE);
-    if (!fine)
-      break;
-    fine->hideIcon();
-    pool->addObject(fine);
-    offGrid.append(fine);
-  }
-  if (offGrid.size() == referenceLevel.size())
-    return true;
-  for (ZrSpatialData* f : offGrid)
-    pool->removeObject(f);
-  offGrid.clear();
-  return false;
+    return ZrResample::resampleGrey(smooth ? smooth.get() : field, dims,
+                                    ZrResample::FILTER_TRIANGLE);
+  });
 }
 
 void ZrAffineRegistration::enterResolution(int level, int numLevels, RegFunctional* functional) {
