@@ -276,7 +276,7 @@ const uint8_t* RegElasticFunctionalRegular::markStillVoxels(double step) {
     typedef decltype(tag) T;
     const T* model = (const T*)modelVoxels;
     if (blocksModel != modelVoxels || modelBlocks.size() != numModel) {
-      modelBlocks.assign(numModel, 0);
+      modelBlocks.resize(numModel);
       std::vector<uint8_t> scratch(numModel);
       reg_evaluateElasticConstantBlocks(model, modelDims, modelBlocks.data(), scratch.data());
       blocksModel = modelVoxels;

@@ -38,7 +38,6 @@ inline void reg_evaluateElasticConstantBlocks(const T* model, const int* dims, u
                                               uint8_t* scratch) {
   const int64_t n[3] = {dims[0], dims[1], dims[2]};
   const int64_t stride[3] = {1, n[0], n[0] * n[1]};
-  const size_t total = (size_t)(n[0] * n[1] * n[2]);
   // Pass a reads `in` (null for the first) and writes `out`.
   auto pass = [&](int a, const uint8_t* in, uint8_t* out) {
     const int64_t s = stride[a], len = n[a];
@@ -59,11 +58,9 @@ inline void reg_evaluateElasticConstantBlocks(const T* model, const int* dims, u
           out[v] = same ? 1 : 0;
         }
   };
-  pass(0, nullptr, scratch);
-  pass(1, scratch, blocks);
-  pass(2, blocks, scratch);
-  for (size_t v = 0; v < total; v++)
-    blocks[v] = scratch[v];
+  pass(0, nullptr, blocks);
+  pass(1, blocks, scratch);
+  pass(2, scratch, blocks);
 }
 
 // still[v] = 1 for the reference voxels (grid positions `grid`, cached
