@@ -13,13 +13,20 @@
 const int kDims[3] = {181, 217, 181};
 const float kBox[6] = {0, 180, 0, 216, 0, 180};
 
-inline std::unique_ptr<ZrUniformScalarField3> makePhantom(double shift) {
-  auto f = std::make_unique<ZrUniformScalarField3>(kDims, QB_UINT8, kBox);
+// `reduce` > 1 gives the same head on voxels `reduce` times as large, as a
+// level of a resolution pyramid (2: 91 x 109 x 91 voxels of 2 mm).
+inline std::unique_ptr<ZrUniformScalarField3> makePhantom(double shift, int reduce = 1) {
+  const int dims[3] = {(kDims[0] - 1) / reduce + 1, (kDims[1] - 1) / reduce + 1,
+                       (kDims[2] - 1) / reduce + 1};
+  const float box[6] = {0, float(reduce * (dims[0] - 1)), 0, float(reduce * (dims[1] - 1)),
+                        0, float(reduce * (dims[2] - 1))};
+  auto f = std::make_unique<ZrUniformScalarField3>(dims, QB_UINT8, box);
   uint8_t* data = static_cast<uint8_t*>(f->lattice.dataPtr());
   size_t idx = 0;
-  for (int k = 0; k < kDims[2]; k++)
-    for (int j = 0; j < kDims[1]; j++)
-      for (int i = 0; i < kDims[0]; i++, idx++) {
+  for (int kk = 0; kk < dims[2]; kk++)
+    for (int jj = 0; jj < dims[1]; jj++)
+      for (int ii = 0; ii < dims[0]; ii++, idx++) {
+        const int i = ii * reduce, j = jj * reduce, k = kk * reduce;
         const double x = (i + shift - 90) / 75.0, y = (j - 108) / 95.0, z = (k - 90) / 80.0;
         const double r = x * x + y * y + z * z;
         double v = 0;

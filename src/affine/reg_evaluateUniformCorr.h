@@ -42,22 +42,23 @@ void reg_evaluateUniformCorr(const RefT* ref, const ModelT* model, const QbVec3i
     double sRefSq = 0.0, sModelSq = 0.0, sProduct = 0.0, sRef = 0.0, sModel = 0.0;
 #pragma omp for schedule(static, chunk)
     for (int k = 0; k < nz; k++) {
-      reg_evaluateUniformSlice(ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k,
-                               total, [&](const double* r, const double* value, int n) {
-                                 for (int m = 0; m < n; m++) {
-                                   // Within both limits, so that NaN is out.
-                                   if (!(r[m] >= refLow && r[m] <= refHigh &&
-                                         value[m] >= modelLow && value[m] <= modelHigh))
-                                     continue;
-                                   const double a = r[m] - refOffset, b = value[m] - modelOffset;
-                                   sRefSq += a * a;
-                                   sModelSq += b * b;
-                                   sProduct += a * b;
-                                   sRef += a;
-                                   sModel += b;
-                                   inside++;
-                                 }
-                               });
+      reg_evaluateUniformSlice(
+          ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k, total,
+          [&](const RefT* raw, const double* value, int n) {
+            for (int m = 0; m < n; m++) {
+              const double r = (double)raw[m];
+              // Within both limits, so that NaN is out.
+              if (!(r >= refLow && r <= refHigh && value[m] >= modelLow && value[m] <= modelHigh))
+                continue;
+              const double a = r - refOffset, b = value[m] - modelOffset;
+              sRefSq += a * a;
+              sModelSq += b * b;
+              sProduct += a * b;
+              sRef += a;
+              sModel += b;
+              inside++;
+            }
+          });
     }
 #pragma omp critical(reg_evaluateUniformMerge)
     {

@@ -9,6 +9,8 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <type_traits>
 
 // The per-thread histograms of the calling thread's evaluations. They are
 // kept from one evaluation to the next, so that an optimizer's thousands of
@@ -59,42 +61,66 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
   const int nRef = metric->numBinsRef, nMod = metric->numBinsMod;
   if (nRef < 2 || nMod < 2 || metric->histogram.size() < nRef * nMod)
     return;
-  const int slotCount = 4 * (nRef - 1) * (nMod - 1);
+  const size_t slotCount = RegUniformJointHistogram::slotCount(nRef, nMod);
 
   QbDArray<QbDArray<double>>& histograms = reg_evaluateUniformMIScratch();
   if (histograms.size() < (int)numThreads)
     histograms.resize((int)numThreads);
   for (int t = 0; t < (int)numThreads; t++)
-    histograms[t].resize(slotCount);
+    histograms[t].resize(int(2 * slotCount));
   int64_t sharedInside = 0, sharedTotal = 0;
   // The runtime may start fewer threads than asked for; the histograms of
   // threads that did not run were not zeroed and are not merged.
   int team = 1;
+
+  // A reference of bytes takes its bins and weights from a table of its 256
+  // values, made by the same binOf, so the results are those of binning each
+  // voxel.
+  struct ByteBins {
+    int bin[256];
+    double w[512];
+  } byteBins;
+  if constexpr (std::is_same_v<RefT, uint8_t>)
+    for (int v = 0; v < 256; v++)
+      RegMutualInformation::binOf((double)v, refMin, refScale, nRef, byteBins.bin[v],
+                                  byteBins.w[2 * v], byteBins.w[2 * v + 1]);
 
   const int savedThreads = omp_get_max_threads();
   omp_set_num_threads((int)numThreads);
   const bool simd = reg_evaluateUniformSimd();
 #pragma omp parallel
   {
-    RegUniformJointHistogram hist(histograms[omp_get_thread_num()].data(), nMod);
-    std::fill(hist.slots, hist.slots + slotCount, 0.0);
+    double* mine = histograms[omp_get_thread_num()].data();
+    RegUniformJointHistogram hist(mine, nRef, nMod);
+    std::fill(mine, mine + 2 * slotCount, 0.0);
 #pragma omp master
     team = omp_get_num_threads();
     int64_t inside = 0, total = 0;
 #pragma omp for schedule(static, 1)
     for (int k = 0; k < nz; k++) {
-      reg_evaluateUniformSlice(ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k,
-                               total, [&](const double* r, const double* value, int n) {
-                                 int i[kUniformBlock], j[kUniformBlock];
-                                 double a[2 * kUniformBlock], b[2 * kUniformBlock];
-                                 reg_evaluateUniformBins(r, n, refMin, refScale, nRef, simd, i, a);
-                                 reg_evaluateUniformBins(value, n, modelMin, modelScale, nMod, simd,
-                                                         j, b);
-                                 hist.add(n, i, j, a, b, simd);
-                                 inside += n;
-                               });
+      reg_evaluateUniformSlice(
+          ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k, total,
+          [&](const RefT* r, const double* value, int n) {
+            int i[kUniformBlock], j[kUniformBlock];
+            double a[2 * kUniformBlock], b[2 * kUniformBlock];
+            if constexpr (std::is_same_v<RefT, uint8_t>) {
+              for (int m = 0; m < n; m++) {
+                const int v = r[m];
+                i[m] = byteBins.bin[v];
+                a[2 * m] = byteBins.w[2 * v];
+                a[2 * m + 1] = byteBins.w[2 * v + 1];
+              }
+            } else {
+              double rv[kUniformBlock];
+              for (int m = 0; m < n; m++)
+                rv[m] = (double)r[m];
+              reg_evaluateUniformBins(rv, n, refMin, refScale, nRef, simd, i, a);
+            }
+            reg_evaluateUniformBins(value, n, modelMin, modelScale, nMod, simd, j, b);
+            hist.add(n, i, j, a, b, simd);
+            inside += n;
+          });
     }
-    hist.flushRun();
 #pragma omp critical(reg_evaluateUniformMerge)
     {
       sharedInside += inside;
@@ -106,5 +132,5 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
   metric->numInside += sharedInside;
   metric->numTotal += sharedTotal;
   for (int t = 0; t < team && t < (int)numThreads; t++)
-    RegUniformJointHistogram(histograms[t].data(), nMod).fold(nRef, metric->histogram.data());
+    RegUniformJointHistogram(histograms[t].data(), nRef, nMod).fold(nRef, metric->histogram.data());
 }

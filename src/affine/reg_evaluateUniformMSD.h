@@ -31,9 +31,9 @@ void reg_evaluateUniformMSD(const RefT* ref, const ModelT* model, const QbVec3i&
 #pragma omp for schedule(static, 1)
     for (int k = 0; k < nz; k++) {
       reg_evaluateUniformSlice(ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k,
-                               total, [&](const double* r, const double* value, int n) {
+                               total, [&](const RefT* raw, const double* value, int n) {
                                  for (int m = 0; m < n; m++) {
-                                   const double diff = value[m] - r[m];
+                                   const double diff = value[m] - (double)raw[m];
                                    sum -= diff * diff;
                                  }
                                  inside += n;

@@ -98,8 +98,8 @@ constexpr int kUniformBlock = 64;
 // Walks slice k of the reference `ref` (dimensions refDims, x fastest). Each
 // row start v is mapped through `matrix` into model voxel coordinates; voxel
 // i of the row lies at v + i * step. The inside voxels of a row go to
-// `consume(r, value, n)` in blocks of at most kUniformBlock: the reference
-// values and the model samples as doubles. `total` rises by the row length
+// `consume(r, value, n)` in blocks of at most kUniformBlock: the reference's
+// own voxels and the model samples as doubles. `total` rises by the row length
 // whatever lies inside. `consume` is inlined: the metric step costs no call.
 template <class RefT, class ModelT, class Consume>
 inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const QbVec3i& refDims,
@@ -110,7 +110,7 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
   const int nx = refDims.x, ny = refDims.y;
   const int mx = modelDims[0], my = modelDims[1], mz = modelDims[2];
   const RefT* r = ref + (size_t)k * nx * ny;
-  double refValue[kUniformBlock], value[kUniformBlock];
+  double value[kUniformBlock];
   const bool simd = reg_evaluateUniformSimd();
   (void)simd;
   for (int j = 0; j < ny; j++) {
@@ -126,8 +126,6 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
       total += first;
       for (int i = first; i <= last;) {
         const int n = last - i + 1 < kUniformBlock ? last - i + 1 : kUniformBlock;
-        for (int m = 0; m < n; m++)
-          refValue[m] = (double)r[m];
         auto sample = [&](int m) {
           const double t = (double)(i + m);
           value[m] = reg_evaluateUniformSample(model, v.x + t * step.x, v.y + t * step.y,
@@ -140,7 +138,7 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
 #endif
           for (int m = 0; m < n; m++)
             sample(m);
-        consume((const double*)refValue, (const double*)value, n);
+        consume(r, (const double*)value, n);
         r += n;
         i += n;
         total += n;

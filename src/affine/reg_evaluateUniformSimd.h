@@ -109,16 +109,28 @@ ZR_TARGET_AVX2 inline __m256d reg_evaluateUniformLerpAvx2(__m256d a, __m256d b, 
   return _mm256_add_pd(_mm256_mul_pd(_mm256_sub_pd(b, a), t), a);
 }
 
-// The trilinear samples of voxels first .. first + n - 1 of a row that
-// starts at v and advances by `step` into `out`, four at a time. A group
-// whose reads could reach past the model's last voxel (a voxel's right
-// neighbour is read before it is known to exist) and the last n % 4 voxels
-// are left to `scalar(m)`, which samples voxel first + m into out[m].
+// The trilinear samples of voxels first .. first + n - 1 (n at most 64) of a
+// row that starts at v and advances by `step` into `out`, four at a time; a
+// last group of fewer than four is sampled whole, so `out` holds n rounded
+// up to a multiple of 4. A group whose reads could reach past the model's
+// last voxel (a voxel's right neighbour is read before it is known to exist)
+// is left to `scalar(m)`, which samples voxel first + m into out[m].
+//
+// Coordinates are clamped to the lattice, [0, dim - 1]. Inside voxels lie
+// within half a voxel of it, and above dim - 1 the border voxel stands in for
+// its missing neighbour, so the clamp changes no inside sample; it keeps the
+// reads of a last group's outside voxels within the model.
+//
+// Two passes: the first finds the corner indices and fractions of all
+// groups, the second reads and interpolates. Each group's work is then a
+// short chain, so that the reads of many groups are under way at once; in
+// one pass, the reads waited on the index arithmetic of their own group.
 template <class ModelT, class Scalar>
 ZR_TARGET_AVX2 void reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int nx, int ny, int nz,
                                                        const SbVec3d& v, const SbVec3d& step,
                                                        int first, int n, double* out,
                                                        Scalar&& scalar) {
+  constexpr int kGroups = 16;
   const __m256d zero = _mm256_setzero_pd();
   const __m128i one = _mm_set1_epi32(1);
   const __m128i vnx = _mm_set1_epi32(nx), vny = _mm_set1_epi32(ny), vnz = _mm_set1_epi32(nz);
@@ -129,19 +141,31 @@ ZR_TARGET_AVX2 void reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int 
   const __m256d sx = _mm256_set1_pd(step.x), sy0 = _mm256_set1_pd(step.y),
                 sz0 = _mm256_set1_pd(step.z);
   const __m256d lanes = _mm256_setr_pd(0.0, 1.0, 2.0, 3.0);
-  int m = 0;
-  for (; m + 4 <= n; m += 4) {
+  const __m256d topX = _mm256_set1_pd(nx - 1), topY = _mm256_set1_pd(ny - 1),
+                topZ = _mm256_set1_pd(nz - 1);
+  alignas(32) int64_t k[kGroups][4][4];
+  alignas(32) double frac[kGroups][4][4];
+  bool group[kGroups];
+  const int groups = (n + 3) / 4 < kGroups ? (n + 3) / 4 : kGroups;
+  for (int g = 0; g < groups; g++) {
+    const int m = 4 * g;
     const __m256d t = _mm256_add_pd(_mm256_set1_pd((double)(first + m)), lanes);
-    const __m256d x = _mm256_max_pd(_mm256_add_pd(ox, _mm256_mul_pd(t, sx)), zero);
-    const __m256d y = _mm256_max_pd(_mm256_add_pd(oy, _mm256_mul_pd(t, sy0)), zero);
-    const __m256d z = _mm256_max_pd(_mm256_add_pd(oz, _mm256_mul_pd(t, sz0)), zero);
+    const __m256d x =
+        _mm256_min_pd(_mm256_max_pd(_mm256_add_pd(ox, _mm256_mul_pd(t, sx)), zero), topX);
+    const __m256d y =
+        _mm256_min_pd(_mm256_max_pd(_mm256_add_pd(oy, _mm256_mul_pd(t, sy0)), zero), topY);
+    const __m256d z =
+        _mm256_min_pd(_mm256_max_pd(_mm256_add_pd(oz, _mm256_mul_pd(t, sz0)), zero), topZ);
     const __m128i ix = _mm256_cvttpd_epi32(x), iy = _mm256_cvttpd_epi32(y),
                   iz = _mm256_cvttpd_epi32(z);
-    const __m256d fx = _mm256_sub_pd(x, _mm256_cvtepi32_pd(ix));
-    const __m256d fy = _mm256_sub_pd(y, _mm256_cvtepi32_pd(iy));
-    const __m256d fz = _mm256_sub_pd(z, _mm256_cvtepi32_pd(iz));
-    // Neighbours: all ones where the next voxel along the axis exists.
+    _mm256_store_pd(frac[g][0], _mm256_sub_pd(x, _mm256_cvtepi32_pd(ix)));
+    _mm256_store_pd(frac[g][1], _mm256_sub_pd(y, _mm256_cvtepi32_pd(iy)));
+    _mm256_store_pd(frac[g][2], _mm256_sub_pd(z, _mm256_cvtepi32_pd(iz)));
+    // Neighbours: all ones where the next voxel along the axis exists. At
+    // the top of x the border voxel stands in for its missing neighbour,
+    // kept as a mask in the fourth row of fractions.
     const __m128i hasX = _mm_cmplt_epi32(_mm_add_epi32(ix, one), vnx);
+    _mm256_store_pd(frac[g][3], _mm256_castsi256_pd(_mm256_cvtepi32_epi64(hasX)));
     const __m256i sy =
         _mm256_and_si256(_mm256_cvtepi32_epi64(_mm_cmplt_epi32(_mm_add_epi32(iy, one), vny)), row);
     const __m256i sz = _mm256_and_si256(
@@ -152,27 +176,31 @@ ZR_TARGET_AVX2 void reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int 
     const __m256i i010 = _mm256_add_epi64(i000, sy);
     const __m256i i001 = _mm256_add_epi64(i000, sz);
     const __m256i i011 = _mm256_add_epi64(i010, sz);
-    if (_mm256_movemask_pd(_mm256_castsi256_pd(_mm256_cmpgt_epi64(i011, safe)))) {
-      for (int k = m; k < m + 4; k++)
-        scalar(k);
+    group[g] = !_mm256_movemask_pd(_mm256_castsi256_pd(_mm256_cmpgt_epi64(i011, safe)));
+    _mm256_store_si256((__m256i*)k[g][0], i000);
+    _mm256_store_si256((__m256i*)k[g][1], i010);
+    _mm256_store_si256((__m256i*)k[g][2], i001);
+    _mm256_store_si256((__m256i*)k[g][3], i011);
+  }
+  for (int g = 0; g < groups; g++) {
+    const int m = 4 * g;
+    if (!group[g]) {
+      for (int l = m; l < m + 4 && l < n; l++)
+        scalar(l);
       continue;
     }
-    alignas(32) int64_t k[4][4];
-    _mm256_store_si256((__m256i*)k[0], i000);
-    _mm256_store_si256((__m256i*)k[1], i010);
-    _mm256_store_si256((__m256i*)k[2], i001);
-    _mm256_store_si256((__m256i*)k[3], i011);
     __m256d c000, c100, c010, c110, c001, c101, c011, c111;
-    reg_evaluateUniformPairAvx2(model, k[0], c000, c100);
-    reg_evaluateUniformPairAvx2(model, k[1], c010, c110);
-    reg_evaluateUniformPairAvx2(model, k[2], c001, c101);
-    reg_evaluateUniformPairAvx2(model, k[3], c011, c111);
-    // At the top of x the border voxel stands in for its missing neighbour.
-    const __m256d keep = _mm256_castsi256_pd(_mm256_cvtepi32_epi64(hasX));
+    reg_evaluateUniformPairAvx2(model, k[g][0], c000, c100);
+    reg_evaluateUniformPairAvx2(model, k[g][1], c010, c110);
+    reg_evaluateUniformPairAvx2(model, k[g][2], c001, c101);
+    reg_evaluateUniformPairAvx2(model, k[g][3], c011, c111);
+    const __m256d keep = _mm256_load_pd(frac[g][3]);
     c100 = _mm256_blendv_pd(c000, c100, keep);
     c110 = _mm256_blendv_pd(c010, c110, keep);
     c101 = _mm256_blendv_pd(c001, c101, keep);
     c111 = _mm256_blendv_pd(c011, c111, keep);
+    const __m256d fx = _mm256_load_pd(frac[g][0]), fy = _mm256_load_pd(frac[g][1]),
+                  fz = _mm256_load_pd(frac[g][2]);
     const __m256d e0 = reg_evaluateUniformLerpAvx2(c000, c100, fx);
     const __m256d e1 = reg_evaluateUniformLerpAvx2(c001, c101, fx);
     const __m256d e4 =
@@ -181,7 +209,7 @@ ZR_TARGET_AVX2 void reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int 
         e4, reg_evaluateUniformLerpAvx2(e1, reg_evaluateUniformLerpAvx2(c011, c111, fx), fy), fz);
     _mm256_storeu_pd(out + m, value);
   }
-  for (; m < n; m++)
+  for (int m = 4 * groups; m < n; m++)
     scalar(m);
 }
 
@@ -238,13 +266,9 @@ ZR_TARGET_AVX2 void reg_evaluateUniformAddAvx2(Histogram& h, int n, const int* i
                                                const double* a, const double* b) {
   for (int m = 0; m < n; m++) {
     const size_t slot = 4 * ((size_t)i[m] * h.stride + j[m]);
-    if (a[2 * m + 1] == 0.0 && b[2 * m + 1] == 0.0) {
-      h.addWhole(slot);
-      continue;
-    }
     const __m256d aa = _mm256_permute4x64_pd(_mm256_castpd128_pd256(_mm_loadu_pd(a + 2 * m)), 0x50);
     const __m256d bb = _mm256_broadcast_pd((const __m128d*)(b + 2 * m));
-    double* q = h.slots + slot;
+    double* q = ((m & 1) ? h.odd : h.slots) + slot;
     _mm256_storeu_pd(q, _mm256_add_pd(_mm256_loadu_pd(q), _mm256_mul_pd(aa, bb)));
   }
 }
