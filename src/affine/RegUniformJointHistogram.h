@@ -5,13 +5,14 @@
 // (i + 1, j) and (i + 1, j + 1), so one sample updates one slot, and samples
 // of neighbouring bins touch separate slots instead of sharing cells.
 //
-// There are two sets of slots, one for the even and one for the odd samples
-// of a block. Neighbouring voxels often fall into one slot (a background of
-// zeros on both sides, a smooth region); with one set each addition would
-// wait for the one before it to be stored. Every sample takes the same path,
+// With many samples per slot there are two sets of slots, one for the even
+// and one for the odd samples of a block. Neighbouring voxels often fall into
+// one slot (a background of zeros on both sides, a smooth region); with one
+// set each addition would wait for the one before it to be stored. With few
+// samples (a coarse level, many bins) one set is used: zeroing and folding
+// the second would cost more than it saves. Every sample takes the same path,
 // whole weights included, so the loop has no branch to mispredict.
-// fold() adds the odd set to the even one and spreads the slots over the
-// bins.
+// foldRow() spreads the slots over one row of bins.
 //
 // A bin's weight thus comes in up to eight partial sums: it equals the
 // sample-by-sample sum up to rounding only.
@@ -21,17 +22,22 @@
 
 class RegUniformJointHistogram {
 public:
-  // 2 * slotCount(nRef, nMod) doubles, zeroed by the caller: the even set,
-  // then the odd one. Not owned.
+  // slotCount(nRef, nMod) doubles for each set, zeroed by the caller: the
+  // even set, then the odd one. Not owned.
   double* slots;
+  // The odd set; `slots` where there is one set.
   double* odd;
   // nMod - 1: slots per reference bin.
   size_t stride;
 
   static size_t slotCount(int nRef, int nMod) { return 4 * size_t(nRef - 1) * size_t(nMod - 1); }
+  // Whether a walk of about `samples` samples a thread takes two sets.
+  static bool twoSets(double samples, int nRef, int nMod) {
+    return samples >= 8.0 * (double)slotCount(nRef, nMod);
+  }
 
-  RegUniformJointHistogram(double* slots, int nRef, int nMod)
-      : slots(slots), odd(slots + slotCount(nRef, nMod)), stride((size_t)nMod - 1) {}
+  RegUniformJointHistogram(double* slots, int nRef, int nMod, bool two)
+      : slots(slots), odd(two ? slots + slotCount(nRef, nMod) : slots), stride((size_t)nMod - 1) {}
 
   // Adds n sample pairs: bins i[m], j[m] and the weight pairs a[2m], a[2m + 1]
   // and b[2m], b[2m + 1] of each bin and the next (RegMutualInformation::binOf).
@@ -53,22 +59,21 @@ public:
     }
   }
 
-  // Adds the slots to the bins of `hist` (nRef x nMod, reference bin slowest).
-  // The odd set is added to the even one on the way.
-  void fold(int nRef, double* hist) {
+  // Adds what the slots hold for reference bin i to `row`, that bin's row of
+  // nMod bins: the second half of the slots of row i - 1, then the first half
+  // of those of row i.
+  void foldRow(int i, int nRef, double* row) const {
     const int nMod = (int)stride + 1;
-    const size_t count = slotCount(nRef, nMod);
-    for (size_t s = 0; s < count; s++)
-      slots[s] += odd[s];
-    for (int i = 0; i + 1 < nRef; i++) {
-      double* row = hist + (size_t)i * nMod;
-      double* next = row + nMod;
-      const double* q = slots + 4 * (size_t)i * stride;
-      for (int j = 0; j + 1 < nMod; j++, q += 4) {
-        row[j] += q[0];
-        row[j + 1] += q[1];
-        next[j] += q[2];
-        next[j + 1] += q[3];
+    const bool two = odd != slots;
+    for (int part = 1; part >= 0; part--) {
+      const int r = i - part;
+      if (r < 0 || r + 1 >= nRef)
+        continue;
+      const double* q = slots + 4 * (size_t)r * stride + 2 * part;
+      const double* p = odd + 4 * (size_t)r * stride + 2 * part;
+      for (int j = 0; j + 1 < nMod; j++, q += 4, p += 4) {
+        row[j] += two ? q[0] + p[0] : q[0];
+        row[j + 1] += two ? q[1] + p[1] : q[1];
       }
     }
   }

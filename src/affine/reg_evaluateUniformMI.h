@@ -43,8 +43,9 @@ inline void reg_evaluateUniformBins(const double* values, int n, double min, dou
 // the threads round-robin. One histogram per thread is made ready before the
 // parallel region (numThreads of them, which is why the region may not run
 // more threads) and zeroed by its thread; the counts are merged in a guarded
-// section at each thread's end, and the histograms are added to the metric's
-// afterwards in rising thread order. The runtime's thread count is restored.
+// section at each thread's end. The histograms are added to the metric's
+// entry by entry in rising thread order, the rows of bins shared out among
+// the threads. The runtime's thread count is restored.
 // The histogram entries agree with a sample-by-sample increment() to
 // rounding (see RegUniformJointHistogram), about 1e-15 of their size.
 template <class RefT, class ModelT>
@@ -68,6 +69,8 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
     histograms.resize((int)numThreads);
   for (int t = 0; t < (int)numThreads; t++)
     histograms[t].resize(int(2 * slotCount));
+  const bool two = RegUniformJointHistogram::twoSets(
+      (double)refDims.x * refDims.y * refDims.z / numThreads, nRef, nMod);
   int64_t sharedInside = 0, sharedTotal = 0;
   // The runtime may start fewer threads than asked for; the histograms of
   // threads that did not run were not zeroed and are not merged.
@@ -91,8 +94,8 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
 #pragma omp parallel
   {
     double* mine = histograms[omp_get_thread_num()].data();
-    RegUniformJointHistogram hist(mine, nRef, nMod);
-    std::fill(mine, mine + 2 * slotCount, 0.0);
+    RegUniformJointHistogram hist(mine, nRef, nMod, two);
+    std::fill(mine, mine + (two ? 2 : 1) * slotCount, 0.0);
 #pragma omp master
     team = omp_get_num_threads();
     int64_t inside = 0, total = 0;
@@ -126,11 +129,18 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
       sharedInside += inside;
       sharedTotal += total;
     }
+    // The rows of bins are shared out; each adds the threads' slots in rising
+    // thread order, so the sums do not depend on which thread folds a row.
+    // The loop above ended in a barrier: every thread's slots are complete.
+    double* bins = metric->histogram.data();
+#pragma omp for schedule(static)
+    for (int i = 0; i < nRef; i++)
+      for (int t = 0; t < team && t < (int)numThreads; t++)
+        RegUniformJointHistogram(histograms[t].data(), nRef, nMod, two)
+            .foldRow(i, nRef, bins + (size_t)i * nMod);
   }
   omp_set_num_threads(savedThreads);
 
   metric->numInside += sharedInside;
   metric->numTotal += sharedTotal;
-  for (int t = 0; t < team && t < (int)numThreads; t++)
-    RegUniformJointHistogram(histograms[t].data(), nRef, nMod).fold(nRef, metric->histogram.data());
 }
