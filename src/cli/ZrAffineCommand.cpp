@@ -151,21 +151,6 @@ void ZrAffineCommand::applyDefaults(ZrCompModule* module, bool quiet, int dof) {
   module->untouchPorts(true);
 }
 
-void ZrAffineCommand::waitPassively(char** argv) {
-  // Threads that spin while they wait for the rest of their team burn a
-  // core that a busy machine's other programs need, and on such a machine
-  // the team often waits for a thread that has no core: on a 2-core machine
-  // under a load of 6, a 2-thread run took 2.3 to 2.8 s of CPU where
-  // sleeping waits took 1.7 s (the time of one thread) and less wall time.
-  // On an idle machine a sleeping wait costs a wake-up of some
-  // microseconds per parallel pass, against milliseconds of work in each.
-  if (std::getenv("OMP_WAIT_POLICY") || std::getenv("GOMP_SPINCOUNT"))
-    return;
-  if (setenv("OMP_WAIT_POLICY", "passive", 1) != 0)
-    return;
-  execv("/proc/self/exe", argv);
-}
-
 void ZrAffineCommand::printHelp() {
   std::printf("usage: zrreg affine --reference R --model M [-o OUT] [outputs] [options]\n"
               "\n"

@@ -30,12 +30,6 @@ public:
   // (the result reached so far is written).
   static int run(int argc, char** argv);
   static void printHelp();
-  // Starts the program again (same arguments, argv[0] the program's) with
-  // the OpenMP runtime's threads sleeping while they wait, unless the user
-  // chose a waiting policy. The runtime reads its settings when it is
-  // loaded, before main() runs, so only a new start changes them. Returns
-  // where the new start fails; the run then goes on as it is.
-  static void waitPassively(char** argv);
   // The settings the command gives a connected and updated module before the
   // user's --set: the stages up to `dof`, the final step and, from the
   // inputs, the levels to optimise, the histogram bins and, for two label

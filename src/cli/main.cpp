@@ -1,4 +1,4 @@
-// zrreg: the command-line host of the registration package.
+// zrreg: the command-line host of the registration package, its commands.
 #include "QbMemoryException.h"
 #include "QbTypeInfo.h"
 #include "ZrAffineCommand.h"
@@ -198,10 +198,8 @@ static int dispatch(int argc, char** argv) {
     return cmdFormats(argc - 1, argv + 1);
   if (cmd == "demo")
     return ZrDemo::run(argc - 1, argv + 1);
-  if (cmd == "affine") {
-    ZrAffineCommand::waitPassively(argv);
+  if (cmd == "affine")
     return ZrAffineCommand::run(argc - 1, argv + 1);
-  }
   if (cmd == "elastic")
     return ZrElasticCommands::runElastic(argc - 1, argv + 1);
   if (cmd == "apply")
@@ -223,10 +221,11 @@ static int dispatch(int argc, char** argv) {
   return 2;
 }
 
-// The package lets its memory exception pass; it ends the command here with a
-// message instead of an abort. Outputs are only renamed into place once
-// complete, so nothing half-written is left behind.
-int main(int argc, char** argv) {
+// The program proper, which the zrreg executable loads and calls (see
+// launch.cpp). The package lets its memory exception pass; it ends the command
+// here with a message instead of an abort. Outputs are only renamed into
+// place once complete, so nothing half-written is left behind.
+extern "C" __attribute__((visibility("default"))) int zrreg_main(int argc, char** argv) {
   try {
     return dispatch(argc, argv);
   } catch (const QbMemoryException& e) {

@@ -371,7 +371,7 @@ TEST_F(ZrFaults, ZrregWriteFaultsEndWithAMessageAndNoFile) {
     GTEST_SKIP() << "no setpriv to run zrreg as an unprivileged user";
   const std::string from = zrreg().substr(0, zrreg().rfind('/')), bin = dir + "/bin";
   ASSERT_EQ(mkdir(bin.c_str(), 0755), 0);
-  for (const char* name : {"zrreg", "libzrhost.so", "libzrregistration.so"}) {
+  for (const char* name : {"zrreg", "libzrcli.so", "libzrhost.so", "libzrregistration.so"}) {
     const std::string copy = "cp '" + from + "/" + name + "' '" + bin + "/' && chmod 0755 '" + bin;
     if (access((from + "/" + name).c_str(), R_OK) == 0) {
       ASSERT_EQ(shell(copy + "/" + name + "'").status, 0) << name;
