@@ -247,15 +247,42 @@ ZR_TARGET_AVX2 inline void reg_evaluateUniformBinAvx2(__m256d value, __m256d min
 
 // Bins and weight pairs of values[0 .. n), four at a time; the last n % 4 are
 // left to `scalar(m)`.
+//
+// Where no value lies below the range (or is NaN), as the samples of a model
+// whose range the histogram spans always do, only the top needs a clamp: a
+// block first checks that, and then takes the short form, whose results are
+// those of the full one.
 template <class Scalar>
 ZR_TARGET_AVX2 void reg_evaluateUniformBinBlockAvx2(const double* values, int n, double min,
                                                     double scale, int bins, int* bin, double* w,
                                                     Scalar&& scalar) {
   const __m256d vmin = _mm256_set1_pd(min), vscale = _mm256_set1_pd(scale);
-  int m = 0;
-  for (; m + 4 <= n; m += 4)
-    reg_evaluateUniformBinAvx2(_mm256_loadu_pd(values + m), vmin, vscale, bins, bin + m, w + 2 * m);
-  for (; m < n; m++)
+  const int whole = n - n % 4;
+  __m256d above = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
+  for (int m = 0; m < whole; m += 4)
+    above = _mm256_and_pd(above, _mm256_cmp_pd(_mm256_loadu_pd(values + m), vmin, _CMP_GE_OQ));
+  if (_mm256_movemask_pd(above) == 0xf && scale >= 0.0) {
+    // t at or above bins - 1 ends in bin bins - 2 with all its weight on the
+    // next bin, as binOf() puts it.
+    const __m256d top = _mm256_set1_pd((double)(bins - 1)), one = _mm256_set1_pd(1.0);
+    const __m128i last = _mm_set1_epi32(bins - 2);
+    for (int m = 0; m < whole; m += 4) {
+      const __m256d t = _mm256_min_pd(
+          _mm256_mul_pd(_mm256_sub_pd(_mm256_loadu_pd(values + m), vmin), vscale), top);
+      const __m128i i = _mm_min_epi32(_mm256_cvttpd_epi32(t), last);
+      const __m256d f = _mm256_sub_pd(t, _mm256_cvtepi32_pd(i));
+      const __m256d w0 = _mm256_sub_pd(one, f);
+      _mm_storeu_si128((__m128i*)(bin + m), i);
+      const __m256d lo = _mm256_unpacklo_pd(w0, f), hi = _mm256_unpackhi_pd(w0, f);
+      _mm256_storeu_pd(w + 2 * m, _mm256_permute2f128_pd(lo, hi, 0x20));
+      _mm256_storeu_pd(w + 2 * m + 4, _mm256_permute2f128_pd(lo, hi, 0x31));
+    }
+  } else {
+    for (int m = 0; m < whole; m += 4)
+      reg_evaluateUniformBinAvx2(_mm256_loadu_pd(values + m), vmin, vscale, bins, bin + m,
+                                 w + 2 * m);
+  }
+  for (int m = whole; m < n; m++)
     scalar(m);
 }
 

@@ -350,9 +350,10 @@ TEST(RegAffineFunctionalUniform, SimdAndScalarFormsAgreeBitForBit) {
   // A reference that sticks out of the model on every side, turned a little:
   // rows enter and leave at odd voxels, run longer than one block, and pass
   // the model's top border on every axis, where the samples of a last,
-  // partial group of four and the clamp to the lattice come in. The AVX2
-  // forms do the same operations in the same order, so every value and
-  // count must be equal to the last bit.
+  // partial group of four and the clamp to the lattice come in; and bins
+  // that leave samples out at both ends. The AVX2 forms do the same
+  // operations in the same order, so every value and count must be equal to
+  // the last bit.
   const int refDims[3] = {70, 9, 8};
   const float refBox[6] = {-1.3f, -1.3f + 69 * 0.3f, -0.8f, -0.8f + 8 * 2.4f,
                            -0.6f, -0.6f + 7 * 2.3f};
@@ -360,17 +361,22 @@ TEST(RegAffineFunctionalUniform, SimdAndScalarFormsAgreeBitForBit) {
     for (int mt : kTypes) {
       Pair s(makeField(rt, refDims, refBox), makeField(mt, kModelDims, kModelBox));
       s.setSmallAffine();
-      for (MetricKind kind : {MSD, NMI, CORR}) {
+      // The last: bins over part of the values, samples below and above them.
+      for (int kind : {int(MSD), int(NMI), int(CORR), -1}) {
         double value[2];
         int64_t inside[2];
         for (bool simd : {false, true}) {
           SimdSetting setting(simd);
-          auto f = s.uniform(s.newMetric(kind), 2);
+          RegMetric* metric = kind >= 0
+                                  ? s.newMetric(MetricKind(kind))
+                                  : new RegNormMutualInformation((QbPrimType)rt, (QbPrimType)mt, 70,
+                                                                 150, 70, 150, 32, 32, 1.0);
+          auto f = s.uniform(metric, 2);
           value[simd] = f->evaluate();
           inside[simd] = f->metric->numInside;
         }
-        const std::string what =
-            std::string(kMetricName[kind]) + " " + qbPrimTypeName(rt) + "/" + qbPrimTypeName(mt);
+        const std::string what = std::string(kind >= 0 ? kMetricName[kind] : "NMI narrow") + " " +
+                                 qbPrimTypeName(rt) + "/" + qbPrimTypeName(mt);
         EXPECT_EQ(value[1], value[0]) << what;
         EXPECT_EQ(inside[1], inside[0]) << what;
         EXPECT_GT(inside[0], 70 * 9 * 8 / 2) << what;
