@@ -29,6 +29,7 @@
 #include <memory>
 #include <sstream>
 #include <sys/stat.h>
+#include <type_traits>
 #include <unistd.h>
 #include <vector>
 
@@ -492,9 +493,9 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
     std::memcpy(d, s, numVoxels * elem);
   } else {
     // A copy of a size known when compiled is one move rather than a call
-    // (a 7 MB atlas: 18 ms against a few).
-    auto reorder = [&](auto tag) {
-      constexpr size_t size = sizeof(tag);
+    // (a 7 MB atlas: 18 ms against a few); `size` is a compile-time constant
+    // for the usual widths and the element size otherwise.
+    auto reorder = [&](auto size) {
       size_t out = 0;
       for (int k = 0; k < newDims[2]; k++)
         for (int jj = 0; jj < newDims[1]; jj++) {
@@ -504,22 +505,15 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
         }
     };
     if (elem == 1)
-      reorder(uint8_t());
+      reorder(std::integral_constant<size_t, 1>());
     else if (elem == 2)
-      reorder(uint16_t());
+      reorder(std::integral_constant<size_t, 2>());
     else if (elem == 4)
-      reorder(uint32_t());
+      reorder(std::integral_constant<size_t, 4>());
     else if (elem == 8)
-      reorder(uint64_t());
-    else {
-      size_t out = 0;
-      for (int k = 0; k < newDims[2]; k++)
-        for (int jj = 0; jj < newDims[1]; jj++) {
-          ptrdiff_t idx = ptrdiff_t(base) + k * step[2] + jj * step[1];
-          for (int i = 0; i < newDims[0]; i++, out++, idx += step[0])
-            std::memcpy(d + out * elem, s + size_t(idx) * elem, elem);
-        }
-    }
+      reorder(std::integral_constant<size_t, 8>());
+    else
+      reorder(elem);
   }
   qbfree(converted);
   buffer.reset();
