@@ -1,10 +1,11 @@
 #pragma once
 // AVX2 forms of the block loops of the uniform walk: the trilinear samples of
 // four voxels at a time, and for mutual information the bins and weights of
-// four sample pairs at a time. They carry out the same operations in the same
+// four sample pairs at a time. They carry out the same arithmetic in the same
 // order as the scalar forms in reg_evaluateUniformRow.h and
-// RegMutualInformation::binOf (no fused multiply-add), so their results are
-// equal to the last bit; only the work per instruction differs.
+// RegMutualInformation::binOf (no fused multiply-add), leaving out only clamps
+// that cannot change a result, so their results are equal to the last bit;
+// only the work per instruction differs.
 //
 // The forms are compiled for AVX2 by a function attribute and chosen at run
 // time, so the build needs no machine-specific flags and runs anywhere.
