@@ -44,7 +44,11 @@ int main(int argc, char** argv) {
   if (argc > 1 && !std::strcmp(argv[1], "affine") && !std::getenv("OMP_WAIT_POLICY") &&
       !std::getenv("GOMP_SPINCOUNT"))
     setenv("OMP_WAIT_POLICY", "passive", 1);
-  const std::string path = ownFolder() + ZR_CLI_FILE;
+  // Beside this executable, or else wherever the loader finds libraries (a
+  // zrreg copied away from its build).
+  std::string path = ownFolder() + ZR_CLI_FILE;
+  if (access(path.c_str(), R_OK) != 0)
+    path = ZR_CLI_FILE;
   void* program = dlopen(path.c_str(), RTLD_LAZY | RTLD_GLOBAL);
   if (!program) {
     const char* e = dlerror();
