@@ -25,6 +25,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <limits>
 #include <memory>
 #include <sstream>
@@ -232,6 +233,30 @@ bool endsWith(const std::string& s, const char* suffix) {
 
 void removeQuietly(const std::string& path) { std::remove(path.c_str()); }
 
+// How many voxel bytes a byte of an attached NRRD file can hold at most, from
+// its header (which ends at the first empty line): 1 for raw, hex and text
+// data, 1032 for gzip, as deflate packs no more; 0 (unknown) for bzip2 and
+// for voxels in a separate data file.
+double nrrdBytesPerFileByte(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::string line, encoding;
+  for (int n = 0; n < 1000 && std::getline(in, line) && !line.empty() && line != "\r"; n++) {
+    std::string l = lowerName(line);
+    if (l.rfind("data file:", 0) == 0 || l.rfind("datafile:", 0) == 0)
+      return 0.0;
+    if (l.rfind("encoding:", 0) == 0)
+      encoding = l.substr(9);
+  }
+  encoding.erase(0, encoding.find_first_not_of(" \t"));
+  encoding.erase(encoding.find_last_not_of(" \t\r") + 1);
+  if (encoding == "raw" || encoding == "hex" || encoding == "txt" || encoding == "text" ||
+      encoding == "ascii")
+    return 1.0;
+  if (encoding == "gzip" || encoding == "gz")
+    return 1032.0;
+  return 0.0;
+}
+
 } // namespace
 
 ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& options,
@@ -348,14 +373,16 @@ ZrRegScalarField3* ZrImageIO::read(const std::string& path, const ReadOptions& o
   }
   // A header can claim more voxels than its file holds, and some of ITK's
   // readers then return the missing part as it happens to be instead of
-  // failing. Where the voxels are in the file itself, a file too short for
-  // them is refused: uncompressed NIfTI and VTK hold them byte for byte, and
-  // deflate (.nii.gz, compressed MetaImage) packs at most 1032 bytes into one.
+  // failing, or first ask for the memory of an absurd claim. Where the voxels
+  // are in the file itself, a file too short for them is refused:
+  // uncompressed NIfTI and VTK hold them byte for byte, and deflate (.nii.gz,
+  // compressed MetaImage, gzip NRRD) packs at most 1032 bytes into one.
   {
     std::string l = lowerName(path);
     struct stat st;
     double factor = endsWith(l, ".nii") || endsWith(l, ".vtk")      ? 1.0
                     : endsWith(l, ".nii.gz") || endsWith(l, ".mha") ? 1032.0
+                    : endsWith(l, ".nrrd")                          ? nrrdBytesPerFileByte(path)
                                                                     : 0.0;
     double claimed = double(numVoxels) * compSize * components;
     // A single-file NIfTI has at least 352 bytes before its voxels.

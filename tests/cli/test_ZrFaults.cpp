@@ -284,6 +284,26 @@ TEST_F(ZrFaults, AHeaderClaimingTerabytesIsRefused) {
   EXPECT_TRUE(contains(error, "is truncated or its header is wrong")) << error;
   EXPECT_TRUE(contains(error, "32767x32767x1000")) << error;
   EXPECT_TRUE(contains(error, "liar.nii")) << error;
+
+  // NRRD files of raw and of gzip data that claim 20 GB, and one that keeps
+  // its voxels in another file: that one is left to the reader, which fails
+  // on the missing file.
+  const struct {
+    const char* encoding;
+    const char* more;
+    bool refused;
+  } nrrd[] = {{"raw", "", true}, {"gzip", "", true}, {"raw", "data file: gone.raw\n", false}};
+  for (const auto& c : nrrd) {
+    path = dir + "/liar.nrrd";
+    std::ofstream(path, std::ios::binary)
+        << "NRRD0004\ntype: uint8\ndimension: 3\nsizes: 4 3 1754846549\nencoding: " << c.encoding
+        << "\n"
+        << c.more << "\n0123456789";
+    f.reset(ZrImageIO::read(path, {}, nullptr, error));
+    EXPECT_FALSE(f) << c.encoding << c.more;
+    EXPECT_EQ(contains(error, "is truncated or its header is wrong"), c.refused)
+        << c.encoding << c.more << ": " << error;
+  }
 }
 
 // Orientations ITK's NIfTI reader cannot take (it aborts the process while
