@@ -766,6 +766,39 @@ ZrRegScalarField3* ZrResample::resampleGrey(ZrRegScalarField3* field, const int 
   return resampleGreyImpl(field, dims, filter, false);
 }
 
+ZrRegScalarField3* ZrResample::subsample(ZrRegScalarField3* field, const int steps[3]) {
+  if (!validInput(field) || field->lattice.coords()->coordType() != ZR_COORD_UNIFORM)
+    return nullptr;
+  const int* dIn = field->getDims();
+  float box[6];
+  field->lattice.coords()->getBoundingBox(box);
+  int step[3], dOut[3];
+  for (int a = 0; a < 3; a++) {
+    step[a] = std::max(1, steps[a]);
+    dOut[a] = (dIn[a] - 1) / step[a] + 1;
+    if (dIn[a] > 1)
+      box[2 * a + 1] = box[2 * a] + (box[2 * a + 1] - box[2 * a]) *
+                                        float(double((dOut[a] - 1) * step[a]) / (dIn[a] - 1));
+  }
+  ZrRegScalarField3* result = isLabelField(field)
+                                  ? new ZrUniformLabelField3(dOut, field->primType(), box)
+                                  : new ZrUniformScalarField3(dOut, field->primType(), box);
+  result->copyTransform(*field);
+  qbDispatchVoxelType(field->primType(), [&](auto t) {
+    using T = decltype(t);
+    const T* in = static_cast<const T*>(field->lattice.dataPtr());
+    T* out = static_cast<T*>(result->lattice.dataPtr());
+    for (int k = 0; k < dOut[2]; k++)
+      for (int j = 0; j < dOut[1]; j++) {
+        const T* row = in + (size_t(k) * step[2] * dIn[1] + size_t(j) * step[1]) * dIn[0];
+        T* o = out + (size_t(k) * dOut[1] + j) * dOut[0];
+        for (int i = 0; i < dOut[0]; i++)
+          o[i] = row[size_t(i) * step[0]];
+      }
+  });
+  return result;
+}
+
 ZrRegScalarField3* ZrResample::resampleLabelsNearest(ZrRegScalarField3* field, const int dims[3]) {
   if (!validInput(field) || dims[0] < 1 || dims[1] < 1 || dims[2] < 1)
     return nullptr;

@@ -52,6 +52,10 @@ public:
   //
   // Grey resampling to dims (each at least 1) with one of the filters.
   static ZrRegScalarField3* resampleGrey(ZrRegScalarField3* field, const int dims[3], int filter);
+  // Every step[a]-th node of a uniform field along axis a from the first
+  // (steps below 1 count as 1), values and type as they are; the box ends at
+  // the last node kept. Null for other coordinates.
+  static ZrRegScalarField3* subsample(ZrRegScalarField3* field, const int steps[3]);
   // Label reduction by integer factors (values below 1 count as 1); the
   // result has ceil(n / factor) nodes per axis.
   static ZrRegScalarField3* reduceLabels(ZrRegScalarField3* field, const int factors[3]);

@@ -2,6 +2,7 @@
 // anti-aliasing, enlargement), label reduction (known majorities, no invented
 // labels), and stacked and curvilinear coordinates.
 #include "QbPrimType.h"
+#include "SbMatrixd.h"
 #include "ZrResample.h"
 #include "ZrUniformLabelField3.h"
 
@@ -144,6 +145,45 @@ TEST(ZrResampleGrey, LanczosRemovesWhatTheCoarseGridCannotCarry) {
     float p[3];
     ow->lattice.coords()->pos(i, 0, 0, p);
     EXPECT_NEAR(ow->getValue(i, 0, 0), w(p[0], 0, 0), 3.0);
+  }
+}
+
+TEST(ZrResampleGrey, SubsamplingKeepsEveryNthNode) {
+  // Node (i, j, k) of the result is node (i, j, k) * steps of the input, at
+  // the same place: the box ends at the last node kept (an odd count of
+  // intervals drops the last input node), the type, the transform and a
+  // label interface stay.
+  const int dims[3] = {9, 8, 1};
+  const float box[6] = {-2, 6, 1, 15, 3, 3};
+  for (bool labels : {false, true}) {
+    std::unique_ptr<ZrUniformScalarField3> in(labels
+                                                  ? new ZrUniformLabelField3(dims, QB_UINT8, box)
+                                                  : new ZrUniformScalarField3(dims, QB_INT16, box));
+    for (size_t n = 0; n < size_t(9 * 8); n++)
+      in->lattice.setValue(n, double(n % 97));
+    SbMatrixd placed;
+    placed.setTranslate(SbVec3d(5, -3, 2));
+    in->setTransform(placed);
+    const int steps[3] = {2, 3, 0};
+    FieldPtr out(ZrResample::subsample(in.get(), steps));
+    ASSERT_NE(out, nullptr);
+    const int* d = out->getDims();
+    EXPECT_EQ(d[0], 5);
+    EXPECT_EQ(d[1], 3);
+    EXPECT_EQ(d[2], 1);
+    EXPECT_EQ(out->primType(), in->primType());
+    EXPECT_EQ(ZrResample::isLabelField(out.get()), labels);
+    float ob[6];
+    out->getBoundingBox(ob);
+    const float expected[6] = {-2, 6, 1, 13, 3, 3};
+    for (int e = 0; e < 6; e++)
+      EXPECT_FLOAT_EQ(ob[e], expected[e]) << e;
+    SbMatrixd m;
+    out->getTransform(m);
+    EXPECT_EQ(m, placed);
+    for (int j = 0; j < 3; j++)
+      for (int i = 0; i < 5; i++)
+        EXPECT_EQ(out->getValue(i, j, 0), in->getValue(2 * i, 3 * j, 0)) << i << ", " << j;
   }
 }
 
