@@ -169,7 +169,8 @@ QbInterfaceOwner* ZrAffineRegistration::createInstance() { return new ZrAffineRe
 ZrAffineRegistration::ZrAffineRegistration()
     : portReference2(this, "reference2", ZrRegScalarField3::getClassTypeId()),
       portReference3(this, "reference3", ZrRegScalarField3::getClassTypeId()),
-      portTransform(this, "transform", 4), portRegister(this, "register", 2) {
+      portTransform(this, "transform", 4), portRegister(this, "register", 2),
+      portRefineFinest(this, "refineFinest", 1) {
   portAction.setLabel("Action:");
   portAction.setLabel(0, "Align centers");
   portAction.setLabel(1, "Align principal axes");
@@ -187,6 +188,10 @@ ZrAffineRegistration::ZrAffineRegistration()
   portTransform.setValue(1, 0);
   portTransform.setValue(2, 0);
   portTransform.setValue(3, 0);
+
+  portRefineFinest.setLabel(0, "Refine on sparse finest resolution");
+  portRefineFinest.setValue(0, 0);
+  portRefineFinest.hide();
 
   movePort(&portExtendedOptions, 990);
   movePort(&portAction, 1000);
@@ -610,6 +615,9 @@ RegFunctional* ZrAffineRegistration::createFunctional(FieldArray& referenceLevel
     return nullptr;
   }
 
+  if (uniform && index < 4 && refining)
+    return new RegAffineFunctionalUniform(referenceLevel, modelLevel, interpolator, transform,
+                                          metric, this, dimensionMode, (unsigned int)numThreads);
   if (uniform && index < 4) {
     FieldArray offGrid;
     const bool planarFinest = offGridReference(referenceLevel, offGrid);
@@ -804,14 +812,72 @@ bool ZrAffineRegistration::offGridReference(const FieldArray& referenceLevel, Fi
   });
 }
 
+bool ZrAffineRegistration::refinesFinest() {
+  // On label images the refinement took a cortical atlas from 0.004 to
+  // 0.35 mm off: a label interpolated between two nodes is no label.
+  auto grey = [](ZrRegScalarField3* f) { return !ZrResample::isLabelField(f); };
+  return ignoreFinest && portRefineFinest.getValue(0) && references.size() > 0 &&
+         models.size() > 0 && allUniform(references, grey) && allUniform(models, grey);
+}
+
+RegFunctional* ZrAffineRegistration::finestRefinement(RegFunctional* finest) {
+  // The levels above the finest leave a head a few hundredths of a
+  // millimetre off, where the finest level would take it closer at eight
+  // times their cost for every evaluation. Every second node of the
+  // reference along each axis, as it is, keeps most of what the finest level
+  // adds for an eighth of the cost: on nine heads at 1 mm moved by small
+  // motions, scales and rotations the last stage run on it ended 0.001 to
+  // 0.020 mm off instead of 0.004 to 0.030, and a 0.5 mm head onto a 1 mm
+  // one 0.015 instead of 0.038, for a tenth to a quarter more time. Nodes
+  // interpolated on a grid of not quite twice the spacing ended farther off
+  // on six of the nine (up to 0.025), and so did a model brought to the
+  // reference's voxel size (the 0.5 mm head 0.035).
+  //
+  // The level above runs its last stage only: the level above it ran them
+  // all, and the refinement follows (on the heads a sixth less time, the
+  // error as close).
+  if (!finest || finest->references.size() == 0 || finest->models.size() == 0)
+    return nullptr;
+  if (!refinesFinest())
+    return nullptr;
+  FieldArray sparse;
+  if (!poolEach(finest->references, sparse, [&](int, ZrRegScalarField3* field) {
+        const int steps[3] = {2, 2, 2};
+        return ZrResample::subsample(field, steps);
+      }))
+    return nullptr;
+  FieldArray models = finest->models;
+  refining = true;
+  RegFunctional* functional = createFunctional(sparse, models, -1, -1);
+  if (!functional) {
+    ZrObjectPool* pool = ZrObjectPool::getTheObjectPool();
+    for (ZrSpatialData* f : sparse)
+      pool->removeObject(f);
+    refining = false;
+  }
+  return functional;
+}
+
 void ZrAffineRegistration::enterResolution(int level, int numLevels, RegFunctional* functional) {
+  // With the finest level refined, the refinement runs the last stage only,
+  // and so does the level above it where a level above that ran them all
+  // (see finestRefinement); the progress counts the stages run.
+  const bool refines = numLevels > 1 && refinesFinest();
+  const int stages = dofList ? dofList->size() - 1 : 1;
+  auto stagesOf = [&](int l) {
+    return refines && (l == numLevels - 1 || (l == numLevels - 2 && l > 0)) ? 1 : stages;
+  };
   if (dofList && dofIndex < dofList->size() && (*dofList)[dofIndex] < 0)
-    dofIndex = 0;
+    dofIndex = stagesOf(level) < stages ? std::max(0, dofList->size() - 2) : 0;
   if (!optimizer)
     return;
-  const int stages = dofList ? dofList->size() - 1 : 1;
-  const int levels = (ignoreFinest == 1 && numLevels > 1) ? numLevels - 1 : numLevels;
-  optimizer->setProgressLevel(level, levels, level * stages, levels * stages);
+  const int levels = ignoreFinest == 1 && numLevels > 1 && !refines ? numLevels - 1 : numLevels;
+  int before = 0, total = 0;
+  for (int l = 0; l < levels; l++) {
+    before += l < level ? stagesOf(l) : 0;
+    total += stagesOf(l);
+  }
+  optimizer->setProgressLevel(level, levels, before, total);
 }
 
 void ZrAffineRegistration::doResolution(int level, int numLevels, RegFunctional* functional,
@@ -848,6 +914,7 @@ int ZrAffineRegistration::doneResolution(int level, int numLevels) {
 }
 
 void ZrAffineRegistration::doneRegistration() {
+  refining = false;
   applyTransform(nullptr);
   delete dofList;
   dofList = nullptr;

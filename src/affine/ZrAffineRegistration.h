@@ -40,6 +40,10 @@ public:
   // "2D", "3D": a 3-D pair may be registered in the plane of its thinnest
   // reference axis.
   ZrPortRadioBox portRegister;
+  // "Refine on sparse finest resolution": with "Ignore finest resolution",
+  // the last stage runs once more on the finest level taken at every second
+  // node (see finestRefinement). Off, and hidden.
+  ZrPortToggleList portRefineFinest;
 
   // --- Run-time fields ---------------------------------------------------------
   // Degrees of freedom of the stages, closed by -1. Owned; exists only during
@@ -47,6 +51,9 @@ public:
   QbDArray<int>* dofList = nullptr;
   // The present stage in dofList.
   int dofIndex = 0;
+  // True while the finest level is refined: its functional keeps the grids
+  // it was given, and only the last stage runs.
+  bool refining = false;
   // Asked on every check for interruption; null when no program drives the
   // module from outside.
   ProgressCallback progressCallback = nullptr;
@@ -58,6 +65,7 @@ public:
   void compute() override;
   RegFunctional* createFunctional(FieldArray& references, FieldArray& models, int, int) override;
   void createTransform() override;
+  RegFunctional* finestRefinement(RegFunctional* finest) override;
   int initRegistration() override;
   void enterResolution(int level, int numLevels, RegFunctional* functional) override;
   void doResolution(int level, int numLevels, RegFunctional* functional, double startStep,
@@ -112,6 +120,10 @@ private:
   // level's own reduced copies being removed from it. False, and `offGrid`
   // empty, where the level keeps its grid.
   bool offGridStart(FieldArray& referenceLevel, ZrRegScalarField3* model, FieldArray& offGrid);
+  // True where a run refines its result on the finest level (see
+  // finestRefinement): the port is on, the finest level is left out, and the
+  // inputs are uniform grey-value fields.
+  bool refinesFinest();
   // gridsCoincide() for the first reference and the model.
   bool inputGridsCoincide();
   static constexpr double kStartGridFactor = 0.9;

@@ -255,21 +255,28 @@ void ZrVoxelRegistration::doRegistration() {
     if (!currentFunctional)
       break;
 
-    // The finest level is never optimised with "Ignore finest resolution".
+    // The finest level is never optimised with "Ignore finest resolution";
+    // the module may refine the result on a cheaper form of it instead.
+    bool refining = false;
     if (ignoreFinest != 0 && level == numLevels - 1) {
+      RegFunctional* refinement = level > 0 ? finestRefinement(currentFunctional) : nullptr;
       releaseLevel(currentFunctional);
       delete currentFunctional;
-      currentFunctional = nullptr;
-      break;
+      currentFunctional = refinement;
+      if (!refinement)
+        break;
+      refining = true;
     }
 
     // The finest levels switch to the quasi-Newton optimizer, whatever the
-    // menu says, with a tolerance that grows tenfold towards the finest.
+    // menu says, with a tolerance that grows tenfold towards the finest; a
+    // refinement keeps the tolerance of the level before it.
     const int finestLevels = (int)portNLevelsGradient.getValue(0);
     if (!(numLevels - ignoreFinest - finestLevels > level) && level > 0) {
       delete optimizer;
       const double tolerance = (double)portNLevelsGradient.getValue(1);
-      optimizer = createOptimizer(2, tolerance * std::pow(10.0, gradientLevel));
+      const int decades = refining ? std::max(0, gradientLevel - 1) : gradientLevel;
+      optimizer = createOptimizer(2, tolerance * std::pow(10.0, decades));
       gradientLevel++;
       start = std::max(finalF, initialF * 0.0009765625f);
     }

@@ -137,6 +137,10 @@ public:
   virtual int doneResolution(int level, int numLevels);
   // Stops the watch, reports the time and frees the run's objects.
   virtual void doneRegistration();
+  // With the finest level left out: a functional on a cheaper form of that
+  // level (`finest`, which the caller then deletes) that refines the result
+  // of the levels above, or null to end there.
+  virtual RegFunctional* finestRefinement(RegFunctional* finest) { return nullptr; }
   // Rebuilds `references` from the port "reference".
   virtual void updateReference();
 
