@@ -352,6 +352,31 @@ def make_affine(root):
                "what": "1 mm T1 stored flipped in two axes, oblique header (12 degrees) and a shift"},
                ch2, moved_header(stored, t), truth=t)
 
+    # Held out, second set: cases added after the refinement of the finest
+    # level was chosen on the ones above. Two more small motions, another
+    # scale along rotated axes, and three atlases resampled (nearest label)
+    # onto their own grid.
+    for name, ang, sh in (("mri1mm-small-motion3", (-0.4, 0.6, 0.3), (-0.5, 0.2, 0.6)),
+                          ("mri1mm-small-motion4", (0.2, 0.8, -0.6), (0.8, -0.4, -0.3))):
+        t = motion(c, ang, sh)
+        inv = np.linalg.inv(t)
+        write_case(root, name, {"kind": "affine", "dof": 6,
+                   "what": "held-out: 1 mm T1 resampled onto its own grid through a motion of about 1 mm"},
+                   ch2, resampled(ch2, ch2, inv, 3), aal, resampled(aal, aal, inv, 0), truth=t)
+    t = motion(c, (-6, 5, 7), (4, -7, 5), (1.05, 0.96, 1.02))
+    inv = np.linalg.inv(t)
+    write_case(root, "mri1mm-anisotropic2", {"kind": "affine", "dof": 9,
+               "what": "held-out: 1 mm T1 resampled through another rotation, scale per axis and shift"},
+               ch2, resampled(ch2, ch2, inv, 3), aal, resampled(aal, aal, inv, 0), truth=t)
+    for name, atlas, ang, sh, sc in (
+            ("atlas-areas-affine2", ba, (-5, 3, 6), (-3, 5, -4), (0.96, 1.04, 0.98)),
+            ("atlas-aal-affine", aal, (4, -5, 3), (5, 2, -6), (1.04, 0.97, 1.03)),
+            ("atlas-cortex-affine", ho, (-4, -3, 5), (-2, 6, 3), (0.97, 1.03, 1.05))):
+        t = motion(c, ang, sh, sc)
+        write_case(root, name, {"kind": "affine", "dof": 12,
+                   "what": "held-out: label atlas resampled (nearest label) onto its own grid through a rotation, a scale per axis and a shift"},
+                   atlas, resampled(atlas, atlas, np.linalg.inv(t), 0), truth=t)
+
     # 2-D: an axial slice of the 1 mm and of the 0.5 mm scan (resampled to
     # 0.8 mm pixels), each moved in plane.
     for name, src, pix, ang, shift, scale, what in (
