@@ -16,7 +16,7 @@ public:
   static constexpr float kFinalStepDivisor = 8.0f;
   // The module's tolerance of the gradient search is multiplied by this for
   // grey images.
-  static constexpr float kGreyToleranceFactor = 0.1f;
+  static constexpr float kGreyToleranceFactor = 0.3f;
   // Limits of the histogram bins.
   static constexpr int kMinBins = 16, kMaxBins = 128;
 
