@@ -398,6 +398,18 @@ def make_affine(root):
         what = "held-out slice at %g mm pixels: %.2f degrees, shift (%.2f, %.2f) mm, scale %.3f" % (
             pix, ang, shift[0], shift[1], scale)
         write_slice_case(root, "slice-heldout%d" % n, what, src, pix, z, c, ang, shift, scale)
+    # Held out, second set: ten more, added after the refinement of the
+    # finest level (which slices do not use) and a look at their bins.
+    rng = np.random.default_rng(29)
+    for n in range(10):
+        src, pix = (ch2, 1.0) if n % 2 == 0 else (better, 0.8)
+        ang = float(rng.uniform(-10, 10)) if n % 3 else 0.0
+        shift = rng.uniform(-5, 5, 2)
+        scale = 1.0 if n % 4 < 2 else float(rng.uniform(0.95, 1.05))
+        z = float(c[2]) + float(rng.uniform(-25, 25))
+        what = "held-out slice at %g mm pixels: %.2f degrees, shift (%.2f, %.2f) mm, scale %.3f" % (
+            pix, ang, shift[0], shift[1], scale)
+        write_slice_case(root, "slice-heldout%d" % (8 + n), what, src, pix, z, c, ang, shift, scale)
 
 
 def write_slice_case(root, name, what, src, pix, z, c, ang, shift, scale):
