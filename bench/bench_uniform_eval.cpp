@@ -65,6 +65,21 @@ Data& data(int level = 1) {
   return two;
 }
 
+// data(level) with every voxel quantised to one of 16 labels.
+Data& labelData(int level = 1) {
+  auto quantise = [](Data& d) {
+    for (ZrUniformScalarField3* f : {d.reference.get(), d.model.get()}) {
+      uint8_t* v = static_cast<uint8_t*>(f->lattice.dataPtr());
+      for (size_t i = 0, n = f->lattice.numNodes(); i < n; i++)
+        v[i] = v[i] / 16;
+    }
+  };
+  static Data one(1), two(2);
+  static bool done = (quantise(one), quantise(two), true);
+  (void)done;
+  return level == 1 ? one : two;
+}
+
 double processCpuSeconds() {
   timespec t;
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
@@ -77,8 +92,8 @@ void setCounters(benchmark::State& state, double voxels, double cpu) {
   state.counters["voxels/cpu-s"] = voxels * state.iterations() / cpu;
 }
 
-void run(benchmark::State& state, RegMetric* metric) {
-  Data& d = data((int)state.range(1));
+void run(benchmark::State& state, RegMetric* metric, bool labels = false) {
+  Data& d = labels ? labelData((int)state.range(1)) : data((int)state.range(1));
   const unsigned threads = (unsigned)state.range(0);
   RegAffineFunctionalUniform f(d.refs, d.models, RegInterpolatorStandard, d.transform.get(), metric,
                                nullptr, 3, threads);
@@ -94,6 +109,14 @@ void run(benchmark::State& state, RegMetric* metric) {
 
 void BM_UniformNMI(benchmark::State& state) {
   run(state, new RegNormMutualInformation(QB_UINT8, QB_UINT8, 0, 255, 0, 255, 64, 64, 1.0));
+}
+
+// The same pair quantised into 16 labels (a sixteenth of the grey range
+// each), walked by partial volume as label models are.
+void BM_UniformNMILabels(benchmark::State& state) {
+  auto* mi = new RegNormMutualInformation(QB_UINT8, QB_UINT8, 0, 15, 0, 15, 64, 64, 1.0);
+  mi->partialVolume = true;
+  run(state, mi, true);
 }
 
 void BM_UniformMSD(benchmark::State& state) { run(state, new RegMeanSquaredDifference(1.0)); }
@@ -142,6 +165,7 @@ void threadCounts(benchmark::internal::Benchmark* b) {
 } // namespace
 
 BENCHMARK(BM_UniformNMI)->Apply(threadCounts);
+BENCHMARK(BM_UniformNMILabels)->Apply(threadCounts);
 BENCHMARK(BM_UniformMSD)->Apply(threadCounts);
 BENCHMARK(BM_UniformCorr)->Apply(threadCounts);
 BENCHMARK(BM_Limit)->Apply(threadCounts);

@@ -127,6 +127,9 @@ private:
   // gridsCoincide() for the first reference and the model.
   bool inputGridsCoincide();
   static constexpr double kStartGridFactor = 0.9;
+  // Reference samples from which a level samples a label model by partial
+  // volume.
+  static constexpr double kPartialVolumeVoxels = 50000.0;
   // The Gaussian (in voxels) that smooths both images of that level.
   static constexpr float kPlanarSigma = 0.5f;
   // Frees what a run that failed in initRegistration() left behind.

@@ -91,6 +91,7 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
   const int savedThreads = omp_get_max_threads();
   omp_set_num_threads((int)numThreads);
   const bool simd = reg_evaluateUniformSimd();
+  const bool partialVolume = metric->partialVolume;
 #pragma omp parallel
   {
     double* mine = histograms[omp_get_thread_num()].data();
@@ -99,8 +100,81 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
 #pragma omp master
     team = omp_get_num_threads();
     int64_t inside = 0, total = 0;
+    // The entries of a block sampled by partial volume: up to eight a voxel.
+    struct Entries {
+      int i[8 * kUniformBlock], j[8 * kUniformBlock];
+      double a[16 * kUniformBlock], b[16 * kUniformBlock], vals[8 * kUniformBlock],
+          wts[8 * kUniformBlock];
+    };
+    // Kept per thread, as the histograms are, so that no evaluation allocates.
+    static thread_local Entries entries;
+    (void)entries;
 #pragma omp for schedule(static, 1)
     for (int k = 0; k < nz; k++) {
+      if (partialVolume) {
+        // Pure samples go as they are; the others add each of their eight
+        // voxels with its weight, merged by value.
+        auto consume = [&](const RefT* r, const double* value, const bool* pure, int n,
+                           auto&& corners) {
+          int* i = entries.i;
+          int* j = entries.j;
+          double *a = entries.a, *b = entries.b, *vals = entries.vals, *wts = entries.wts;
+          int q = 0;
+          for (int m = 0; m < n; m++) {
+            int ri;
+            double ra0, ra1;
+            if constexpr (std::is_same_v<RefT, uint8_t>) {
+              const int v = r[m];
+              ri = byteBins.bin[v];
+              ra0 = byteBins.w[2 * v];
+              ra1 = byteBins.w[2 * v + 1];
+            } else {
+              RegMutualInformation::binOf((double)r[m], refMin, refScale, nRef, ri, ra0, ra1);
+            }
+            if (pure[m]) {
+              i[q] = ri;
+              a[2 * q] = ra0;
+              a[2 * q + 1] = ra1;
+              vals[q] = value[m];
+              wts[q] = 1.0;
+              q++;
+              continue;
+            }
+            double c[8], w[8];
+            corners(m, c, w);
+            // Voxels of one value merge into one entry.
+            double seen[8] = {}, weight[8] = {};
+            int distinct = 0;
+            for (int u = 0; u < 8; u++) {
+              int e = 0;
+              while (e < distinct && seen[e] != c[u])
+                e++;
+              if (e == distinct) {
+                seen[e] = c[u];
+                distinct++;
+              }
+              weight[e] += w[u];
+            }
+            for (int e = 0; e < distinct; e++, q++) {
+              i[q] = ri;
+              a[2 * q] = ra0;
+              a[2 * q + 1] = ra1;
+              vals[q] = seen[e];
+              wts[q] = weight[e];
+            }
+          }
+          reg_evaluateUniformBins(vals, q, modelMin, modelScale, nMod, simd, j, b);
+          for (int e = 0; e < q; e++) {
+            a[2 * e] *= wts[e];
+            a[2 * e + 1] *= wts[e];
+          }
+          hist.add(q, i, j, a, b, simd);
+          inside += n;
+        };
+        reg_evaluateUniformSlice<RefT, ModelT, decltype(consume)&, true>(
+            ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k, total, consume);
+        continue;
+      }
       reg_evaluateUniformSlice(
           ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k, total,
           [&](const RefT* r, const double* value, int n) {

@@ -14,6 +14,7 @@
 #include "ZrCoord3.h"
 #include "reg_evaluateUniformSimd.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -101,7 +102,12 @@ constexpr int kUniformBlock = 64;
 // `consume(r, value, n)` in blocks of at most kUniformBlock: the reference's
 // own voxels and the model samples as doubles. `total` rises by the row length
 // whatever lies inside. `consume` is inlined: the metric step costs no call.
-template <class RefT, class ModelT, class Consume>
+//
+// With kPartialVolume, `consume(r, value, pure, n, corners)` gets besides
+// the samples whether the eight voxels of each are equal (pure[m]), and
+// `corners(m, c, w)` gives the eight voxels c[0..7] of sample m (x fastest)
+// as doubles and their trilinear weights w[0..7].
+template <class RefT, class ModelT, class Consume, bool kPartialVolume = false>
 inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const QbVec3i& refDims,
                                      const int* modelDims, const ZrCoord3* coords,
                                      const SbMatrixd& matrix, const QbVec3i& flags,
@@ -111,6 +117,8 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
   const int mx = modelDims[0], my = modelDims[1], mz = modelDims[2];
   const RefT* r = ref + (size_t)k * nx * ny;
   double value[kUniformBlock];
+  bool pure[kUniformBlock];
+  (void)pure;
   const bool simd = reg_evaluateUniformSimd();
   (void)simd;
   for (int j = 0; j < ny; j++) {
@@ -126,19 +134,50 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
       total += first;
       for (int i = first; i <= last;) {
         const int n = last - i + 1 < kUniformBlock ? last - i + 1 : kUniformBlock;
+        // The eight voxels of sample m, clamped as reg_evaluateUniformSample
+        // clamps them, with their weights.
+        auto corners = [&](int m, double* c, double* w) {
+          const double t = (double)(i + m);
+          const double x = std::max(v.x + t * step.x, 0.0), y = std::max(v.y + t * step.y, 0.0),
+                       z = std::max(v.z + t * step.z, 0.0);
+          const int ix = (int)x, iy = (int)y, iz = (int)z;
+          const double fx = x - ix, fy = y - iy, fz = z - iz;
+          const size_t sx = ix + 1 < mx ? 1 : 0;
+          const size_t sy = iy + 1 < my ? (size_t)mx : 0;
+          const size_t sz = iz + 1 < mz ? (size_t)mx * my : 0;
+          const ModelT* p = model + ((size_t)iz * my + iy) * mx + ix;
+          const size_t at[8] = {0, sx, sy, sy + sx, sz, sz + sx, sz + sy, sz + sy + sx};
+          const double wx[2] = {1.0 - fx, fx}, wy[2] = {1.0 - fy, fy}, wz[2] = {1.0 - fz, fz};
+          for (int u = 0; u < 8; u++) {
+            c[u] = (double)p[at[u]];
+            w[u] = wx[u & 1] * wy[(u >> 1) & 1] * wz[u >> 2];
+          }
+        };
         auto sample = [&](int m) {
           const double t = (double)(i + m);
           value[m] = reg_evaluateUniformSample(model, v.x + t * step.x, v.y + t * step.y,
                                                v.z + t * step.z, mx, my, mz);
+          if constexpr (kPartialVolume) {
+            double c[8], w[8];
+            corners(m, c, w);
+            bool same = true;
+            for (int u = 1; u < 8; u++)
+              same = same && c[u] == c[0];
+            pure[m] = same;
+          }
         };
 #ifdef ZR_UNIFORM_AVX2
         if (simd)
-          reg_evaluateUniformSampleBlockAvx2(model, mx, my, mz, v, step, i, n, value, sample);
+          reg_evaluateUniformSampleBlockAvx2(model, mx, my, mz, v, step, i, n, value, sample,
+                                             kPartialVolume ? pure : nullptr);
         else
 #endif
           for (int m = 0; m < n; m++)
             sample(m);
-        consume(r, (const double*)value, n);
+        if constexpr (kPartialVolume)
+          consume(r, (const double*)value, (const bool*)pure, n, corners);
+        else
+          consume(r, (const double*)value, n);
         r += n;
         i += n;
         total += n;

@@ -126,11 +126,14 @@ ZR_TARGET_AVX2 inline __m256d reg_evaluateUniformLerpAvx2(__m256d a, __m256d b, 
 // groups, the second reads and interpolates. Each group's work is then a
 // short chain, so that the reads of many groups are under way at once; in
 // one pass, the reads waited on the index arithmetic of their own group.
+//
+// With `pure`, pure[m] tells whether the eight voxels of sample m are equal
+// (the sample then is their value); `scalar(m)` sets it for its samples.
 template <class ModelT, class Scalar>
 ZR_TARGET_AVX2 void reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int nx, int ny, int nz,
                                                        const SbVec3d& v, const SbVec3d& step,
                                                        int first, int n, double* out,
-                                                       Scalar&& scalar) {
+                                                       Scalar&& scalar, bool* pure = nullptr) {
   constexpr int kGroups = 16;
   const __m256d zero = _mm256_setzero_pd();
   const __m128i one = _mm_set1_epi32(1);
@@ -209,6 +212,17 @@ ZR_TARGET_AVX2 void reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int 
     const __m256d value = reg_evaluateUniformLerpAvx2(
         e4, reg_evaluateUniformLerpAvx2(e1, reg_evaluateUniformLerpAvx2(c011, c111, fx), fy), fz);
     _mm256_storeu_pd(out + m, value);
+    if (pure) {
+      const __m256d lo =
+          _mm256_min_pd(_mm256_min_pd(_mm256_min_pd(c000, c100), _mm256_min_pd(c010, c110)),
+                        _mm256_min_pd(_mm256_min_pd(c001, c101), _mm256_min_pd(c011, c111)));
+      const __m256d hi =
+          _mm256_max_pd(_mm256_max_pd(_mm256_max_pd(c000, c100), _mm256_max_pd(c010, c110)),
+                        _mm256_max_pd(_mm256_max_pd(c001, c101), _mm256_max_pd(c011, c111)));
+      const int same = _mm256_movemask_pd(_mm256_cmp_pd(lo, hi, _CMP_EQ_OQ));
+      for (int l = 0; l < 4; l++)
+        pure[m + l] = (same >> l) & 1;
+    }
   }
   for (int m = 4 * groups; m < n; m++)
     scalar(m);

@@ -14,9 +14,8 @@ public:
   static constexpr double kFinestLevelVoxels = 1 << 20;
   // The module's final step (a sixth of the finest voxel) is divided by this.
   static constexpr float kFinalStepDivisor = 8.0f;
-  // The module's tolerance of the gradient search is multiplied by this for
-  // grey images.
-  static constexpr float kGreyToleranceFactor = 0.3f;
+  // The module's tolerance of the gradient search is multiplied by this.
+  static constexpr float kToleranceFactor = 0.3f;
   // Limits of the histogram bins.
   static constexpr int kMinBins = 16, kMaxBins = 128;
 

@@ -33,7 +33,8 @@ RegMutualInformation::RegMutualInformation(const RegMutualInformation& other)
     : RegMetric(other.maxCoverage), refType(other.refType), modelType(other.modelType),
       histogram(other.histogram), refMin(other.refMin), refScale(other.refScale),
       modelMin(other.modelMin), modelScale(other.modelScale), refMax(other.refMax),
-      modelMax(other.modelMax), numBinsRef(other.numBinsRef), numBinsMod(other.numBinsMod) {
+      modelMax(other.modelMax), numBinsRef(other.numBinsRef), numBinsMod(other.numBinsMod),
+      partialVolume(other.partialVolume) {
   copyStatistics(other);
 }
 

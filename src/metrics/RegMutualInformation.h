@@ -23,6 +23,11 @@ public:
   // The ranges as given, rounded for integer types.
   double refMax = 0.0, modelMax = 0.0;
   int numBinsRef = 0, numBinsMod = 0;
+  // Uniform walks sample the model by partial volume (each of the eight
+  // voxels around a sample adds its own value with its trilinear weight)
+  // instead of interpolating it: for label models, where a value between two
+  // labels is neither.
+  bool partialVolume = false;
 
   // Fixes the binning of both axes (reduced for integer data so that a bin
   // holds a whole number of grey values), adds one bin per axis for the shared
