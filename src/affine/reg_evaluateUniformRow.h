@@ -14,7 +14,6 @@
 #include "ZrCoord3.h"
 #include "reg_evaluateUniformSimd.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -64,31 +63,54 @@ inline bool reg_evaluateUniformRowInterval(const SbVec3d& v, const QbVec3i& flag
 
 inline double reg_evaluateUniformLerp(double a, double b, double t) { return (b - a) * t + a; }
 
-// Trilinear sample of `model` (x fastest, dimensions nx, ny, nz) at the voxel
-// coordinates (x, y, z), which the row interval keeps within half a voxel of
-// the lattice. Negative coordinates clamp to 0; at the top the neighbour
-// offset falls to 0, so the border voxel is replicated without a test.
+// The eight voxels of `model` (x fastest, dimensions nx, ny, nz) around the
+// voxel coordinates (x, y, z), which the row interval keeps within half a
+// voxel of the lattice: c[0] at the cell's low corner, then its neighbours
+// along x, y, x + y, z, ... (bit 0 of the index x, bit 1 y, bit 2 z), as
+// doubles; f[0..2] the fractions of (x, y, z) in the cell. Negative
+// coordinates clamp to 0; at the top the neighbour offset falls to 0, so the
+// border voxel is replicated without a test.
 template <class ModelT>
-inline double reg_evaluateUniformSample(const ModelT* model, double x, double y, double z, int nx,
-                                        int ny, int nz) {
+inline void reg_evaluateUniformCorners(const ModelT* model, double x, double y, double z, int nx,
+                                       int ny, int nz, double* c, double* f) {
   x = x > 0.0 ? x : 0.0;
   y = y > 0.0 ? y : 0.0;
   z = z > 0.0 ? z : 0.0;
   const int ix = (int)x, iy = (int)y, iz = (int)z;
-  const double fx = x - ix, fy = y - iy, fz = z - iz;
+  f[0] = x - ix;
+  f[1] = y - iy;
+  f[2] = z - iz;
   const size_t sx = ix + 1 < nx ? 1 : 0;
   const size_t sy = iy + 1 < ny ? (size_t)nx : 0;
   const size_t sz = iz + 1 < nz ? (size_t)nx * ny : 0;
   const ModelT* p = model + ((size_t)iz * ny + iy) * nx + ix;
-  const double c000 = (double)p[0], c100 = (double)p[sx];
-  const double c010 = (double)p[sy], c110 = (double)p[sy + sx];
-  const double c001 = (double)p[sz], c101 = (double)p[sz + sx];
-  const double c011 = (double)p[sz + sy], c111 = (double)p[sz + sy + sx];
-  const double e0 = reg_evaluateUniformLerp(c000, c100, fx);
-  const double e1 = reg_evaluateUniformLerp(c001, c101, fx);
-  const double e4 = reg_evaluateUniformLerp(e0, reg_evaluateUniformLerp(c010, c110, fx), fy);
+  c[0] = (double)p[0];
+  c[1] = (double)p[sx];
+  c[2] = (double)p[sy];
+  c[3] = (double)p[sy + sx];
+  c[4] = (double)p[sz];
+  c[5] = (double)p[sz + sx];
+  c[6] = (double)p[sz + sy];
+  c[7] = (double)p[sz + sy + sx];
+}
+
+// The trilinear interpolation of the eight voxels c at the fractions f, as
+// reg_evaluateUniformCorners gives them.
+inline double reg_evaluateUniformTrilinear(const double* c, const double* f) {
+  const double e0 = reg_evaluateUniformLerp(c[0], c[1], f[0]);
+  const double e1 = reg_evaluateUniformLerp(c[4], c[5], f[0]);
+  const double e4 = reg_evaluateUniformLerp(e0, reg_evaluateUniformLerp(c[2], c[3], f[0]), f[1]);
   return reg_evaluateUniformLerp(
-      e4, reg_evaluateUniformLerp(e1, reg_evaluateUniformLerp(c011, c111, fx), fy), fz);
+      e4, reg_evaluateUniformLerp(e1, reg_evaluateUniformLerp(c[6], c[7], f[0]), f[1]), f[2]);
+}
+
+// Trilinear sample of `model` at the voxel coordinates (x, y, z).
+template <class ModelT>
+inline double reg_evaluateUniformSample(const ModelT* model, double x, double y, double z, int nx,
+                                        int ny, int nz) {
+  double c[8], f[3];
+  reg_evaluateUniformCorners(model, x, y, z, nx, ny, nz, c, f);
+  return reg_evaluateUniformTrilinear(c, f);
 }
 
 // Voxels a row hands on at once. Reference values and samples of a block lie
@@ -134,36 +156,31 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
       total += first;
       for (int i = first; i <= last;) {
         const int n = last - i + 1 < kUniformBlock ? last - i + 1 : kUniformBlock;
-        // The eight voxels of sample m, clamped as reg_evaluateUniformSample
-        // clamps them, with their weights.
+        // The eight voxels of sample m and their trilinear weights.
         auto corners = [&](int m, double* c, double* w) {
           const double t = (double)(i + m);
-          const double x = std::max(v.x + t * step.x, 0.0), y = std::max(v.y + t * step.y, 0.0),
-                       z = std::max(v.z + t * step.z, 0.0);
-          const int ix = (int)x, iy = (int)y, iz = (int)z;
-          const double fx = x - ix, fy = y - iy, fz = z - iz;
-          const size_t sx = ix + 1 < mx ? 1 : 0;
-          const size_t sy = iy + 1 < my ? (size_t)mx : 0;
-          const size_t sz = iz + 1 < mz ? (size_t)mx * my : 0;
-          const ModelT* p = model + ((size_t)iz * my + iy) * mx + ix;
-          const size_t at[8] = {0, sx, sy, sy + sx, sz, sz + sx, sz + sy, sz + sy + sx};
-          const double wx[2] = {1.0 - fx, fx}, wy[2] = {1.0 - fy, fy}, wz[2] = {1.0 - fz, fz};
-          for (int u = 0; u < 8; u++) {
-            c[u] = (double)p[at[u]];
+          double f[3];
+          reg_evaluateUniformCorners(model, v.x + t * step.x, v.y + t * step.y, v.z + t * step.z,
+                                     mx, my, mz, c, f);
+          const double wx[2] = {1.0 - f[0], f[0]}, wy[2] = {1.0 - f[1], f[1]};
+          const double wz[2] = {1.0 - f[2], f[2]};
+          for (int u = 0; u < 8; u++)
             w[u] = wx[u & 1] * wy[(u >> 1) & 1] * wz[u >> 2];
-          }
         };
         auto sample = [&](int m) {
           const double t = (double)(i + m);
-          value[m] = reg_evaluateUniformSample(model, v.x + t * step.x, v.y + t * step.y,
-                                               v.z + t * step.z, mx, my, mz);
           if constexpr (kPartialVolume) {
-            double c[8], w[8];
-            corners(m, c, w);
+            double c[8], f[3];
+            reg_evaluateUniformCorners(model, v.x + t * step.x, v.y + t * step.y, v.z + t * step.z,
+                                       mx, my, mz, c, f);
+            value[m] = reg_evaluateUniformTrilinear(c, f);
             bool same = true;
             for (int u = 1; u < 8; u++)
               same = same && c[u] == c[0];
             pure[m] = same;
+          } else {
+            value[m] = reg_evaluateUniformSample(model, v.x + t * step.x, v.y + t * step.y,
+                                                 v.z + t * step.z, mx, my, mz);
           }
         };
 #ifdef ZR_UNIFORM_AVX2
