@@ -100,103 +100,89 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
 #pragma omp master
     team = omp_get_num_threads();
     int64_t inside = 0, total = 0;
-    // The entries of a block sampled by partial volume: up to eight a voxel.
-    struct Entries {
+    // The voxels of a block's mixed samples in a walk by partial volume,
+    // eight a sample: reference bin and weight pair, value, model bin and
+    // weight pair. Kept per thread, as the histograms are, so that no
+    // evaluation allocates.
+    struct Corners {
       int i[8 * kUniformBlock], j[8 * kUniformBlock];
-      double a[16 * kUniformBlock], b[16 * kUniformBlock], vals[8 * kUniformBlock],
-          wts[8 * kUniformBlock];
+      double a[16 * kUniformBlock], b[16 * kUniformBlock], value[8 * kUniformBlock];
     };
-    // Kept per thread, as the histograms are, so that no evaluation allocates.
-    static thread_local Entries entries;
-    (void)entries;
+    static thread_local Corners corner;
+    (void)corner;
+    // Bins and weight pairs of a block's reference voxels and model samples,
+    // and the histogram adds: the step of every walk.
+    auto binBlock = [&](const RefT* r, const double* value, int n, int* i, int* j, double* a,
+                        double* b) {
+      if constexpr (std::is_same_v<RefT, uint8_t>) {
+        for (int m = 0; m < n; m++) {
+          const int v = r[m];
+          i[m] = byteBins.bin[v];
+          a[2 * m] = byteBins.w[2 * v];
+          a[2 * m + 1] = byteBins.w[2 * v + 1];
+        }
+      } else {
+        double rv[kUniformBlock];
+        for (int m = 0; m < n; m++)
+          rv[m] = (double)r[m];
+        reg_evaluateUniformBins(rv, n, refMin, refScale, nRef, simd, i, a);
+      }
+      reg_evaluateUniformBins(value, n, modelMin, modelScale, nMod, simd, j, b);
+    };
 #pragma omp for schedule(static, 1)
     for (int k = 0; k < nz; k++) {
       if (partialVolume) {
-        // Pure samples go as they are; the others add each of their eight
-        // voxels with its weight, merged by value.
+        // Pure samples (eight equal voxels) are their value and go as in the
+        // interpolating walk; the others go there with no weight and add each
+        // of their eight voxels with its own instead.
         auto consume = [&](const RefT* r, const double* value, const bool* pure, int n,
                            auto&& corners) {
-          int* i = entries.i;
-          int* j = entries.j;
-          double *a = entries.a, *b = entries.b, *vals = entries.vals, *wts = entries.wts;
-          int q = 0;
+          int i[kUniformBlock], j[kUniformBlock];
+          double a[2 * kUniformBlock], b[2 * kUniformBlock];
+          binBlock(r, value, n, i, j, a, b);
+          int mixed[kUniformBlock], numMixed = 0;
           for (int m = 0; m < n; m++) {
-            int ri;
-            double ra0, ra1;
-            if constexpr (std::is_same_v<RefT, uint8_t>) {
-              const int v = r[m];
-              ri = byteBins.bin[v];
-              ra0 = byteBins.w[2 * v];
-              ra1 = byteBins.w[2 * v + 1];
-            } else {
-              RegMutualInformation::binOf((double)r[m], refMin, refScale, nRef, ri, ra0, ra1);
-            }
-            if (pure[m]) {
-              i[q] = ri;
-              a[2 * q] = ra0;
-              a[2 * q + 1] = ra1;
-              vals[q] = value[m];
-              wts[q] = 1.0;
-              q++;
-              continue;
-            }
-            double c[8], w[8];
-            corners(m, c, w);
-            // Voxels of one value merge into one entry.
-            double seen[8] = {}, weight[8] = {};
-            int distinct = 0;
+            mixed[numMixed] = m;
+            numMixed += !pure[m];
+          }
+          for (int e = 0; e < numMixed; e++) {
+            const int m = mixed[e];
             for (int u = 0; u < 8; u++) {
-              int e = 0;
-              while (e < distinct && seen[e] != c[u])
-                e++;
-              if (e == distinct) {
-                seen[e] = c[u];
-                distinct++;
-              }
-              weight[e] += w[u];
+              const int q = 8 * e + u;
+              corner.i[q] = i[m];
+              corner.a[2 * q] = a[2 * m];
+              corner.a[2 * q + 1] = a[2 * m + 1];
             }
-            for (int e = 0; e < distinct; e++, q++) {
-              i[q] = ri;
-              a[2 * q] = ra0;
-              a[2 * q + 1] = ra1;
-              vals[q] = seen[e];
-              wts[q] = weight[e];
-            }
+            a[2 * m] = a[2 * m + 1] = 0.0;
           }
-          reg_evaluateUniformBins(vals, q, modelMin, modelScale, nMod, simd, j, b);
-          for (int e = 0; e < q; e++) {
-            a[2 * e] *= wts[e];
-            a[2 * e + 1] *= wts[e];
-          }
-          hist.add(q, i, j, a, b, simd);
+          hist.add(n, i, j, a, b, simd);
           inside += n;
+          if (!numMixed)
+            return;
+          double w[8 * kUniformBlock];
+          for (int e = 0; e < numMixed; e++)
+            corners(mixed[e], corner.value + 8 * e, w + 8 * e);
+          const int q = 8 * numMixed;
+          reg_evaluateUniformBins(corner.value, q, modelMin, modelScale, nMod, simd, corner.j,
+                                  corner.b);
+          for (int e = 0; e < q; e++) {
+            corner.a[2 * e] *= w[e];
+            corner.a[2 * e + 1] *= w[e];
+          }
+          hist.add(q, corner.i, corner.j, corner.a, corner.b, simd);
         };
         reg_evaluateUniformSlice<RefT, ModelT, decltype(consume)&, true>(
             ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k, total, consume);
         continue;
       }
-      reg_evaluateUniformSlice(
-          ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k, total,
-          [&](const RefT* r, const double* value, int n) {
-            int i[kUniformBlock], j[kUniformBlock];
-            double a[2 * kUniformBlock], b[2 * kUniformBlock];
-            if constexpr (std::is_same_v<RefT, uint8_t>) {
-              for (int m = 0; m < n; m++) {
-                const int v = r[m];
-                i[m] = byteBins.bin[v];
-                a[2 * m] = byteBins.w[2 * v];
-                a[2 * m + 1] = byteBins.w[2 * v + 1];
-              }
-            } else {
-              double rv[kUniformBlock];
-              for (int m = 0; m < n; m++)
-                rv[m] = (double)r[m];
-              reg_evaluateUniformBins(rv, n, refMin, refScale, nRef, simd, i, a);
-            }
-            reg_evaluateUniformBins(value, n, modelMin, modelScale, nMod, simd, j, b);
-            hist.add(n, i, j, a, b, simd);
-            inside += n;
-          });
+      reg_evaluateUniformSlice(ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k,
+                               total, [&](const RefT* r, const double* value, int n) {
+                                 int i[kUniformBlock], j[kUniformBlock];
+                                 double a[2 * kUniformBlock], b[2 * kUniformBlock];
+                                 binBlock(r, value, n, i, j, a, b);
+                                 hist.add(n, i, j, a, b, simd);
+                                 inside += n;
+                               });
     }
 #pragma omp critical(reg_evaluateUniformMerge)
     {
