@@ -830,8 +830,9 @@ bool ZrAffineRegistration::offGridReference(const FieldArray& referenceLevel, Fi
 bool ZrAffineRegistration::refinesFinest() {
   // Label images are refined too, as long as all inputs are labels or all
   // grey: with their models sampled by partial volume (createFunctional) the
-  // refinement takes atlases resampled onto their own grid from 0.12 to 0.14
-  // mm off to 0.05 to 0.10, and those with moved headers stay within 0.007.
+  // refinement (with the tolerance zrreg gives grey images) takes atlases
+  // resampled onto their own grid from 0.11 to 0.14 mm off to 0.05 to 0.09,
+  // and those with moved headers end within 0.003.
   // Interpolated linearly, the refinement had taken a cortical atlas from
   // 0.005 to 0.35 mm off.
   if (!ignoreFinest || !portRefineFinest.getValue(0) || references.size() == 0 ||

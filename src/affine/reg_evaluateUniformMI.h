@@ -110,8 +110,8 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
     };
     static thread_local Corners corner;
     (void)corner;
-    // Bins and weight pairs of a block's reference voxels and model samples,
-    // and the histogram adds: the step of every walk.
+    // Bins and weight pairs of a block's reference voxels (i, a) and model
+    // samples (j, b), as the histogram adds take them.
     auto binBlock = [&](const RefT* r, const double* value, int n, int* i, int* j, double* a,
                         double* b) {
       if constexpr (std::is_same_v<RefT, uint8_t>) {
