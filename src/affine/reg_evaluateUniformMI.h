@@ -9,6 +9,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <type_traits>
 
@@ -48,6 +49,7 @@ inline void reg_evaluateUniformBins(const double* values, int n, double min, dou
 // the threads. The runtime's thread count is restored.
 // The histogram entries agree with a sample-by-sample increment() to
 // rounding (see RegUniformJointHistogram), about 1e-15 of their size.
+// Label pairs keep plain histograms instead of slots (see labelCells).
 template <class RefT, class ModelT>
 void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& refDims,
                            const ZrCoord3* coords, const SbMatrixd& matrix, const QbVec3i& flags,
@@ -64,11 +66,22 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
     return;
   const size_t slotCount = RegUniformJointHistogram::slotCount(nRef, nMod);
 
+  // Label pairs (integer voxels on both sides, one bin per value) bin every
+  // reference voxel whole into one bin, and every model voxel too: a thread
+  // then keeps a plain nRef x nMod histogram, a quarter of the slots, and a
+  // sample adds to one or two of its cells instead of four products to a
+  // slot. A model value between two labels (the interpolating walk) splits
+  // over two neighbouring cells of the reference bin's row.
+  const bool labelCells = std::is_integral_v<RefT> && std::is_integral_v<ModelT> &&
+                          refScale == 1.0 && modelScale == 1.0 && refMin == std::floor(refMin) &&
+                          modelMin == std::floor(modelMin);
+  const size_t cellCount = (size_t)nRef * nMod;
+
   QbDArray<QbDArray<double>>& histograms = reg_evaluateUniformMIScratch();
   if (histograms.size() < (int)numThreads)
     histograms.resize((int)numThreads);
   for (int t = 0; t < (int)numThreads; t++)
-    histograms[t].resize(int(2 * slotCount));
+    histograms[t].resize(int(std::max(2 * slotCount, cellCount)));
   const bool two = RegUniformJointHistogram::twoSets(
       (double)refDims.x * refDims.y * refDims.z / numThreads, nRef, nMod);
   int64_t sharedInside = 0, sharedTotal = 0;
@@ -79,14 +92,17 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
   // A reference of bytes takes its bins and weights from a table of its 256
   // values, made by the same binOf, so the results are those of binning each
   // voxel.
+  // For label pairs, cell[v] is the one bin that takes all of value v.
   struct ByteBins {
-    int bin[256];
+    int bin[256], cell[256];
     double w[512];
   } byteBins;
   if constexpr (std::is_same_v<RefT, uint8_t>)
-    for (int v = 0; v < 256; v++)
+    for (int v = 0; v < 256; v++) {
       RegMutualInformation::binOf((double)v, refMin, refScale, nRef, byteBins.bin[v],
                                   byteBins.w[2 * v], byteBins.w[2 * v + 1]);
+      byteBins.cell[v] = byteBins.bin[v] + (byteBins.w[2 * v + 1] > 0.0 ? 1 : 0);
+    }
 
   const int savedThreads = omp_get_max_threads();
   omp_set_num_threads((int)numThreads);
@@ -96,7 +112,7 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
   {
     double* mine = histograms[omp_get_thread_num()].data();
     RegUniformJointHistogram hist(mine, nRef, nMod, two);
-    std::fill(mine, mine + (two ? 2 : 1) * slotCount, 0.0);
+    std::fill(mine, mine + (labelCells ? cellCount : (two ? 2 : 1) * slotCount), 0.0);
 #pragma omp master
     team = omp_get_num_threads();
     int64_t inside = 0, total = 0;
@@ -129,8 +145,139 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
       }
       reg_evaluateUniformBins(value, n, modelMin, modelScale, nMod, simd, j, b);
     };
+    // The bin of a label, clamped as binOf clamps: a reference voxel's, and a
+    // model value's (whole for a voxel, cut down for an interpolated sample).
+    // Captured by value: the loops below store ints and doubles, which the
+    // compiler would otherwise have to assume might change them. Worked in
+    // integers, the clamps take no branch; a model value between two labels
+    // (a sample the partial volume takes apart) is cut down to the lower.
+    const int* byteCell = byteBins.cell;
+    const int64_t refLow = (int64_t)refMin, modelLow = (int64_t)modelMin;
+    const int64_t refTop = nRef - 1, modelTop = nMod - 1;
+    auto clampCell = [](int64_t t, int64_t top) -> int {
+      t = t > 0 ? t : 0;
+      return (int)(t < top ? t : top);
+    };
+    auto refCell = [=](RefT v) -> int {
+      if constexpr (std::is_same_v<RefT, uint8_t>) {
+        (void)refLow;
+        (void)refTop;
+        return byteCell[v];
+      } else {
+        (void)byteCell;
+        return clampCell((int64_t)v - refLow, refTop);
+      }
+    };
+    auto modelCell = [=](double v) -> int { return clampCell((int64_t)v - modelLow, modelTop); };
 #pragma omp for schedule(static, 1)
     for (int k = 0; k < nz; k++) {
+      if (labelCells && partialVolume) {
+        // A pure sample is its label: one whole count. A mixed one adds each
+        // of its eight voxels with its trilinear weight.
+        auto consume = [&](const RefT* r, const double* value, const bool* pure, int n,
+                           auto&& corners) {
+          double* const cells = mine;
+          const int stride = nMod;
+          int row[kUniformBlock], cell[kUniformBlock];
+          for (int m = 0; m < n; m++) {
+            row[m] = refCell(r[m]) * stride;
+            cell[m] = row[m] + modelCell(value[m]);
+          }
+          // A block of one cell throughout (the background, a large label)
+          // is one add.
+          bool uniform = true;
+          for (int m = 0; m < n; m++)
+            uniform &= pure[m] & (cell[m] == cell[0]);
+          inside += n;
+          if (uniform) {
+            cells[cell[0]] += n;
+            return;
+          }
+          // Neighbouring samples mostly fall into one cell (the background,
+          // a label's inside): they are counted in a register and added
+          // once, so that each add does not wait for the one before it. A
+          // mixed sample counts nothing here and stays in the run it
+          // interrupts; the branch is taken where one label meets another.
+          int mixed[kUniformBlock], numMixed = 0;
+          int cur = cell[0], run = 0;
+          for (int m = 0; m < n; m++) {
+            mixed[numMixed] = m;
+            numMixed += !pure[m];
+            const int at = pure[m] ? cell[m] : cur;
+            if (at != cur) {
+              cells[cur] += run;
+              cur = at;
+              run = 0;
+            }
+            run += pure[m];
+          }
+          cells[cur] += run;
+          for (int e = 0; e < numMixed; e++) {
+            const int m = mixed[e];
+            double c[8], w[8];
+            corners(m, c, w);
+            int j[8];
+            for (int u = 0; u < 8; u++)
+              j[u] = modelCell(c[u]);
+            // Most mixed samples straddle two labels, j[0]'s and one other:
+            // their weights are summed first and added in two.
+            const int j0 = j[0];
+            int other = j0;
+            for (int u = 1; u < 8; u++)
+              other = j[u] != j0 ? j[u] : other;
+            double w0 = 0.0, w1 = 0.0;
+            int two = 0;
+            for (int u = 0; u < 8; u++) {
+              w0 += j[u] == j0 ? w[u] : 0.0;
+              w1 += j[u] == other ? w[u] : 0.0;
+              two += (j[u] == j0) | (j[u] == other);
+            }
+            double* across = cells + row[m];
+            if (two == 8) {
+              across[j0] += w0;
+              // Labels beyond the bins' range share the border bin.
+              if (other != j0)
+                across[other] += w1;
+            } else {
+              for (int u = 0; u < 8; u++)
+                across[j[u]] += w[u];
+            }
+          }
+        };
+        reg_evaluateUniformSlice<RefT, ModelT, decltype(consume)&, true>(
+            ref, model, refDims, modelDims, coords, matrix, flags, step, clip, k, total, consume);
+        continue;
+      }
+      if (labelCells) {
+        // Runs of samples in one cell (the background, a label's inside)
+        // are summed in registers, as by partial volume.
+        auto consume = [&](const RefT* r, const double* value, int n) {
+          int j[kUniformBlock];
+          double b[2 * kUniformBlock];
+          reg_evaluateUniformBins(value, n, modelMin, modelScale, nMod, simd, j, b);
+          double* const cells = mine;
+          const int stride = nMod;
+          int cur = refCell(r[0]) * stride + j[0];
+          double w0 = 0.0, w1 = 0.0;
+          for (int m = 0; m < n; m++) {
+            const int at = refCell(r[m]) * stride + j[m];
+            if (at != cur) {
+              cells[cur] += w0;
+              cells[cur + 1] += w1;
+              cur = at;
+              w0 = w1 = 0.0;
+            }
+            w0 += b[2 * m];
+            w1 += b[2 * m + 1];
+          }
+          cells[cur] += w0;
+          cells[cur + 1] += w1;
+          inside += n;
+        };
+        reg_evaluateUniformSlice(ref, model, refDims, modelDims, coords, matrix, flags, step, clip,
+                                 k, total, consume);
+        continue;
+      }
       if (partialVolume) {
         // Pure samples (eight equal voxels) are their value and go as in the
         // interpolating walk; the others go there with no weight and add each
@@ -195,9 +342,17 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
     double* bins = metric->histogram.data();
 #pragma omp for schedule(static)
     for (int i = 0; i < nRef; i++)
-      for (int t = 0; t < team && t < (int)numThreads; t++)
+      for (int t = 0; t < team && t < (int)numThreads; t++) {
+        if (labelCells) {
+          const double* cells = histograms[t].data() + (size_t)i * nMod;
+          double* row = bins + (size_t)i * nMod;
+          for (int j = 0; j < nMod; j++)
+            row[j] += cells[j];
+          continue;
+        }
         RegUniformJointHistogram(histograms[t].data(), nRef, nMod, two)
             .foldRow(i, nRef, bins + (size_t)i * nMod);
+      }
   }
   omp_set_num_threads(savedThreads);
 

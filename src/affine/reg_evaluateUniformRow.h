@@ -67,15 +67,17 @@ inline double reg_evaluateUniformLerp(double a, double b, double t) { return (b 
 // voxel coordinates (x, y, z), which the row interval keeps within half a
 // voxel of the lattice: c[0] at the cell's low corner, then its neighbours
 // along x, y, x + y, z, ... (bit 0 of the index x, bit 1 y, bit 2 z), as
-// doubles; f[0..2] the fractions of (x, y, z) in the cell. Negative
-// coordinates clamp to 0; at the top the neighbour offset falls to 0, so the
-// border voxel is replicated without a test.
+// doubles; f[0..2] the fractions of (x, y, z) in the cell. Coordinates
+// clamp to [0, n - 1], as in the AVX2 sampler, and at the top the neighbour
+// offset falls to 0, so the border voxel is replicated without a test; the
+// clamp changes no sample (the two voxels it weighs are equal), only how a
+// partial volume splits a border voxel's weight.
 template <class ModelT>
 inline void reg_evaluateUniformCorners(const ModelT* model, double x, double y, double z, int nx,
                                        int ny, int nz, double* c, double* f) {
-  x = x > 0.0 ? x : 0.0;
-  y = y > 0.0 ? y : 0.0;
-  z = z > 0.0 ? z : 0.0;
+  x = x > 0.0 ? (x < nx - 1 ? x : nx - 1) : 0.0;
+  y = y > 0.0 ? (y < ny - 1 ? y : ny - 1) : 0.0;
+  z = z > 0.0 ? (z < nz - 1 ? z : nz - 1) : 0.0;
   const int ix = (int)x, iy = (int)y, iz = (int)z;
   f[0] = x - ix;
   f[1] = y - iy;
@@ -117,6 +119,7 @@ inline double reg_evaluateUniformSample(const ModelT* model, double x, double y,
 // in small arrays, so that the samples are independent of each other and the
 // metric step after them has only its own accumulators to wait for.
 constexpr int kUniformBlock = 64;
+static_assert(kUniformBlock == 64, "the AVX2 sampler lays out 64 samples a block");
 
 // Walks slice k of the reference `ref` (dimensions refDims, x fastest). Each
 // row start v is mapped through `matrix` into model voxel coordinates; voxel
@@ -128,7 +131,7 @@ constexpr int kUniformBlock = 64;
 // With kPartialVolume, `consume(r, value, pure, n, corners)` gets besides
 // the samples whether the eight voxels of each are equal (pure[m]), and
 // `corners(m, c, w)` gives the eight voxels c[0..7] of sample m (x fastest)
-// as doubles and their trilinear weights w[0..7].
+// as doubles and their trilinear weights w[0..7], kept from the sampling.
 template <class RefT, class ModelT, class Consume, bool kPartialVolume = false>
 inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const QbVec3i& refDims,
                                      const int* modelDims, const ZrCoord3* coords,
@@ -140,7 +143,13 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
   const RefT* r = ref + (size_t)k * nx * ny;
   double value[kUniformBlock];
   bool pure[kUniformBlock];
+  // By partial volume: the eight voxels of each sample, voxel u of sample m
+  // at u * kUniformBlock + m, and its fractions along x, y and z, likewise.
+  alignas(32) double corner[kPartialVolume ? 8 * kUniformBlock : 1];
+  alignas(32) double frac3[kPartialVolume ? 3 * kUniformBlock : 1];
   (void)pure;
+  (void)corner;
+  (void)frac3;
   const bool simd = reg_evaluateUniformSimd();
   (void)simd;
   for (int j = 0; j < ny; j++) {
@@ -158,14 +167,14 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
         const int n = last - i + 1 < kUniformBlock ? last - i + 1 : kUniformBlock;
         // The eight voxels of sample m and their trilinear weights.
         auto corners = [&](int m, double* c, double* w) {
-          const double t = (double)(i + m);
-          double f[3];
-          reg_evaluateUniformCorners(model, v.x + t * step.x, v.y + t * step.y, v.z + t * step.z,
-                                     mx, my, mz, c, f);
-          const double wx[2] = {1.0 - f[0], f[0]}, wy[2] = {1.0 - f[1], f[1]};
-          const double wz[2] = {1.0 - f[2], f[2]};
-          for (int u = 0; u < 8; u++)
+          const double* f = frac3 + m;
+          const double wx[2] = {1.0 - f[0], f[0]};
+          const double wy[2] = {1.0 - f[kUniformBlock], f[kUniformBlock]};
+          const double wz[2] = {1.0 - f[2 * kUniformBlock], f[2 * kUniformBlock]};
+          for (int u = 0; u < 8; u++) {
+            c[u] = corner[u * kUniformBlock + m];
             w[u] = wx[u & 1] * wy[(u >> 1) & 1] * wz[u >> 2];
+          }
         };
         auto sample = [&](int m) {
           const double t = (double)(i + m);
@@ -175,8 +184,12 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
                                        mx, my, mz, c, f);
             value[m] = reg_evaluateUniformTrilinear(c, f);
             bool same = true;
-            for (int u = 1; u < 8; u++)
+            for (int u = 0; u < 8; u++) {
               same = same && c[u] == c[0];
+              corner[u * kUniformBlock + m] = c[u];
+            }
+            for (int a = 0; a < 3; a++)
+              frac3[a * kUniformBlock + m] = f[a];
             pure[m] = same;
           } else {
             value[m] = reg_evaluateUniformSample(model, v.x + t * step.x, v.y + t * step.y,
@@ -186,7 +199,7 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
 #ifdef ZR_UNIFORM_AVX2
         if (simd)
           reg_evaluateUniformSampleBlockAvx2(model, mx, my, mz, v, step, i, n, value, sample,
-                                             kPartialVolume ? pure : nullptr);
+                                             kPartialVolume ? pure : nullptr, corner, frac3);
         else
 #endif
           for (int m = 0; m < n; m++)

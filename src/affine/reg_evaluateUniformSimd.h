@@ -128,12 +128,16 @@ ZR_TARGET_AVX2 inline __m256d reg_evaluateUniformLerpAvx2(__m256d a, __m256d b, 
 // one pass, the reads waited on the index arithmetic of their own group.
 //
 // With `pure`, pure[m] tells whether the eight voxels of sample m are equal
-// (the sample then is their value); `scalar(m)` sets it for its samples.
+// (the sample then is their value), corner[u * 64 + m] holds its voxel u (bit
+// 0 of u along x, bit 1 y, bit 2 z, the border replicated) and frac[a * 64 +
+// m] its fraction along axis a; `scalar(m)` sets them for its samples. Both
+// arrays are aligned to 32 bytes.
 template <class ModelT, class Scalar>
-ZR_TARGET_AVX2 void reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int nx, int ny, int nz,
-                                                       const SbVec3d& v, const SbVec3d& step,
-                                                       int first, int n, double* out,
-                                                       Scalar&& scalar, bool* pure = nullptr) {
+ZR_TARGET_AVX2 void
+reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int nx, int ny, int nz, const SbVec3d& v,
+                                   const SbVec3d& step, int first, int n, double* out,
+                                   Scalar&& scalar, bool* pure = nullptr, double* corner = nullptr,
+                                   double* frac3 = nullptr) {
   constexpr int kGroups = 16;
   const __m256d zero = _mm256_setzero_pd();
   const __m128i one = _mm_set1_epi32(1);
@@ -213,6 +217,12 @@ ZR_TARGET_AVX2 void reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int 
         e4, reg_evaluateUniformLerpAvx2(e1, reg_evaluateUniformLerpAvx2(c011, c111, fx), fy), fz);
     _mm256_storeu_pd(out + m, value);
     if (pure) {
+      const __m256d c[8] = {c000, c100, c010, c110, c001, c101, c011, c111};
+      for (int u = 0; u < 8; u++)
+        _mm256_store_pd(corner + u * 64 + m, c[u]);
+      _mm256_store_pd(frac3 + m, fx);
+      _mm256_store_pd(frac3 + 64 + m, fy);
+      _mm256_store_pd(frac3 + 128 + m, fz);
       const __m256d lo =
           _mm256_min_pd(_mm256_min_pd(_mm256_min_pd(c000, c100), _mm256_min_pd(c010, c110)),
                         _mm256_min_pd(_mm256_min_pd(c001, c101), _mm256_min_pd(c011, c111)));

@@ -307,70 +307,81 @@ TEST(RegAffineFunctionalUniform, HalfVoxelShiftsGiveTheKnownHistogram) {
   };
   const int refDims[3] = {12, 10, 9};
   const float refBox[6] = {3, 14, 4, 13, 2, 10};
-  const int pairs[][2] = {
-      {QB_UINT8, QB_UINT8}, {QB_INT16, QB_FLOAT}, {QB_FLOAT, QB_UINT16}, {QB_DOUBLE, QB_INT32}};
+  const int pairs[][2] = {{QB_UINT8, QB_UINT8},
+                          {QB_INT16, QB_UINT16},
+                          {QB_INT16, QB_FLOAT},
+                          {QB_FLOAT, QB_UINT16},
+                          {QB_DOUBLE, QB_INT32}};
   // By partial volume each of the 8 voxels adds its own value with weight
   // 1/8; a blocky model of whole values gives samples of one value and
-  // samples of two, three and more.
+  // samples of two, three and more, some above the bins' range.
   const Fn blocks = [](double x, double y, double z) {
     return 10.0 * (std::floor(x / 3) + 2 * std::floor(y / 4) + 3 * std::floor(z / 5));
   };
-  for (bool partialVolume : {false, true})
-    for (auto& pair : pairs)
-      for (bool simd : {false, true}) {
-        SimdSetting setting(simd);
-        Pair s(makeField(pair[0], refDims, refBox, other),
-               makeField(pair[1], kModelDims, kModelBox, partialVolume ? blocks : whole));
-        s.setTranslation(-0.5, -0.5, -0.5);
-        auto* metric = static_cast<RegMutualInformation*>(s.newMetric(NMI));
-        metric->partialVolume = partialVolume;
-        auto f = s.uniform(metric, 2);
-        const double value = f->evaluate();
-        ASSERT_EQ(metric->numInside, 12 * 10 * 9);
+  // 256 bins asked for over 0..200: integer images get one bin per value,
+  // as label pairs do, and take their own walk.
+  for (int bins : {64, 256})
+    for (bool partialVolume : {false, true})
+      for (auto& pair : pairs)
+        for (bool simd : {false, true}) {
+          SimdSetting setting(simd);
+          Pair s(makeField(pair[0], refDims, refBox, other),
+                 makeField(pair[1], kModelDims, kModelBox, partialVolume ? blocks : whole));
+          s.setTranslation(-0.5, -0.5, -0.5);
+          auto newMetric = [&] {
+            return new RegNormMutualInformation((QbPrimType)pair[0], (QbPrimType)pair[1], 0, 200, 0,
+                                                200, bins, bins, 1.0);
+          };
+          RegMutualInformation* metric = newMetric();
+          metric->partialVolume = partialVolume;
+          auto f = s.uniform(metric, 2);
+          const double value = f->evaluate();
+          ASSERT_EQ(metric->numInside, 12 * 10 * 9);
 
-        std::unique_ptr<RegMutualInformation> expected(
-            static_cast<RegMutualInformation*>(s.newMetric(NMI)));
-        const ZrUniformScalarField3& m = *s.model;
-        auto at = [&](int i, int j, int k) {
-          return m.lattice.getValueAsDouble((size_t(k) * kModelDims[1] + j) * kModelDims[0] + i);
-        };
-        for (int k = 0; k < refDims[2]; k++)
-          for (int j = 0; j < refDims[1]; j++)
-            for (int i = 0; i < refDims[0]; i++) {
-              // Reference voxel (i, j, k) lies at model voxel (3 + i, 4 + j, 2 + k) + 0.5.
-              const double r = s.reference->lattice.getValueAsDouble(
-                  (size_t(k) * refDims[1] + j) * refDims[0] + i);
-              double mean = 0;
-              for (int c = 0; c < 8; c++) {
-                const double v = at(3 + i + (c & 1), 4 + j + (c >> 1 & 1), 2 + k + (c >> 2 & 1));
-                mean += v;
+          std::unique_ptr<RegMutualInformation> expected(newMetric());
+          const ZrUniformScalarField3& m = *s.model;
+          auto at = [&](int i, int j, int k) {
+            return m.lattice.getValueAsDouble((size_t(k) * kModelDims[1] + j) * kModelDims[0] + i);
+          };
+          for (int k = 0; k < refDims[2]; k++)
+            for (int j = 0; j < refDims[1]; j++)
+              for (int i = 0; i < refDims[0]; i++) {
+                // Reference voxel (i, j, k) lies at model voxel (3 + i, 4 + j, 2 + k) + 0.5.
+                const double r = s.reference->lattice.getValueAsDouble(
+                    (size_t(k) * refDims[1] + j) * refDims[0] + i);
+                double mean = 0;
+                for (int c = 0; c < 8; c++) {
+                  const double v = at(3 + i + (c & 1), 4 + j + (c >> 1 & 1), 2 + k + (c >> 2 & 1));
+                  mean += v;
+                  if (partialVolume) {
+                    int a, b;
+                    double a0, a1, b0, b1;
+                    RegMutualInformation::binOf(r, expected->refMin, expected->refScale,
+                                                expected->numBinsRef, a, a0, a1);
+                    RegMutualInformation::binOf(v, expected->modelMin, expected->modelScale,
+                                                expected->numBinsMod, b, b0, b1);
+                    RegMutualInformation::addWeights(expected->histogram.data(),
+                                                     expected->numBinsMod, a, b, a0, a1, b0, b1,
+                                                     0.125);
+                  }
+                }
                 if (partialVolume) {
-                  int a, b;
-                  double a0, a1, b0, b1;
-                  RegMutualInformation::binOf(r, expected->refMin, expected->refScale,
-                                              expected->numBinsRef, a, a0, a1);
-                  RegMutualInformation::binOf(v, expected->modelMin, expected->modelScale,
-                                              expected->numBinsMod, b, b0, b1);
-                  RegMutualInformation::addWeights(expected->histogram.data(), expected->numBinsMod,
-                                                   a, b, a0, a1, b0, b1, 0.125);
+                  expected->numInside++;
+                  expected->numTotal++;
+                } else {
+                  expected->increment(r, mean / 8);
                 }
               }
-              if (partialVolume) {
-                expected->numInside++;
-                expected->numTotal++;
-              } else {
-                expected->increment(r, mean / 8);
-              }
-            }
-        const std::string what = std::string(qbPrimTypeName(pair[0])) + "/" +
-                                 qbPrimTypeName(pair[1]) + (simd ? " simd" : " scalar") +
-                                 (partialVolume ? " partial volume" : "");
-        ASSERT_EQ(metric->histogram.size(), expected->histogram.size());
-        for (int e = 0; e < metric->histogram.size(); e++)
-          ASSERT_NEAR(metric->histogram[e], expected->histogram[e], 1e-12 * 12 * 10 * 9)
-              << what << " entry " << e;
-        EXPECT_NEAR(value, expected->getResult(), 1e-12) << what;
-      }
+          const std::string what = std::string(qbPrimTypeName(pair[0])) + "/" +
+                                   qbPrimTypeName(pair[1]) + (simd ? " simd" : " scalar") +
+                                   (partialVolume ? " partial volume " : " ") +
+                                   std::to_string(bins);
+          ASSERT_EQ(metric->histogram.size(), expected->histogram.size());
+          for (int e = 0; e < metric->histogram.size(); e++)
+            ASSERT_NEAR(metric->histogram[e], expected->histogram[e], 1e-12 * 12 * 10 * 9)
+                << what << " entry " << e;
+          EXPECT_NEAR(value, expected->getResult(), 1e-12) << what;
+        }
 }
 TEST(RegAffineFunctionalUniform, SimdAndScalarFormsAgreeBitForBit) {
   // A reference that sticks out of the model on every side, turned a little:
