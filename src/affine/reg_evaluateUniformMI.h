@@ -212,36 +212,24 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
             run += pure[m];
           }
           cells[cur] += run;
+          // Most mixed samples straddle two labels: their voxels' weights
+          // are summed first and added in two.
           for (int e = 0; e < numMixed; e++) {
             const int m = mixed[e];
-            double c[8], w[8];
-            corners(m, c, w);
-            int j[8];
-            for (int u = 0; u < 8; u++)
-              j[u] = modelCell(c[u]);
-            // Most mixed samples straddle two labels, j[0]'s and one other:
-            // their weights are summed first and added in two.
-            const int j0 = j[0];
-            int other = j0;
-            for (int u = 1; u < 8; u++)
-              other = j[u] != j0 ? j[u] : other;
-            double w0 = 0.0, w1 = 0.0;
-            int two = 0;
-            for (int u = 0; u < 8; u++) {
-              w0 += j[u] == j0 ? w[u] : 0.0;
-              w1 += j[u] == other ? w[u] : 0.0;
-              two += (j[u] == j0) | (j[u] == other);
-            }
             double* across = cells + row[m];
-            if (two == 8) {
+            int j0, j1;
+            double w0, w1;
+            if (corners.pair(m, (double)modelLow, (double)modelTop, j0, j1, w0, w1)) {
               across[j0] += w0;
               // Labels beyond the bins' range share the border bin.
-              if (other != j0)
-                across[other] += w1;
-            } else {
-              for (int u = 0; u < 8; u++)
-                across[j[u]] += w[u];
+              if (j1 != j0)
+                across[j1] += w1;
+              continue;
             }
+            double c[8], w[8];
+            corners(m, c, w);
+            for (int u = 0; u < 8; u++)
+              across[modelCell(c[u])] += w[u];
           }
         };
         reg_evaluateUniformSlice<RefT, ModelT, decltype(consume)&, true>(

@@ -115,6 +115,38 @@ inline double reg_evaluateUniformSample(const ModelT* model, double x, double y,
   return reg_evaluateUniformTrilinear(c, f);
 }
 
+// The partial volume of one sample over bins of one value each: its eight
+// voxels c and their trilinear weights w (as reg_evaluateUniformSlice's
+// corners give them), and the bins' low end and top index. Where the voxels fall into
+// at most two bins, returns true with the bin of voxel 0 (j0) and the other
+// one (that of the first voxel in another bin, j0 where there is none) and
+// their summed weights; the AVX2 form gives the same to the last bit.
+inline bool reg_evaluateUniformLabelPair(const double* c, const double* w, double low, double top,
+                                         int& j0, int& j1, double& w0, double& w1) {
+  double t[8];
+  for (int u = 0; u < 8; u++) {
+    const double v = c[u] - low > 0.0 ? c[u] - low : 0.0;
+    t[u] = v < top ? v : top;
+  }
+  double second = t[0];
+  for (int u = 7; u > 0; u--)
+    second = t[u] != t[0] ? t[u] : second;
+  double a[4], b[4];
+  bool two = true;
+  for (int l = 0; l < 4; l++) {
+    a[l] = (t[l] == t[0] ? w[l] : 0.0) + (t[l + 4] == t[0] ? w[l + 4] : 0.0);
+    b[l] = (t[l] == second ? w[l] : 0.0) + (t[l + 4] == second ? w[l + 4] : 0.0);
+    two = two && (t[l] == t[0] || t[l] == second) && (t[l + 4] == t[0] || t[l + 4] == second);
+  }
+  if (!two)
+    return false;
+  w0 = (a[0] + a[1]) + (a[2] + a[3]);
+  w1 = (b[0] + b[1]) + (b[2] + b[3]);
+  j0 = (int)t[0];
+  j1 = (int)second;
+  return true;
+}
+
 // Voxels a row hands on at once. Reference values and samples of a block lie
 // in small arrays, so that the samples are independent of each other and the
 // metric step after them has only its own accumulators to wait for.
@@ -165,17 +197,32 @@ inline void reg_evaluateUniformSlice(const RefT* ref, const ModelT* model, const
       total += first;
       for (int i = first; i <= last;) {
         const int n = last - i + 1 < kUniformBlock ? last - i + 1 : kUniformBlock;
-        // The eight voxels of sample m and their trilinear weights.
-        auto corners = [&](int m, double* c, double* w) {
-          const double* f = frac3 + m;
-          const double wx[2] = {1.0 - f[0], f[0]};
-          const double wy[2] = {1.0 - f[kUniformBlock], f[kUniformBlock]};
-          const double wz[2] = {1.0 - f[2 * kUniformBlock], f[2 * kUniformBlock]};
-          for (int u = 0; u < 8; u++) {
-            c[u] = corner[u * kUniformBlock + m];
-            w[u] = wx[u & 1] * wy[(u >> 1) & 1] * wz[u >> 2];
+        // The eight voxels of sample m and their trilinear weights; pair()
+        // is reg_evaluateUniformLabelPair on them.
+        struct Corners {
+          const double* corner;
+          const double* frac3;
+          bool simd;
+          void operator()(int m, double* c, double* w) const {
+            const double* f = frac3 + m;
+            const double wx[2] = {1.0 - f[0], f[0]};
+            const double wy[2] = {1.0 - f[kUniformBlock], f[kUniformBlock]};
+            const double wz[2] = {1.0 - f[2 * kUniformBlock], f[2 * kUniformBlock]};
+            for (int u = 0; u < 8; u++) {
+              c[u] = corner[u * kUniformBlock + m];
+              w[u] = wx[u & 1] * wy[(u >> 1) & 1] * wz[u >> 2];
+            }
           }
-        };
+          bool pair(int m, double low, double top, int& j0, int& j1, double& w0, double& w1) const {
+#ifdef ZR_UNIFORM_AVX2
+            if (simd)
+              return reg_evaluateUniformLabelPairAvx2(corner, frac3, m, low, top, j0, j1, w0, w1);
+#endif
+            double c[8], w[8];
+            (*this)(m, c, w);
+            return reg_evaluateUniformLabelPair(c, w, low, top, j0, j1, w0, w1);
+          }
+        } corners{corner, frac3, simd};
         auto sample = [&](int m) {
           const double t = (double)(i + m);
           if constexpr (kPartialVolume) {

@@ -238,6 +238,60 @@ reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int nx, int ny, int nz, 
     scalar(m);
 }
 
+// The four lanes of a added as (0 + 1) + (2 + 3).
+ZR_TARGET_AVX2 inline double reg_evaluateUniformSumAvx2(__m256d a) {
+  const __m256d h = _mm256_hadd_pd(a, a);
+  return _mm_cvtsd_f64(_mm_add_pd(_mm256_castpd256_pd128(h), _mm256_extractf128_pd(h, 1)));
+}
+
+// The partial volume of sample m of a block over bins of one value each,
+// from the voxels and fractions reg_evaluateUniformSampleBlockAvx2 kept: the
+// eight voxels' bins (value - low, clamped to [0, top]) and trilinear
+// weights. Where the voxels fall into at most two bins, returns true with
+// the bin of voxel 0 and the other one (the first voxel's in another bin;
+// j1 == j0 where there is none) and the summed weights of each, added as
+// reg_evaluateUniformLabelPair adds them.
+ZR_TARGET_AVX2 inline bool reg_evaluateUniformLabelPairAvx2(const double* corner,
+                                                            const double* frac3, int m, double low,
+                                                            double top, int& j0, int& j1,
+                                                            double& w0, double& w1) {
+  const double* c = corner + m;
+  const __m256d zero = _mm256_setzero_pd();
+  const __m256d vlow = _mm256_set1_pd(low), vtop = _mm256_set1_pd(top);
+  const __m256d lo = _mm256_min_pd(
+      _mm256_max_pd(_mm256_sub_pd(_mm256_setr_pd(c[0], c[64], c[128], c[192]), vlow), zero), vtop);
+  const __m256d hi = _mm256_min_pd(
+      _mm256_max_pd(_mm256_sub_pd(_mm256_setr_pd(c[256], c[320], c[384], c[448]), vlow), zero),
+      vtop);
+  const double fx = frac3[m], fy = frac3[64 + m], fz = frac3[128 + m];
+  const __m256d wxy = _mm256_mul_pd(_mm256_setr_pd(1.0 - fx, fx, 1.0 - fx, fx),
+                                    _mm256_setr_pd(1.0 - fy, 1.0 - fy, fy, fy));
+  const __m256d wlo = _mm256_mul_pd(wxy, _mm256_set1_pd(1.0 - fz));
+  const __m256d whi = _mm256_mul_pd(wxy, _mm256_set1_pd(fz));
+  const __m256d first = _mm256_permute4x64_pd(lo, 0);
+  const __m256d eqLo = _mm256_cmp_pd(lo, first, _CMP_EQ_OQ);
+  const __m256d eqHi = _mm256_cmp_pd(hi, first, _CMP_EQ_OQ);
+  const int differ = ~(_mm256_movemask_pd(eqLo) | (_mm256_movemask_pd(eqHi) << 4)) & 0xff;
+  alignas(32) double t[8];
+  _mm256_store_pd(t, lo);
+  _mm256_store_pd(t + 4, hi);
+  const double second = differ ? t[__builtin_ctz(differ)] : t[0];
+  const __m256d other = _mm256_set1_pd(second);
+  const __m256d inLo = _mm256_cmp_pd(lo, other, _CMP_EQ_OQ);
+  const __m256d inHi = _mm256_cmp_pd(hi, other, _CMP_EQ_OQ);
+  if ((_mm256_movemask_pd(_mm256_or_pd(eqLo, inLo)) &
+       _mm256_movemask_pd(_mm256_or_pd(eqHi, inHi))) != 0xf)
+    return false;
+  // Lane l holds voxels l and l + 4.
+  w0 =
+      reg_evaluateUniformSumAvx2(_mm256_add_pd(_mm256_and_pd(wlo, eqLo), _mm256_and_pd(whi, eqHi)));
+  w1 =
+      reg_evaluateUniformSumAvx2(_mm256_add_pd(_mm256_and_pd(wlo, inLo), _mm256_and_pd(whi, inHi)));
+  j0 = (int)t[0];
+  j1 = (int)second;
+  return true;
+}
+
 // RegMutualInformation::binOf for four values: bins to bin[0 .. 4), the
 // weights of each bin and the next as pairs to w[0 .. 8) (n bins on the
 // axis).

@@ -399,17 +399,19 @@ TEST(RegAffineFunctionalUniform, SimdAndScalarFormsAgreeBitForBit) {
       Pair s(makeField(rt, refDims, refBox), makeField(mt, kModelDims, kModelBox));
       s.setSmallAffine();
       // -1: bins over part of the values, samples below and above them; -2:
-      // sampled by partial volume.
-      for (int kind : {int(MSD), int(NMI), int(CORR), -1, -2}) {
+      // sampled by partial volume; -3: the same with one bin per value, as
+      // label pairs of integer voxels are binned.
+      for (int kind : {int(MSD), int(NMI), int(CORR), -1, -2, -3}) {
         double value[2];
         int64_t inside[2];
         for (bool simd : {false, true}) {
           SimdSetting setting(simd);
-          RegMetric* metric = kind >= 0
-                                  ? s.newMetric(MetricKind(kind))
-                                  : new RegNormMutualInformation((QbPrimType)rt, (QbPrimType)mt, 70,
-                                                                 150, 70, 150, 32, 32, 1.0);
-          if (kind == -2)
+          RegMetric* metric =
+              kind >= 0
+                  ? s.newMetric(MetricKind(kind))
+                  : new RegNormMutualInformation((QbPrimType)rt, (QbPrimType)mt, 70, 150, 70, 150,
+                                                 kind == -3 ? 256 : 32, kind == -3 ? 256 : 32, 1.0);
+          if (kind <= -2)
             static_cast<RegMutualInformation*>(metric)->partialVolume = true;
           auto f = s.uniform(metric, 2);
           value[simd] = f->evaluate();
@@ -417,7 +419,8 @@ TEST(RegAffineFunctionalUniform, SimdAndScalarFormsAgreeBitForBit) {
         }
         const std::string what = std::string(kind >= 0    ? kMetricName[kind]
                                              : kind == -1 ? "NMI narrow"
-                                                          : "NMI PV") +
+                                             : kind == -2 ? "NMI PV"
+                                                          : "NMI PV labels") +
                                  " " + qbPrimTypeName(rt) + "/" + qbPrimTypeName(mt);
         EXPECT_EQ(value[1], value[0]) << what;
         EXPECT_EQ(inside[1], inside[0]) << what;
