@@ -117,10 +117,11 @@ inline double reg_evaluateUniformSample(const ModelT* model, double x, double y,
 
 // The partial volume of one sample over bins of one value each: its eight
 // voxels c and their trilinear weights w (as reg_evaluateUniformSlice's
-// corners give them), and the bins' low end and top index. Where the voxels fall into
-// at most two bins, returns true with the bin of voxel 0 (j0) and the other
-// one (that of the first voxel in another bin, j0 where there is none) and
-// their summed weights; the AVX2 form gives the same to the last bit.
+// corners give them), and the bins' low end and top index. Where the voxels
+// fall into at most two bins, returns true with the bin of voxel 0 (j0) and
+// the other one (that of the first voxel in another bin, j0 where there is
+// none) and their summed weights; the AVX2 form gives the same to the last
+// bit.
 inline bool reg_evaluateUniformLabelPair(const double* c, const double* w, double low, double top,
                                          int& j0, int& j1, double& w0, double& w1) {
   double t[8];

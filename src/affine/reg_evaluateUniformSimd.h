@@ -129,9 +129,9 @@ ZR_TARGET_AVX2 inline __m256d reg_evaluateUniformLerpAvx2(__m256d a, __m256d b, 
 //
 // With `pure`, pure[m] tells whether the eight voxels of sample m are equal
 // (the sample then is their value), corner[u * 64 + m] holds its voxel u (bit
-// 0 of u along x, bit 1 y, bit 2 z, the border replicated) and frac[a * 64 +
-// m] its fraction along axis a; `scalar(m)` sets them for its samples. Both
-// arrays are aligned to 32 bytes.
+// 0 of u along x, bit 1 y, bit 2 z, the border replicated) and
+// frac3[a * 64 + m] its fraction along axis a; `scalar(m)` sets them for its
+// samples. Both arrays are aligned to 32 bytes.
 template <class ModelT, class Scalar>
 ZR_TARGET_AVX2 void
 reg_evaluateUniformSampleBlockAvx2(const ModelT* model, int nx, int ny, int nz, const SbVec3d& v,
