@@ -92,17 +92,14 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
   // A reference of bytes takes its bins and weights from a table of its 256
   // values, made by the same binOf, so the results are those of binning each
   // voxel.
-  // For label pairs, cell[v] is the one bin that takes all of value v.
   struct ByteBins {
-    int bin[256], cell[256];
+    int bin[256];
     double w[512];
   } byteBins;
   if constexpr (std::is_same_v<RefT, uint8_t>)
-    for (int v = 0; v < 256; v++) {
+    for (int v = 0; v < 256; v++)
       RegMutualInformation::binOf((double)v, refMin, refScale, nRef, byteBins.bin[v],
                                   byteBins.w[2 * v], byteBins.w[2 * v + 1]);
-      byteBins.cell[v] = byteBins.bin[v] + (byteBins.w[2 * v + 1] > 0.0 ? 1 : 0);
-    }
 
   const int savedThreads = omp_get_max_threads();
   omp_set_num_threads((int)numThreads);
@@ -151,23 +148,13 @@ void reg_evaluateUniformMI(const RefT* ref, const ModelT* model, const QbVec3i& 
     // compiler would otherwise have to assume might change them. Worked in
     // integers, the clamps take no branch; a model value between two labels
     // (a sample the partial volume takes apart) is cut down to the lower.
-    const int* byteCell = byteBins.cell;
     const int64_t refLow = (int64_t)refMin, modelLow = (int64_t)modelMin;
     const int64_t refTop = nRef - 1, modelTop = nMod - 1;
     auto clampCell = [](int64_t t, int64_t top) -> int {
       t = t > 0 ? t : 0;
       return (int)(t < top ? t : top);
     };
-    auto refCell = [=](RefT v) -> int {
-      if constexpr (std::is_same_v<RefT, uint8_t>) {
-        (void)refLow;
-        (void)refTop;
-        return byteCell[v];
-      } else {
-        (void)byteCell;
-        return clampCell((int64_t)v - refLow, refTop);
-      }
-    };
+    auto refCell = [=](RefT v) -> int { return clampCell((int64_t)v - refLow, refTop); };
     auto modelCell = [=](double v) -> int { return clampCell((int64_t)v - modelLow, modelTop); };
 #pragma omp for schedule(static, 1)
     for (int k = 0; k < nz; k++) {
